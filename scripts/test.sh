@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the default build, the sanitizer build, and a
+# bounded run of each fuzz target.  FUZZ_SECONDS sets the fuzzing time per
+# target (default 60; 0 skips fuzzing).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/bootstrap.sh
+jobs=$(nproc)
+fuzz_seconds=${FUZZ_SECONDS:-60}
+
+for preset in default sanitize; do
+    echo "== $preset build"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" -j"$jobs"
+    echo "== $preset tests"
+    ctest --preset "$preset" -j"$jobs"
+done
+
+if [ "$fuzz_seconds" -gt 0 ]; then
+    echo "== fuzz build"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz -j"$jobs" --target fuzzers
+    mkdir -p build/fuzz/corpus
+    for target in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$target" ] || continue
+        name=$(basename "$target")
+        mkdir -p "build/fuzz/corpus/$name"
+        echo "== fuzzing $name for ${fuzz_seconds}s"
+        "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "build/fuzz/corpus/$name"
+    done
+fi
