@@ -1,0 +1,414 @@
+// The reference host's program API: a host program's view of the interpreter.
+//
+// One zok::Host lives at a time; while it lives it is the host the C operations
+// of zok.h act on.  Programs hand values in as zok::Value (a plain C++ value,
+// independent of the host) or name a program variable with zok::Ref; results
+// come back as zok::Value.  Every failure raised with the error action leaves an
+// API call as a zok::Error, after the host has released what the failed call
+// left behind.
+#pragma once
+
+#include <zok/zok.h>
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace zok {
+
+// A message raised with the error action, as the program sees it.
+class Error : public std::exception {
+public:
+    Error(int32_t code, std::string text, std::string routine);
+    ~Error() override;
+    const char* what() const noexcept override;
+
+    int32_t code() const { return code_; }
+    const std::string& text() const { return text_; }
+    // The registered routine that was running when the message was raised
+    // (empty when none was).
+    const std::string& routine() const { return routine_; }
+
+private:
+    int32_t code_;
+    std::string text_;
+    std::string routine_;
+    std::string what_;
+};
+
+// One message as recorded by the host, whatever its action.
+struct Message {
+    int32_t code = 0;
+    std::string text;
+    int32_t action = 0;
+    std::string routine;
+};
+
+// Heap references, kept apart from integers so that they cannot be confused.
+struct ObjectRef {
+    uint32_t id = 0;
+    explicit operator bool() const { return id != 0; }
+    friend bool operator==(ObjectRef, ObjectRef) = default;
+};
+struct PointerRef {
+    uint32_t id = 0;
+    explicit operator bool() const { return id != 0; }
+    friend bool operator==(PointerRef, PointerRef) = default;
+};
+
+class Value;
+
+// A structure value: its structure's name and every tag (inherited ones
+// first) with its value.
+struct StructValue {
+    std::string name;
+    std::vector<std::pair<std::string, Value>> fields;
+};
+
+// A host value as plain C++ data: undefined, a scalar of any type code, or a
+// one-dimensional array of one type code.  Converting to and from host
+// variables is the host's business; a Value holds no host resources.
+class Value {
+public:
+    Value() = default;
+    template <typename T>
+    requires std::is_integral_v<T> &&(!std::is_same_v<T, bool>)Value(T v) {
+        constexpr bool is_signed = std::is_signed_v<T>;
+        if constexpr (sizeof(T) == 1)
+            set_int(is_signed ? ZOK_T_SHORT : ZOK_T_BYTE, static_cast<int64_t>(v));
+        else if constexpr (sizeof(T) == 2)
+            set_int(is_signed ? ZOK_T_SHORT : ZOK_T_USHORT, static_cast<int64_t>(v));
+        else if constexpr (sizeof(T) == 4)
+            set_int(is_signed ? ZOK_T_LONG : ZOK_T_ULONG, static_cast<int64_t>(v));
+        else if constexpr (is_signed)
+            set_int(ZOK_T_LONG64, static_cast<int64_t>(v));
+        else
+            set_uint64(v);
+    }
+    Value(float v);
+    Value(double v);
+    Value(const char* text);
+    Value(std::string text);
+    Value(std::string_view text);
+    Value(ObjectRef ref);
+    Value(PointerRef ref);
+    Value(StructValue st);
+    template <typename T>
+    Value(const std::vector<T>& elements) : Value(array_of(elements)) {}
+
+    // An array of `type` from elements that each convert to that type.
+    static Value array(uint8_t type, std::vector<Value> elements);
+    // A scalar of `type` holding the number (converted as the host converts).
+    static Value number(uint8_t type, double v);
+    static Value integer(uint8_t type, int64_t v);
+
+    uint8_t type() const { return type_; }
+    bool defined() const { return type_ != ZOK_T_UNDEFINED; }
+    bool is_array() const { return is_array_; }
+    bool is_number() const;
+
+    // Scalar readers; each throws zok::Error (ZOK_ERR_CONVERSION) when the value
+    // has no such reading.  Numbers convert between widths with range checks.
+    int64_t as_int() const;
+    uint64_t as_uint() const;
+    double as_double() const;
+    const std::string& as_string() const;
+    ObjectRef as_object() const;
+    PointerRef as_pointer() const;
+    const StructValue& as_struct() const;
+    template <typename T>
+    T as() const;
+
+    // Array elements (a scalar reads as an array of one).
+    std::vector<Value> elements() const;
+    size_t size() const { return is_array_ ? elements_.size() : (defined() ? 1 : 0); }
+
+    friend bool operator==(const Value& a, const Value& b);
+    // A readable rendering for test failure messages.
+    std::string to_string() const;
+
+private:
+    template <typename T>
+    static Value array_of(const std::vector<T>& elements) {
+        std::vector<Value> values;
+        values.reserve(elements.size());
+        for (const T& e : elements)
+            values.emplace_back(e);
+        return array(values.empty() ? element_type_of<T>() : values.front().type(),
+                     std::move(values));
+    }
+    template <typename T>
+    static uint8_t element_type_of() {
+        if constexpr (std::is_constructible_v<Value, T>)
+            return Value(T{}).type();
+        else
+            return ZOK_T_UNDEFINED;
+    }
+    void set_int(uint8_t type, int64_t v);
+    void set_uint64(uint64_t v);
+
+    uint8_t type_ = ZOK_T_UNDEFINED;
+    bool is_array_ = false;
+    int64_t int_ = 0;
+    double double_ = 0;
+    std::string text_;
+    std::shared_ptr<const StructValue> struct_;
+    std::vector<Value> elements_;
+};
+
+template <>
+inline int64_t Value::as<int64_t>() const {
+    return as_int();
+}
+template <>
+inline int32_t Value::as<int32_t>() const {
+    return static_cast<int32_t>(as_int());
+}
+template <>
+inline uint32_t Value::as<uint32_t>() const {
+    return static_cast<uint32_t>(as_uint());
+}
+template <>
+inline uint64_t Value::as<uint64_t>() const {
+    return as_uint();
+}
+template <>
+inline double Value::as<double>() const {
+    return as_double();
+}
+template <>
+inline std::string Value::as<std::string>() const {
+    return as_string();
+}
+template <>
+inline ObjectRef Value::as<ObjectRef>() const {
+    return as_object();
+}
+template <>
+inline PointerRef Value::as<PointerRef>() const {
+    return as_pointer();
+}
+
+// A named program variable, passed by reference: the callee may write it.
+struct Ref {
+    std::string name;
+};
+
+// One argument of a call: a value (passed as a temporary the callee may
+// consume) or a named program variable (passed by reference, not temporary).
+class Arg {
+public:
+    template <typename T>
+    requires std::is_constructible_v<Value, T> Arg(T&& v) : value_(std::forward<T>(v)) {}
+    Arg(Value v) : value_(std::move(v)) {}
+    Arg(Ref ref) : ref_(std::move(ref.name)), is_ref_(true) {}
+
+    bool is_ref() const { return is_ref_; }
+    const Value& value() const { return value_; }
+    const std::string& ref() const { return ref_; }
+
+private:
+    Value value_;
+    std::string ref_;
+    bool is_ref_ = false;
+};
+
+// A keyword of a call: its name (any case, any unique prefix) and argument.
+struct Keyword {
+    std::string name;
+    Arg arg;
+};
+
+using Args = std::vector<Arg>;
+using Keywords = std::vector<Keyword>;
+
+class Host;
+
+// What a program routine sees of its call.
+class Call {
+public:
+    int32_t argc() const { return argc_; }
+    // Argument i as a value (throws for i out of range).
+    Value arg(int32_t i) const;
+    // Argument i as the host variable itself, for routines that write outputs.
+    zok_var* var(int32_t i) const;
+    // Stores a copy of `v` into argument i (an output argument).
+    void set(int32_t i, const Value& v) const;
+    // Argument 0 of a method.
+    ObjectRef self() const;
+    // The keyword given under `name` (exact upper-case name), if any.
+    std::optional<Value> keyword(std::string_view name) const;
+    zok_var* keyword_var(std::string_view name) const;
+    // The opaque keyword block, for host_keywords_process.
+    zok_keywords* keywords() const { return kw_; }
+    zok_var** argv() const { return argv_; }
+    Host& host() const { return *host_; }
+
+private:
+    friend class Host;
+    friend struct HostAccess;
+    Call(Host* host, int32_t argc, zok_var** argv, zok_keywords* kw)
+        : host_(host), argc_(argc), argv_(argv), kw_(kw) {}
+    Host* host_;
+    int32_t argc_;
+    zok_var** argv_;
+    zok_keywords* kw_;
+};
+
+// A program routine.  A function's result is returned; a procedure returns
+// Value() (ignored).
+using Routine = std::function<Value(Call&)>;
+
+// One tag of a structure defined by a program.
+struct TagSpec {
+    std::string name;
+    uint8_t type = ZOK_T_LONG;
+};
+
+// Live blocks and bytes under one allocation label.
+struct MemStats {
+    size_t blocks = 0;
+    size_t bytes = 0;
+    friend bool operator==(const MemStats&, const MemStats&) = default;
+};
+
+// Registration operations that fault injection can make refuse.
+enum class Operation { DefineMessageBlock, AddRoutines };
+
+// Label under which host_mem_alloc_plain blocks are accounted.
+inline constexpr const char* kPlainLabel = "(plain)";
+
+class Host {
+public:
+    // Becomes the current host; throws when another host is alive.
+    Host();
+    // Tears everything down: heap, temporaries, texts, memory, registrations.
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // The current host (throws zok::Error when there is none).
+    static Host& current();
+
+    // ---- Modules
+    // Loads a shared library and runs its ZOK_Load; a missing file, missing entry
+    // point or ZOK_Load returning 0 is a zok::Error.
+    void load_module(const std::string& path);
+    // The same for a module linked into the program; `reset` may be null.
+    void load_module(int32_t (*load)(), void (*reset)());
+    // Calls every loaded module's ZOK_ResetSession, then frees the heap.
+    void reset_session();
+
+    // ---- Calls
+    Value call_function(std::string_view name, const Args& args = {}, const Keywords& kw = {});
+    void call_procedure(std::string_view name, const Args& args = {}, const Keywords& kw = {});
+    // Calls METHOD (or CLASS::METHOD, resolved from CLASS up) on the object; a
+    // procedure's result is Value().
+    Value call_method(ObjectRef self, std::string_view method, const Args& args = {},
+                      const Keywords& kw = {});
+    // Creates an object (INIT runs with args and kw); a null ref when INIT returned 0.
+    ObjectRef new_object(std::string_view class_name, const Args& args = {},
+                         const Keywords& kw = {});
+    // CLEANUP, then free; null or dead: nothing.
+    void destroy(ObjectRef obj);
+    bool isa(ObjectRef obj, std::string_view class_name);
+    std::string class_of(ObjectRef obj) const;
+
+    // ---- Program routines (functions and procedures; methods are CLASS::METHOD)
+    void add_function(std::string name, uint16_t min_args, uint16_t max_args, Routine fn,
+                      bool keywords = false);
+    void add_procedure(std::string name, uint16_t min_args, uint16_t max_args, Routine fn,
+                       bool keywords = false);
+    bool has_routine(std::string_view name) const;
+
+    // ---- Structures and classes
+    // Same rules as host_make_struct; throws zok::Error when refused.
+    zok_struct_def* define_struct(std::string name, const std::vector<TagSpec>& tags,
+                                  std::string_view parent = {});
+    zok_struct_def* find_struct(std::string_view name) const;
+    // Tag names of a structure in instance order (inherited first).
+    std::vector<std::string> tags_of(std::string_view name) const;
+
+    // ---- Object tags
+    Value get_tag(ObjectRef obj, std::string_view tag) const;
+    void set_tag(ObjectRef obj, std::string_view tag, const Value& v);
+
+    // ---- Program variables (roots of the collection)
+    void set_var(std::string name, const Value& v);
+    Value get_var(std::string_view name) const;
+    bool has_var(std::string_view name) const;
+    void erase_var(std::string_view name);
+    // The host variable itself (null when there is no such variable).
+    zok_var* raw_var(std::string_view name);
+
+    // ---- Values and host variables
+    // A new temporary holding `v` (for tests that drive the C operations).
+    zok_var* make_temp(const Value& v);
+    // Reads a host variable as a value.
+    Value read(const zok_var& var) const;
+
+    // ---- Heap inspection
+    // Live heap identifiers in increasing order; kind 0 for both kinds.
+    std::vector<uint32_t> heap_ids(int32_t kind = 0) const;
+    size_t heap_count() const;
+    bool heap_alive(uint32_t id) const;
+    uint32_t heap_flags(uint32_t id) const;
+    int32_t heap_kind(uint32_t id) const;
+    Value heap_value(uint32_t id) const;
+    // Moves the next heap identifier forward (never backward).
+    void set_next_heap_id(uint32_t next);
+    uint32_t next_heap_id() const;
+    // Frees every heap variable that neither the program's variables, live
+    // temporaries nor heap variables flagged ZOK_HEAP_HELD reach.  Returns the
+    // count freed.
+    size_t collect();
+    // Checks the heap table's invariants; throws std::logic_error naming the first
+    // broken one.
+    void check_heap() const;
+
+    // ---- Temporaries, texts, memory
+    size_t live_temps() const;
+    // Temporaries the last outermost call left behind (the host released them).
+    size_t leftover_temps() const;
+    size_t live_texts() const;
+    MemStats memory(std::string_view label) const;
+    std::map<std::string, MemStats> memory_by_label() const;
+    MemStats memory_total() const;
+    // Frees made under a freeing label (host_mem_free_tagged, host_mem_free_labelled).
+    size_t frees(std::string_view label) const;
+    // Allocations of every kind so far.
+    uint64_t allocations() const;
+
+    // ---- Fault injection
+    // The nth allocation from now (1 = the next) fails; 0 turns it off.
+    void fail_allocation(uint64_t nth);
+    // Every allocation under `label` fails (kPlainLabel for plain blocks).
+    void fail_label(std::string label);
+    // The nth call from now of the operation (1 = the next) refuses.
+    void refuse(Operation op, uint32_t nth = 1);
+    void clear_faults();
+
+    // ---- Messages
+    const std::vector<Message>& messages() const;
+    void clear_messages();
+    // Test hook: the error action records and returns instead of raising.
+    void set_errors_return(bool on);
+
+    struct State;
+
+private:
+    friend class Call;
+    friend struct HostAccess;
+    std::unique_ptr<State> state_;
+};
+
+} // namespace zok
