@@ -1,0 +1,40 @@
+// maph: a map_rbh tree with one entry per key, always searched with the caller's
+// comparison.  A map is its head's heap identifier, an entry a leaf's; 0 is none.  The
+// map never owns keys or values: whoever stored them frees them before removing an entry
+// or freeing the map.  Entries run from maph_first along maph_next until the map itself
+// comes back.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "maps/rbh.hpp"
+
+namespace flux {
+
+uint32_t maph_new();
+// Replaces the entry with an equal key, if any, by a new one.  The new entry, or 0 when
+// no heap variable can be made (an entry it replaced is gone even then).
+uint32_t maph_put(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
+// The entry with an equal key, or 0 (also for map 0).
+uint32_t maph_find(uint32_t map, uint32_t key, RbhCompare compare);
+void maph_remove_node(uint32_t entry);    // nothing for 0
+void maph_free(uint32_t map);             // nothing for 0
+uint32_t maph_node_key(uint32_t entry);   // 0 for 0
+uint32_t maph_node_value(uint32_t entry); // 0 for 0
+// The first / last entry in key order, or the map itself when it is empty.
+uint32_t maph_first(uint32_t map);
+uint32_t maph_last(uint32_t map);
+// The entry after `entry` in key order, or the map after the last.
+uint32_t maph_next(uint32_t entry);
+std::size_t maph_count(uint32_t map);
+bool maph_is_empty(uint32_t map);
+
+// Insertions without a look for an equal key.  Each returns the new entry or 0.
+// Just after `entry` (before its successor; after the map itself means first).
+uint32_t maph_insert_after(uint32_t entry, uint32_t key, uint32_t value);
+// By the unsigned key kind.
+uint32_t maph_insert_key(uint32_t map, uint32_t key, uint32_t value);
+uint32_t maph_insert_gkey(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
+
+} // namespace flux
