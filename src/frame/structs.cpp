@@ -38,12 +38,9 @@ const zok_tag_entry behavior_tags[] = {
     end_of_tags,
 };
 const zok_tag_entry delaybehav_tags[] = {
-    inherit("ZOKFWBEHAVIOR"),
-    tag("ZOKFWDELAYBEHAV_VERSION", ZOK_T_LONG),
-    tag("OBJECT", ZOK_T_OBJECT),
-    tag("METH_IDENT", ZOK_T_POINTER),
-    tag("SUB_BEHAVIOR", ZOK_T_OBJECT),
-    end_of_tags,
+    inherit("ZOKFWBEHAVIOR"),          tag("ZOKFWDELAYBEHAV_VERSION", ZOK_T_LONG),
+    tag("OBJECT", ZOK_T_OBJECT),       tag("METH_IDENT", ZOK_T_POINTER),
+    tag("SUB_BEHAVIOR", ZOK_T_OBJECT), end_of_tags,
 };
 const zok_tag_entry delayargbehav_tags[] = {
     inherit("ZOKFWDELAYBEHAV"),
@@ -99,10 +96,17 @@ const zok_tag_entry querybehav_tags[] = {
     end_of_tags,
 };
 const zok_tag_entry map_rbh_node_tags[] = {
-    tag("FLINK", ZOK_T_POINTER),  tag("BLINK", ZOK_T_POINTER),  tag("PARENT", ZOK_T_POINTER),
-    tag("KEY", ZOK_T_POINTER),    tag("VAL", ZOK_T_POINTER),    tag("STATUS0", ZOK_T_BYTE),
-    tag("STATUS1", ZOK_T_BYTE),   tag("STATUS2", ZOK_T_BYTE),   tag("STATUS3", ZOK_T_BYTE),
-    tag("STATUS4", ZOK_T_BYTE),   end_of_tags,
+    tag("FLINK", ZOK_T_POINTER),
+    tag("BLINK", ZOK_T_POINTER),
+    tag("PARENT", ZOK_T_POINTER),
+    tag("KEY", ZOK_T_POINTER),
+    tag("VAL", ZOK_T_POINTER),
+    tag("STATUS0", ZOK_T_BYTE),
+    tag("STATUS1", ZOK_T_BYTE),
+    tag("STATUS2", ZOK_T_BYTE),
+    tag("STATUS3", ZOK_T_BYTE),
+    tag("STATUS4", ZOK_T_BYTE),
+    end_of_tags,
 };
 
 enum StructIndex {
@@ -162,19 +166,47 @@ void define_structures() {
     }
 }
 
-zok_struct_def* struct_saveable() { return definitions[SAVEABLE]; }
-zok_struct_def* struct_hasahandler() { return definitions[HASAHANDLER]; }
-zok_struct_def* struct_dsmap() { return definitions[DSMAP]; }
-zok_struct_def* struct_behavior() { return definitions[BEHAVIOR]; }
-zok_struct_def* struct_delaybehav() { return definitions[DELAYBEHAV]; }
-zok_struct_def* struct_delayargbehav() { return definitions[DELAYARGBEHAV]; }
-zok_struct_def* struct_funcbehav() { return definitions[FUNCBEHAV]; }
-zok_struct_def* struct_message() { return definitions[MESSAGE]; }
-zok_struct_def* struct_messagehandler() { return definitions[MESSAGEHANDLER]; }
-zok_struct_def* struct_objbehav() { return definitions[OBJBEHAV]; }
-zok_struct_def* struct_procbehav() { return definitions[PROCBEHAV]; }
-zok_struct_def* struct_query() { return definitions[QUERY]; }
-zok_struct_def* struct_querybehav() { return definitions[QUERYBEHAV]; }
-zok_struct_def* struct_map_rbh_node() { return definitions[MAP_RBH_NODE]; }
+zok_struct_def* struct_saveable() {
+    return definitions[SAVEABLE];
+}
+zok_struct_def* struct_hasahandler() {
+    return definitions[HASAHANDLER];
+}
+zok_struct_def* struct_dsmap() {
+    return definitions[DSMAP];
+}
+zok_struct_def* struct_behavior() {
+    return definitions[BEHAVIOR];
+}
+zok_struct_def* struct_delaybehav() {
+    return definitions[DELAYBEHAV];
+}
+zok_struct_def* struct_delayargbehav() {
+    return definitions[DELAYARGBEHAV];
+}
+zok_struct_def* struct_funcbehav() {
+    return definitions[FUNCBEHAV];
+}
+zok_struct_def* struct_message() {
+    return definitions[MESSAGE];
+}
+zok_struct_def* struct_messagehandler() {
+    return definitions[MESSAGEHANDLER];
+}
+zok_struct_def* struct_objbehav() {
+    return definitions[OBJBEHAV];
+}
+zok_struct_def* struct_procbehav() {
+    return definitions[PROCBEHAV];
+}
+zok_struct_def* struct_query() {
+    return definitions[QUERY];
+}
+zok_struct_def* struct_querybehav() {
+    return definitions[QUERYBEHAV];
+}
+zok_struct_def* struct_map_rbh_node() {
+    return definitions[MAP_RBH_NODE];
+}
 
 } // namespace flux

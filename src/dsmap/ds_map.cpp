@@ -1,0 +1,209 @@
+// ZOKDSMAP.  Each entry of the object's heap-backed map has a key and a value
+// that are pointer heap variables the class owns: the key holds a copy of the
+// key string, the value a copy of the stored value.  Entries are ordered by
+// the host's string comparison of the key texts.
+//
+// A map identifier of 0 (INIT could not make the map) reads as an empty map;
+// an identifier whose heap variable has gone raises "ZOKdsMap heap
+// dereference error", as does a key or value heap variable that has gone.
+#include "dsmap/ds_map.hpp"
+
+#include "frame/host_api.hpp"
+#include "maps/maph.hpp"
+
+namespace flux {
+namespace {
+
+zok_heap_record* deref(uint32_t heap_id) {
+    zok_heap_record* rec = host_heap_var(heap_id);
+    if (rec == nullptr)
+        raise_module_message(MSG_DSMAP_HEAPDEREFERR);
+    return rec;
+}
+
+int compare_keys(uint32_t key, uint32_t leaf_key) {
+    const zok_heap_record* a = deref(key);
+    const zok_heap_record* b = deref(leaf_key);
+    if (a->var.type != ZOK_T_STRING)
+        host_require_string(&a->var, ZOK_ACTION_ERROR);
+    if (b->var.type != ZOK_T_STRING)
+        host_require_string(&b->var, ZOK_ACTION_ERROR);
+    return host_string_compare(&a->var.value.str, &b->var.value.str);
+}
+
+struct DsMap {
+    uint32_t map; // 0 when INIT could not make one
+
+    // Resolves self and checks that its map still exists.
+    static DsMap of(zok_var** argv) {
+        const Self self = resolve_object(argv[0], DSMAP_ANCHOR);
+        const uint32_t map = self.fields<DsMapFields>().the_map;
+        if (map != 0)
+            deref(map);
+        return DsMap{map};
+    }
+};
+
+const zok_var* key_argument(zok_var** argv) {
+    if (argv[1]->type != ZOK_T_STRING)
+        host_require_string(argv[1], ZOK_ACTION_ERROR);
+    return argv[1];
+}
+
+// A heap copy of the search key, freed at scope exit unless kept.
+class KeyCopy {
+public:
+    explicit KeyCopy(const zok_var* key)
+        : id_(host_heap_var_new(ZOK_HEAP_POINTER, const_cast<zok_var*>(key), ZOK_HEAP_NEW_COPY,
+                                ZOK_ACTION_ERROR)
+                  ->id) {}
+    KeyCopy(const KeyCopy&) = delete;
+    KeyCopy& operator=(const KeyCopy&) = delete;
+    ~KeyCopy() {
+        if (id_ != 0)
+            host_heap_free(id_, 0, 0);
+    }
+    uint32_t id() const { return id_; }
+    uint32_t keep() {
+        const uint32_t id = id_;
+        id_ = 0;
+        return id;
+    }
+
+private:
+    uint32_t id_;
+};
+
+// The entry for the key argument, or 0.
+uint32_t find_entry(const DsMap& m, const zok_var* key) {
+    if (m.map == 0)
+        return 0;
+    const KeyCopy probe(key);
+    return maph_find(m.map, probe.id(), compare_keys);
+}
+
+void free_if_alive(uint32_t heap_id) {
+    if (host_heap_var(heap_id) != nullptr)
+        host_heap_free(heap_id, 0, 0);
+}
+
+zok_var* dsmap_init(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = resolve_object(argv[0], DSMAP_ANCHOR);
+    self.fields<DsMapFields>().the_map = maph_new();
+    return host_temp_long(1);
+}
+
+void dsmap_cleanup(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = resolve_object(argv[0], DSMAP_ANCHOR);
+    const uint32_t map = self.fields<DsMapFields>().the_map;
+    if (map == 0 || host_heap_var(map) == nullptr)
+        return; // never made, or already cleaned up
+    for (uint32_t e = maph_first(map); e != map; e = maph_next(e)) {
+        free_if_alive(maph_node_key(e));
+        free_if_alive(maph_node_value(e));
+    }
+    maph_free(map);
+}
+
+void dsmap_insert(int32_t, zok_var** argv, zok_keywords*) {
+    const DsMap m = DsMap::of(argv);
+    const zok_var* key = key_argument(argv);
+    if (m.map == 0)
+        raise_module_message(MSG_DSMAP_HEAPDEREFERR);
+    KeyCopy k(key);
+    if (const uint32_t entry = maph_find(m.map, k.id(), compare_keys)) {
+        host_var_store(&deref(maph_node_value(entry))->var, argv[2]);
+        return;
+    }
+    const uint32_t v =
+        host_heap_var_new(ZOK_HEAP_POINTER, argv[2], ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)->id;
+    Undo drop_value([v] { host_heap_free(v, 0, 0); });
+    if (maph_put(m.map, k.id(), v, compare_keys) == 0)
+        raise_no_memory("ZOKdsMap::Insert");
+    drop_value.commit();
+    k.keep();
+}
+
+void dsmap_remove(int32_t, zok_var** argv, zok_keywords*) {
+    const DsMap m = DsMap::of(argv);
+    const uint32_t entry = find_entry(m, key_argument(argv));
+    if (entry == 0)
+        return;
+    free_if_alive(maph_node_key(entry));
+    free_if_alive(maph_node_value(entry));
+    maph_remove_node(entry);
+}
+
+zok_var* dsmap_keyexists(int32_t, zok_var** argv, zok_keywords*) {
+    const DsMap m = DsMap::of(argv);
+    const bool present = find_entry(m, key_argument(argv)) != 0;
+    zok_var* result = host_temp_var();
+    result->type = ZOK_T_BYTE;
+    result->value.byte_val = present ? 1 : 0;
+    return result;
+}
+
+zok_var* dsmap_getdata(int32_t, zok_var** argv, zok_keywords*) {
+    const DsMap m = DsMap::of(argv);
+    const uint32_t entry = find_entry(m, key_argument(argv));
+    TempGuard result(host_temp_var());
+    if (entry != 0)
+        host_var_copy_out(&deref(maph_node_value(entry))->var, result.get());
+    return result.release();
+}
+
+size_t entry_count(const DsMap& m) {
+    return m.map == 0 ? 0 : maph_count(m.map);
+}
+
+zok_var* dsmap_getsize(int32_t, zok_var** argv, zok_keywords*) {
+    return host_temp_long(static_cast<int32_t>(entry_count(DsMap::of(argv))));
+}
+
+zok_var* dsmap_getkeys(int32_t argc, zok_var** argv, zok_keywords*) {
+    const DsMap m = DsMap::of(argv);
+    const auto n = static_cast<int32_t>(entry_count(m));
+    zok_var* keys = nullptr;
+    if (n < 1) {
+        keys = host_temp_var();
+        keys->type = ZOK_T_STRING;
+        host_string_store(&keys->value.str, "");
+    } else {
+        auto* elements = static_cast<zok_string*>(host_make_temp_vector(ZOK_T_STRING, n, 1, &keys));
+        TempGuard guard(keys);
+        int32_t i = 0;
+        for (uint32_t e = maph_first(m.map); e != m.map; e = maph_next(e), ++i) {
+            const zok_heap_record* key = deref(maph_node_key(e));
+            if (key->var.type != ZOK_T_STRING)
+                host_require_string(&key->var, ZOK_ACTION_ERROR);
+            elements[i] = key->var.value.str;
+            host_string_duplicate(&elements[i], 1);
+        }
+        guard.release();
+    }
+    if (argc == 2) {
+        host_var_free_value(argv[1]);
+        argv[1]->type = ZOK_T_LONG;
+        argv[1]->value.long_val = n;
+    }
+    return keys;
+}
+
+constexpr zok_routine_entry functions[] = {
+    function_entry(dsmap_getdata, "ZOKDSMAP::GETDATA", 2, 2),
+    function_entry(dsmap_getkeys, "ZOKDSMAP::GETKEYS", 1, 2),
+    function_entry(dsmap_getsize, "ZOKDSMAP::GETSIZE", 1, 1),
+    function_entry(dsmap_init, "ZOKDSMAP::INIT", 1, 1),
+    function_entry(dsmap_keyexists, "ZOKDSMAP::KEYEXISTS", 2, 2),
+};
+constexpr zok_routine_entry procedures[] = {
+    procedure_entry(dsmap_cleanup, "ZOKDSMAP::CLEANUP", 1, 1),
+    procedure_entry(dsmap_insert, "ZOKDSMAP::INSERT", 3, 3),
+    procedure_entry(dsmap_remove, "ZOKDSMAP::REMOVE", 2, 2),
+};
+
+} // namespace
+
+const RoutineList dsmap_routines{functions, procedures};
+
+} // namespace flux

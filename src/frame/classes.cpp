@@ -1,0 +1,32 @@
+// The module's classes and routine groups, in the order of the class tree;
+// the frame registers their routines and runs their session resets.
+#include "dsmap/ds_map.hpp"
+#include "frame/module.hpp"
+#include "fw/fw_ident.hpp"
+#include "fw/fw_saveable.hpp"
+
+namespace flux {
+namespace {
+
+const RoutineList* const routine_lists[] = {
+    &saveable_routines,
+    &dsmap_routines,
+    &fwident_routines,
+};
+
+// Identifiers first: every identifier is freed whatever its use count.
+const SessionReset resets[] = {
+    fwident_session_reset,
+};
+
+} // namespace
+
+std::span<const RoutineList* const> class_routine_lists() {
+    return routine_lists;
+}
+
+std::span<const SessionReset> session_resets() {
+    return resets;
+}
+
+} // namespace flux

@@ -1,0 +1,135 @@
+// The module's thin layer over the host interface: the message block, self
+// resolution, RAII guards for what the host lends (temporaries, keyword
+// results), and the INIT-with-keywords step that every framework class
+// shares.  Errors raised with ZOK_ACTION_ERROR unwind as exceptions through
+// module code, so everything borrowed from the host is held by a guard.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <utility>
+
+#include <zok/zok.h>
+
+namespace flux {
+
+// Codes of the module's own message block.
+enum ModuleMessage : int32_t {
+    MSG_DSMAP_HEAPDEREFERR = 0, // "ZOKdsMap heap dereference error"
+    MSG_FWMSG_IDCORRUPT = -1,   // "FWIdent corruption"
+};
+
+// The handle of the module's message block; null until the module has loaded.
+const zok_message_block* message_block();
+void set_message_block(const zok_message_block* block);
+
+// Raises one of the module's own messages with the error action.
+void raise_module_message(ModuleMessage code);
+
+// Anchor tags: every framework object is reached from its root class's first
+// tag; the map class has an anchor of its own.
+inline constexpr const char* FRAMEWORK_ANCHOR = "ZOKFWSAVEABLE_TOP";
+inline constexpr const char* DSMAP_ANCHOR = "ZOKDSMAP_VERSION";
+
+// What every method builds first: where the object's fields start, and the
+// object's heap identifier.  Valid for one call only.
+struct Self {
+    void* data;
+    uint32_t heap_id;
+
+    // The object's fields as laid out from the anchor tag (a layout struct).
+    template <class Layout>
+    Layout& fields() const {
+        return *static_cast<Layout*>(data);
+    }
+};
+
+// Resolves an object reference argument; the host raises its error when the
+// argument is not a live object.
+Self resolve_object(const zok_var* object, const char* anchor);
+
+inline Self framework_self(zok_var** argv) {
+    return resolve_object(argv[0], FRAMEWORK_ANCHOR);
+}
+
+// Releases a temporary at scope exit unless it has been handed on (release()
+// or the host cleared its temporary mark).
+class TempGuard {
+public:
+    explicit TempGuard(zok_var* var) : var_(var) {}
+    TempGuard(const TempGuard&) = delete;
+    TempGuard& operator=(const TempGuard&) = delete;
+    ~TempGuard() {
+        if (var_ != nullptr && (var_->flags & ZOK_VF_TEMPORARY) != 0)
+            host_release_temp(var_);
+    }
+    zok_var* get() const { return var_; }
+    zok_var* operator->() const { return var_; }
+    // Hands the temporary to the caller (for example as a function's result).
+    zok_var* release() {
+        zok_var* v = var_;
+        var_ = nullptr;
+        return v;
+    }
+
+private:
+    zok_var* var_;
+};
+
+// Runs an undo step at scope exit unless the work it guards was committed;
+// used for multi-step acquisitions that an error may interrupt.
+template <class Fn>
+class Undo {
+public:
+    explicit Undo(Fn fn) : fn_(std::move(fn)) {}
+    Undo(const Undo&) = delete;
+    Undo& operator=(const Undo&) = delete;
+    ~Undo() {
+        if (armed_)
+            fn_();
+    }
+    void commit() { armed_ = false; }
+
+private:
+    Fn fn_;
+    bool armed_ = true;
+};
+
+// Raises the module's out-of-memory complaint for `routine`.
+void raise_no_memory(const char* routine);
+
+// Sets the heap flag that keeps a module-held heap variable alive through the
+// host's collection.
+inline void hold_heap_var(uint32_t heap_id) {
+    if (zok_heap_record* rec = host_heap_var(heap_id))
+        rec->flags |= ZOK_HEAP_HELD;
+}
+
+// The INIT of a class that takes keywords: process the keywords into a
+// results record (whose first member is the host's leading word), flag self's
+// heap variable as module-held, run the class's initialisation and return its
+// status as a temporary integer.  `Results` starts with `int64_t leading`.
+template <class Results, class Init>
+zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
+                      const zok_keyword_entry* table, Init&& init) {
+    Results results{};
+    // Every INIT is registered with at most one positional argument (self),
+    // and the host enforces that before the routine runs.
+    std::array<zok_var*, 1> plain{};
+    host_keywords_process(argc, argv, kw, table, plain.data(), 1, &results);
+    struct KeywordsGuard {
+        const Results& r;
+        ~KeywordsGuard() {
+            if (r.leading != 0)
+                host_keywords_free();
+        }
+    } keywords_guard{results};
+    if (plain[0]->type != ZOK_T_OBJECT)
+        host_require_object(plain[0], ZOK_ACTION_ERROR);
+    hold_heap_var(plain[0]->value.heap_id);
+    const Self self = framework_self(plain.data());
+    const int32_t status = init(self, results);
+    return host_temp_long(status);
+}
+
+} // namespace flux

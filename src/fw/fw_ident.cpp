@@ -1,0 +1,298 @@
+// The FW_Ident registry.
+//
+// Name index: one entry per live identifier, ordered by text with the host's
+// string comparison; key = a 16-byte descriptor holding the registry's own
+// copy of the text ("FW_Ident key"), value = an IdentRecord ("FW_Ident
+// data").  Rollover index: the stale identifiers met by rollover since the
+// last collection, ordered by identifier, with no value.
+//
+// Invariant: every name-index entry's identifier names a live heap pointer
+// variable flagged ZOK_HEAP_HELD whose string has the entry's text.
+#include "fw/fw_ident.hpp"
+
+#include "frame/host_api.hpp"
+#include "maps/map.hpp"
+#include "maps/rb.hpp"
+
+namespace flux {
+namespace {
+
+struct IdentRecord {
+    uint32_t ident;
+    int32_t uses; // acquisitions not yet released; release has no floor
+};
+
+RbNode* name_index = nullptr;
+RbNode* rollover_index = nullptr;
+
+int compare_names(RbWord key, RbWord leaf_key) {
+    return host_string_compare(reinterpret_cast<const zok_string*>(key),
+                               reinterpret_cast<const zok_string*>(leaf_key));
+}
+
+// Identifiers compare by their wrapping difference.
+int compare_idents(RbWord key, RbWord leaf_key) {
+    return static_cast<int32_t>(static_cast<uint32_t>(key) - static_cast<uint32_t>(leaf_key));
+}
+
+RbNode* ensure_map(RbNode*& map, const char* routine) {
+    if (map == nullptr && (map = map_new()) == nullptr)
+        raise_no_memory(routine);
+    return map;
+}
+
+// The text of an identifier's heap variable, or null when it has none.
+const zok_string* ident_text(uint32_t ident) {
+    const zok_heap_record* rec = host_heap_var(ident);
+    if (rec == nullptr || rec->var.type != ZOK_T_STRING)
+        return nullptr;
+    return &rec->var.value.str;
+}
+
+IdentRecord* record_of(RbNode* entry) {
+    return reinterpret_cast<IdentRecord*>(map_node_value(entry));
+}
+zok_string* key_of(RbNode* entry) {
+    return reinterpret_cast<zok_string*>(map_node_key(entry));
+}
+
+IdentRecord* find_record(const zok_string* name) {
+    RbNode* entry =
+        map_find(ensure_map(name_index, "FW_Ident"), reinterpret_cast<RbWord>(name), compare_names);
+    return entry == nullptr ? nullptr : record_of(entry);
+}
+
+void free_ident_heap_var(uint32_t ident) {
+    if (host_heap_var(ident) != nullptr)
+        host_heap_free(ident, 0, 0);
+}
+
+// Makes the entry for a text that has none: its key, its heap variable and its
+// record, all given back if any step fails.
+IdentRecord* make_entry(const zok_string* name) {
+    auto* key = static_cast<zok_string*>(host_mem_alloc(sizeof(zok_string), "FW_Ident key"));
+    if (key == nullptr)
+        raise_no_memory("FW_Ident");
+    *key = *name;
+    host_string_duplicate(key, 1);
+    Undo drop_key([key] {
+        host_string_release(key, 1);
+        host_mem_free(key);
+    });
+
+    TempGuard text(host_temp_var());
+    text->type = ZOK_T_STRING;
+    text->value.str = *key;
+    host_string_duplicate(&text->value.str, 1);
+    zok_heap_record* heap_var =
+        host_heap_var_new(ZOK_HEAP_POINTER, text.get(), ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR);
+    heap_var->flags |= ZOK_HEAP_HELD;
+    const uint32_t ident = heap_var->id;
+    Undo drop_heap_var([ident] { free_ident_heap_var(ident); });
+
+    auto* record = static_cast<IdentRecord*>(host_mem_alloc(sizeof(IdentRecord), "FW_Ident data"));
+    if (record == nullptr)
+        raise_no_memory("FW_Ident");
+    *record = IdentRecord{ident, 0};
+    Undo drop_record([record] { host_mem_free(record); });
+
+    if (map_put(name_index, reinterpret_cast<RbWord>(key), reinterpret_cast<RbWord>(record),
+                compare_names) == nullptr)
+        raise_no_memory("FW_Ident");
+    drop_record.commit();
+    drop_heap_var.commit();
+    drop_key.commit();
+    return record;
+}
+
+// Frees an entry's key, heap variable and record, then the entry itself.
+void drop_entry(RbNode* entry) {
+    zok_string* key = key_of(entry);
+    IdentRecord* record = record_of(entry);
+    host_string_release(key, 1);
+    host_mem_free(key);
+    free_ident_heap_var(record->ident);
+    host_mem_free(record);
+    map_remove_node(entry);
+}
+
+void adjust_uses(uint32_t ident, int32_t delta) {
+    const zok_string* text = ident_text(ident);
+    if (text == nullptr)
+        return;
+    if (IdentRecord* record = find_record(text))
+        record->uses += delta;
+}
+
+} // namespace
+
+uint32_t fwident_acquire_name(const zok_string* name) {
+    IdentRecord* record = find_record(name);
+    if (record == nullptr)
+        record = make_entry(name);
+    record->uses += 1;
+    return record->ident;
+}
+
+void fwident_acquire(uint32_t ident) {
+    adjust_uses(ident, +1);
+}
+
+void fwident_release(uint32_t ident) {
+    adjust_uses(ident, -1);
+}
+
+uint32_t fwident_rollover(uint32_t ident) {
+    const zok_string* text = ident_text(ident);
+    if (text == nullptr)
+        return 0;
+    const zok_string name = *text; // the stale variable stays alive until a collection
+    const uint32_t live = fwident_acquire_name(&name);
+    if (live == ident)
+        return live;
+    RbNode* parked = ensure_map(rollover_index, "FW_Ident");
+    if (map_find(parked, ident, compare_idents) == nullptr &&
+        map_put(parked, ident, 0, compare_idents) == nullptr)
+        raise_no_memory("FW_Ident");
+    return live;
+}
+
+void fwident_collect(bool all) {
+    if (rollover_index != nullptr) {
+        RbNode* parked = rollover_index;
+        rollover_index = nullptr;
+        for (RbNode* e = map_first(parked); e != parked; e = map_next(e))
+            free_ident_heap_var(static_cast<uint32_t>(map_node_key(e)));
+        map_free(parked);
+    }
+    RbNode* index = ensure_map(name_index, "FW_Ident");
+    for (RbNode* e = map_first(index); e != index; e = map_next(e)) {
+        if (!all && record_of(e)->uses > 0)
+            continue;
+        RbNode* previous = e->right; // the previous leaf: deleting must not lose the place
+        drop_entry(e);
+        e = previous;
+    }
+}
+
+int fwident_order(uint32_t a, uint32_t b) {
+    const zok_string* text_a = ident_text(a);
+    const zok_string* text_b = ident_text(b);
+    if (text_a == nullptr || text_b == nullptr) {
+        raise_module_message(MSG_FWMSG_IDCORRUPT);
+        return 0;
+    }
+    return host_string_compare(text_a, text_b);
+}
+
+void fwident_session_reset() {
+    fwident_collect(true);
+}
+
+std::vector<FwIdentEntry> fwident_entries() {
+    std::vector<FwIdentEntry> entries;
+    if (name_index == nullptr)
+        return entries;
+    for (RbNode* e = map_first(name_index); e != name_index; e = map_next(e)) {
+        const zok_string* key = key_of(e);
+        entries.push_back(
+            {std::string(key->text, key->length), record_of(e)->ident, record_of(e)->uses});
+    }
+    return entries;
+}
+
+std::vector<uint32_t> fwident_parked() {
+    std::vector<uint32_t> parked;
+    if (rollover_index != nullptr)
+        for (RbNode* e = map_first(rollover_index); e != rollover_index; e = map_next(e))
+            parked.push_back(static_cast<uint32_t>(map_node_key(e)));
+    return parked;
+}
+
+std::string fwident_check() {
+    for (RbNode* index : {name_index, rollover_index}) {
+        if (index == nullptr)
+            continue;
+        const std::string tree =
+            map_rb_check(index, index == name_index ? compare_names : compare_idents);
+        if (!tree.empty())
+            return tree;
+    }
+    if (name_index == nullptr)
+        return "";
+    RbNode* previous = nullptr;
+    for (RbNode* e = map_first(name_index); e != name_index; e = map_next(e)) {
+        const zok_string* key = key_of(e);
+        const uint32_t ident = record_of(e)->ident;
+        const zok_heap_record* rec = host_heap_var(ident);
+        const std::string name(key->text, key->length);
+        if (rec == nullptr || rec->var.type != ZOK_T_STRING)
+            return "identifier of \"" + name + "\" has no string heap variable";
+        if ((rec->flags & ZOK_HEAP_HELD) == 0)
+            return "identifier of \"" + name + "\" is not held";
+        if (host_string_compare(key, &rec->var.value.str) != 0)
+            return "identifier of \"" + name + "\" holds another text";
+        if (previous != nullptr && compare_names(map_node_key(previous), map_node_key(e)) >= 0)
+            return "name index holds \"" + name + "\" twice or out of order";
+        previous = e;
+    }
+    return "";
+}
+
+namespace {
+
+zok_var* pointer_result(uint32_t ident) {
+    zok_var* result = host_temp_var();
+    result->type = ZOK_T_POINTER;
+    result->value.heap_id = ident;
+    return result;
+}
+
+const zok_var* pointer_argument(zok_var** argv) {
+    if (argv[0]->type != ZOK_T_POINTER)
+        host_require_pointer(argv[0], ZOK_ACTION_ERROR);
+    return argv[0];
+}
+
+zok_var* get_fwident(int32_t, zok_var** argv, zok_keywords*) {
+    if (argv[0]->type != ZOK_T_STRING)
+        host_require_string(argv[0], ZOK_ACTION_ERROR);
+    return pointer_result(fwident_acquire_name(&argv[0]->value.str));
+}
+
+zok_var* rollover_fwident(int32_t, zok_var** argv, zok_keywords*) {
+    return pointer_result(fwident_rollover(pointer_argument(argv)->value.heap_id));
+}
+
+void fwident_acquire_routine(int32_t, zok_var** argv, zok_keywords*) {
+    fwident_acquire(pointer_argument(argv)->value.heap_id);
+}
+
+void fwident_release_routine(int32_t, zok_var** argv, zok_keywords*) {
+    fwident_release(pointer_argument(argv)->value.heap_id);
+}
+
+void fwident_gc(int32_t argc, zok_var** argv, zok_keywords*) {
+    bool all = false;
+    if (argc == 1) {
+        TempGuard converted(host_convert_var(argv[0], ZOK_T_LONG));
+        all = converted->value.long_val == 1;
+    }
+    fwident_collect(all);
+}
+
+constexpr zok_routine_entry functions[] = {
+    function_entry(get_fwident, "GET_FWIDENT", 1, 1),
+    function_entry(rollover_fwident, "ROLLOVER_FWIDENT", 1, 1),
+};
+constexpr zok_routine_entry procedures[] = {
+    procedure_entry(fwident_acquire_routine, "FWIDENT_ACQUIRE", 1, 1),
+    procedure_entry(fwident_gc, "FWIDENT_GC", 0, 1),
+    procedure_entry(fwident_release_routine, "FWIDENT_RELEASE", 1, 1),
+};
+
+} // namespace
+
+const RoutineList fwident_routines{functions, procedures};
+
+} // namespace flux

@@ -1,0 +1,50 @@
+// The FW_Ident registry: each distinct message text gets one identifier, the
+// heap identifier of a module-held heap pointer variable whose value is the
+// text.  Uses are counted; a collection frees identifiers nobody uses; rollover
+// maps an identifier that came back from a restore (a new heap variable with
+// the same text) onto the live identifier of that text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/routines.hpp"
+
+namespace flux {
+
+// Finds or makes the identifier of `name` and counts one use of it.
+uint32_t fwident_acquire_name(const zok_string* name);
+// Count one more / one fewer use of the identifier's text; an identifier whose
+// heap variable is gone, or whose text has no entry, is ignored.
+void fwident_acquire(uint32_t ident);
+void fwident_release(uint32_t ident);
+// The live identifier for the text of `ident` (one use counted), or 0 when
+// `ident` names no heap variable.  A stale `ident` is parked and freed by the
+// next collection.
+uint32_t fwident_rollover(uint32_t ident);
+// Frees parked stale identifiers and every identifier whose use count is 0 or
+// less (every identifier when `all`).
+void fwident_collect(bool all);
+// The order of identifiers: by text.  Raises "FWIdent corruption" when either
+// identifier names no heap variable.
+int fwident_order(uint32_t a, uint32_t b);
+
+// ---- Diagnostics for tests.
+struct FwIdentEntry {
+    std::string name;
+    uint32_t ident;
+    int32_t uses;
+};
+// Live identifiers in name order, and the parked stale ones in identifier order.
+std::vector<FwIdentEntry> fwident_entries();
+std::vector<uint32_t> fwident_parked();
+// The first broken invariant of the registry, or "" when it is sound.
+std::string fwident_check();
+
+// Full collection at a session reset.
+void fwident_session_reset();
+
+extern const RoutineList fwident_routines;
+
+} // namespace flux
