@@ -1,0 +1,224 @@
+// ZOKDSMAP against std::map<std::string, value> over random inserts,
+// replacements, removals and look-ups; key order is the host's string order;
+// values are copies; bad keys change nothing; nothing outlives the object.
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using zok::ObjectRef;
+using zok::Value;
+
+uint32_t seed_from_env() {
+    const char* s = std::getenv("ZOK_SEED");
+    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10)) : std::random_device{}();
+}
+
+class DsMap : public ::testing::Test {
+protected:
+    void SetUp() override {
+        host.load_module(ZOK_Load, ZOK_ResetSession);
+        baseline_heap = host.heap_count();
+        baseline_texts = host.live_texts();
+        map = host.new_object("ZOKDSMAP");
+    }
+    Value call(const char* method, const zok::Args& args = {}) {
+        return host.call_method(map, method, args);
+    }
+    std::vector<std::string> keys() {
+        const Value v = call("GETKEYS", {zok::Ref{"count"}});
+        std::vector<std::string> out;
+        if (!v.is_array()) {
+            EXPECT_EQ(v.as_string(), "");
+        } else {
+            for (const Value& e : v.elements())
+                out.push_back(e.as_string());
+        }
+        EXPECT_EQ(host.get_var("count").as_int(), static_cast<int64_t>(out.size()));
+        return out;
+    }
+
+    zok::Host host;
+    ObjectRef map;
+    size_t baseline_heap = 0;
+    size_t baseline_texts = 0;
+};
+
+TEST_F(DsMap, AgreesWithStdMap) {
+    const uint32_t seed = seed_from_env();
+    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
+    std::mt19937 rng(seed);
+    auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+    auto random_key = [&] {
+        static const char letters[] = "aAbB\x01\xfe";
+        std::string k;
+        for (size_t n = pick(4); n > 0; --n)
+            k += letters[pick(sizeof letters - 1)];
+        return k;
+    };
+    auto random_value = [&]() -> Value {
+        switch (pick(4)) {
+        case 0:
+            return static_cast<int32_t>(rng());
+        case 1:
+            return std::string(pick(5), 'v');
+        case 2:
+            return static_cast<double>(pick(1000)) / 8;
+        default:
+            return std::vector<int32_t>{static_cast<int32_t>(pick(9)), 2, 3};
+        }
+    };
+    std::map<std::string, Value> model;
+    host.set_var("count", -1);
+
+    for (int step = 0; step < 4000; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        const std::string key = random_key();
+        switch (pick(6)) {
+        case 0:
+        case 1: {
+            const Value v = random_value();
+            if (pick(2) == 0) {
+                call("INSERT", {key, v});
+            } else { // from a program variable, changed afterwards: the map keeps a copy
+                host.set_var("v", v);
+                call("INSERT", {key, zok::Ref{"v"}});
+                host.set_var("v", "changed");
+            }
+            model[key] = v;
+            break;
+        }
+        case 2:
+            call("REMOVE", {key});
+            model.erase(key);
+            break;
+        case 3: {
+            const Value got = call("GETDATA", {key});
+            const auto it = model.find(key);
+            if (it == model.end())
+                ASSERT_FALSE(got.defined());
+            else
+                ASSERT_EQ(got, it->second) << got.to_string();
+            break;
+        }
+        case 4:
+            ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), model.count(key) ? 1 : 0);
+            break;
+        case 5:
+            ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
+            break;
+        }
+        if (step % 50 == 0) {
+            std::vector<std::string> expected;
+            for (auto& [k, v] : model)
+                expected.push_back(k);
+            ASSERT_EQ(keys(), expected);
+        }
+        ASSERT_EQ(host.live_temps(), 0u);
+    }
+    // Order is the host's string comparison.
+    const std::vector<std::string> listed = keys();
+    for (size_t i = 1; i < listed.size(); ++i) {
+        zok_string a{static_cast<uint32_t>(listed[i - 1].size()), 0, 0, listed[i - 1].data()};
+        zok_string b{static_cast<uint32_t>(listed[i].size()), 0, 0, listed[i].data()};
+        ASSERT_LT(host_string_compare(&a, &b), 0);
+    }
+    // Every entry is two heap variables plus a tree node each side; all go.
+    host.destroy(map);
+    host.erase_var("v");
+    EXPECT_EQ(host.heap_count(), baseline_heap);
+}
+
+TEST_F(DsMap, EmptyMapListsAnEmptyString) {
+    host.set_var("count", 99);
+    const Value v = call("GETKEYS", {zok::Ref{"count"}});
+    EXPECT_FALSE(v.is_array());
+    EXPECT_EQ(v.as_string(), "");
+    EXPECT_EQ(host.get_var("count").as_int(), 0);
+    EXPECT_EQ(call("GETKEYS").as_string(), "");
+}
+
+TEST_F(DsMap, ReplacingKeepsTheEntryAndItsPlace) {
+    for (const char* k : {"b", "a", "c"})
+        call("INSERT", {k, k});
+    const size_t heap = host.heap_count();
+    call("INSERT", {"b", 42});
+    EXPECT_EQ(host.heap_count(), heap);
+    EXPECT_EQ(call("GETDATA", {"b"}).as_int(), 42);
+    EXPECT_EQ(keys(), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(DsMap, NonStringKeysAreRefusedAndChangeNothing) {
+    call("INSERT", {"k", 1});
+    const size_t heap = host.heap_count();
+    for (const char* method : {"INSERT", "REMOVE", "GETDATA", "KEYEXISTS"}) {
+        zok::Args args = {7};
+        if (std::string(method) == "INSERT")
+            args.push_back(8);
+        try {
+            call(method, args);
+            FAIL() << method << " accepted an integer key";
+        } catch (const zok::Error& e) {
+            EXPECT_EQ(e.code(), ZOK_ERR_NOT_STRING) << method;
+        }
+        EXPECT_EQ(host.heap_count(), heap) << method;
+    }
+    EXPECT_EQ(call("GETSIZE").as_int(), 1);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+TEST_F(DsMap, VanishedHeapVariablesRaiseTheDereferenceError) {
+    call("INSERT", {"k", 1});
+    // Free the stored value's heap variable behind the class's back: the
+    // newest pointer heap variable is the value copy.
+    const std::vector<uint32_t> pointers = host.heap_ids(ZOK_HEAP_POINTER);
+    host_heap_free(pointers.back(), 0, 0);
+    for (const char* method : {"GETDATA", "INSERT"}) {
+        zok::Args args = {"k"};
+        if (std::string(method) == "INSERT")
+            args.push_back(2);
+        try {
+            call(method, args);
+            FAIL() << method;
+        } catch (const zok::Error& e) {
+            EXPECT_EQ(e.text(), "ZOKdsMap heap dereference error") << method;
+        }
+    }
+    // A map whose own heap variable has gone.
+    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
+    host.call_method(map, "CLEANUP");
+    EXPECT_FALSE(host.heap_alive(the_map));
+    EXPECT_THROW(call("GETSIZE"), zok::Error);
+}
+
+TEST_F(DsMap, AllocationFailuresDuringInsertLeaveTheMapAsItWas) {
+    call("INSERT", {"present", 1});
+    const size_t heap = host.heap_count();
+    bool succeeded = false;
+    for (uint64_t nth = 1; !succeeded && nth < 60; ++nth) {
+        host.fail_allocation(nth);
+        try {
+            call("INSERT", {"fresh", std::string("value")});
+            succeeded = true;
+        } catch (const zok::Error&) {
+            host.clear_faults();
+            ASSERT_EQ(call("GETSIZE").as_int(), 1) << nth;
+            ASSERT_EQ(host.heap_count(), heap) << nth;
+        }
+        host.clear_faults();
+    }
+    EXPECT_TRUE(succeeded);
+    EXPECT_EQ(call("GETDATA", {"fresh"}).as_string(), "value");
+}
+
+} // namespace

@@ -1,0 +1,212 @@
+// The module frame: loading and its failure paths, the structures as the host
+// sees them, the routine tables, the exported symbols, and session reset.
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dsmap/ds_map.hpp"
+#include "frame/module.hpp"
+#include "frame/structs.hpp"
+#include "fw/fw_saveable.hpp"
+#include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using Tags = std::vector<std::string>;
+
+TEST(Load, RefusedMessageBlockRegistersNoRoutine) {
+    zok::Host host;
+    host.refuse(zok::Operation::DefineMessageBlock);
+    EXPECT_EQ(ZOK_Load(), 0);
+    EXPECT_FALSE(host.has_routine("ZOKFWSAVEABLE::INIT"));
+    EXPECT_FALSE(host.has_routine("ZOKFWSAVEABLE::CLEANUP"));
+    // The structures were defined before the block was refused.
+    EXPECT_NE(host.find_struct("ZOK_MAP_RBH_NODE"), nullptr);
+}
+
+TEST(Load, RefusedFunctionTableNeverOffersProcedures) {
+    zok::Host host;
+    host.refuse(zok::Operation::AddRoutines, 1);
+    EXPECT_EQ(ZOK_Load(), 0);
+    EXPECT_FALSE(host.has_routine("GET_FWIDENT"));
+    EXPECT_FALSE(host.has_routine("FWIDENT_GC"));
+    EXPECT_FALSE(host.has_routine("ZOKDSMAP::INSERT"));
+}
+
+TEST(Load, RefusedProcedureTableFailsTheLoad) {
+    zok::Host host;
+    host.refuse(zok::Operation::AddRoutines, 2);
+    EXPECT_EQ(ZOK_Load(), 0);
+    EXPECT_TRUE(host.has_routine("GET_FWIDENT"));
+    EXPECT_FALSE(host.has_routine("FWIDENT_GC"));
+}
+
+TEST(Load, SharedLibraryLoadsAndExportsOnlyItsEntryPoints) {
+    zok::Host host;
+    host.load_module(ZOK_MODULE_PATH);
+    EXPECT_TRUE(host.has_routine("ZOKDSMAP::GETKEYS"));
+
+    const std::string command = std::string("nm -D --defined-only ") + ZOK_MODULE_PATH;
+    FILE* nm = popen(command.c_str(), "r");
+    ASSERT_NE(nm, nullptr);
+    std::set<std::string> exported;
+    char line[1024];
+    while (std::fgets(line, sizeof line, nm) != nullptr) {
+        char address[64], kind[8], name[900];
+        if (std::sscanf(line, "%63s %7s %899s", address, kind, name) == 3)
+            exported.insert(name);
+    }
+    ASSERT_EQ(pclose(nm), 0);
+    // The linker's own markers may be there; nothing else of ours.
+    for (const char* marker : {"_init", "_fini", "__bss_start", "_edata", "_end"})
+        exported.erase(marker);
+    EXPECT_EQ(exported, (std::set<std::string>{"ZOK_Load", "ZOK_ResetSession"}));
+}
+
+TEST(Load, MissingModuleIsAClearError) {
+    zok::Host host;
+    EXPECT_THROW(host.load_module("/nonexistent/libnothing.so"), zok::Error);
+}
+
+class Loaded : public ::testing::Test {
+protected:
+    void SetUp() override { host.load_module(ZOK_Load, ZOK_ResetSession); }
+    zok::Host host;
+};
+
+TEST_F(Loaded, StructuresHaveTheirTagsInOrder) {
+    const Tags saveable{"ZOKFWSAVEABLE_TOP", "ZOKFWSAVEABLE_VERSION"};
+    const Tags hasahandler = [&] {
+        Tags t = saveable;
+        t.insert(t.end(), {"HASAHANDLER_VERSION", "MYHANDLER"});
+        return t;
+    }();
+    const Tags behavior = [&] {
+        Tags t = hasahandler;
+        t.insert(t.end(), {"ZOKFWBEHAVIOR_VERSION", "IS_REGISTERED", "MESSIDENT"});
+        return t;
+    }();
+    auto extend = [](Tags base, const Tags& own) {
+        base.insert(base.end(), own.begin(), own.end());
+        return base;
+    };
+    const Tags delaybehav =
+        extend(behavior, {"ZOKFWDELAYBEHAV_VERSION", "OBJECT", "METH_IDENT", "SUB_BEHAVIOR"});
+    const Tags message = extend(hasahandler, {"ZOKFWMESSAGE_VERSION", "MESS_IDENT"});
+    EXPECT_EQ(host.tags_of("ZOKFWSAVEABLE"), saveable);
+    EXPECT_EQ(host.tags_of("ZOKFWHASAHANDLER"), hasahandler);
+    EXPECT_EQ(host.tags_of("ZOKDSMAP"), (Tags{"ZOKDSMAP_VERSION", "THE_MAP"}));
+    EXPECT_EQ(host.tags_of("ZOKFWBEHAVIOR"), behavior);
+    EXPECT_EQ(host.tags_of("ZOKFWDELAYBEHAV"), delaybehav);
+    EXPECT_EQ(host.tags_of("ZOKFWDELAYARGBEHAV"),
+              extend(delaybehav, {"ZOKFWDELAYARGBEHAV_VERSION", "ARG"}));
+    EXPECT_EQ(host.tags_of("ZOKFWFUNCBEHAV"),
+              extend(behavior, {"ZOKFWFUNCBEHAV_TOP", "ZOKFWFUNCBEHAV_VERSION", "FUNC_STRING",
+                                "ZOKFWFUNCBEHAV_BOTTOM"}));
+    EXPECT_EQ(host.tags_of("ZOKFWMESSAGE"), message);
+    EXPECT_EQ(host.tags_of("ZOKFWMESSAGEHANDLER"),
+              extend(hasahandler, {"ZOKFWMESSAGEHANDLER_VERSION", "BEHAVIORS"}));
+    EXPECT_EQ(host.tags_of("ZOKFWOBJBEHAV"),
+              extend(behavior, {"ZOKFWOBJBEHAV_VERSION", "OBJECT", "METH_IDENT"}));
+    EXPECT_EQ(host.tags_of("ZOKFWPROCBEHAV"),
+              extend(behavior, {"ZOKFWPROCBEHAV_TOP", "ZOKFWPROCBEHAV_VERSION", "PROC_STRING",
+                                "ZOKFWPROCBEHAV_BOTTOM"}));
+    EXPECT_EQ(host.tags_of("ZOKFWQUERY"), extend(message, {"ZOKFWQUERY_VERSION", "QUERY_RESULT"}));
+    EXPECT_EQ(host.tags_of("ZOKFWQUERYBEHAV"),
+              extend(behavior, {"ZOKFWQUERYBEHAV_VERSION", "RESPONSE"}));
+    EXPECT_EQ(host.tags_of("ZOK_MAP_RBH_NODE"),
+              (Tags{"FLINK", "BLINK", "PARENT", "KEY", "VAL", "STATUS0", "STATUS1", "STATUS2",
+                    "STATUS3", "STATUS4"}));
+}
+
+// The module reaches fields at fixed places behind the anchor tag; the host
+// must lay them out at the same places.
+TEST_F(Loaded, FieldLayoutsMatchTheHost) {
+    auto offset_of = [](zok_struct_def* def, const char* anchor, const char* tag) {
+        zok_var* instance = host_temp_struct(def);
+        auto* base = static_cast<char*>(host_struct_tag_data(instance, anchor, 0, 0, 0));
+        auto* field = static_cast<char*>(host_struct_tag_data(instance, tag, 0, 0, 0));
+        host_release_temp(instance);
+        return static_cast<size_t>(field - base);
+    };
+    using flux::SaveableFields;
+    EXPECT_EQ(offset_of(flux::struct_saveable(), "ZOKFWSAVEABLE_TOP", "ZOKFWSAVEABLE_VERSION"),
+              offsetof(SaveableFields, saveable_version));
+    EXPECT_EQ(offset_of(flux::struct_dsmap(), "ZOKDSMAP_VERSION", "THE_MAP"),
+              offsetof(flux::DsMapFields, the_map));
+    using flux::RbhNodeData;
+    const size_t node_offsets[] = {
+        offsetof(RbhNodeData, flink),     offsetof(RbhNodeData, blink),
+        offsetof(RbhNodeData, parent),    offsetof(RbhNodeData, key),
+        offsetof(RbhNodeData, val),       offsetof(RbhNodeData, status) + 0,
+        offsetof(RbhNodeData, status) + 1, offsetof(RbhNodeData, status) + 2,
+        offsetof(RbhNodeData, status) + 3, offsetof(RbhNodeData, status) + 4};
+    const Tags node_tags = host.tags_of("ZOK_MAP_RBH_NODE");
+    for (size_t i = 0; i < node_tags.size(); ++i)
+        EXPECT_EQ(offset_of(flux::struct_map_rbh_node(), "FLINK", node_tags[i].c_str()),
+                  node_offsets[i])
+            << node_tags[i];
+}
+
+TEST_F(Loaded, StringBracketingStructuresArePrepared) {
+    for (const char* name : {"ZOKFWFUNCBEHAV", "ZOKFWPROCBEHAV"})
+        EXPECT_NE(host.find_struct(name)->prepared, nullptr) << name;
+    EXPECT_EQ(host.find_struct("ZOKFWBEHAVIOR")->prepared, nullptr);
+}
+
+// Each table is in byte order of name, and every entry keeps to the rules the
+// host checks plus the module's own: keywords only on INITs and two CLEANUPs.
+TEST_F(Loaded, RoutineTablesAreSortedAndWellFormed) {
+    for (auto table : {flux::function_table(), flux::procedure_table()}) {
+        ASSERT_FALSE(table.empty());
+        for (size_t i = 0; i < table.size(); ++i) {
+            const zok_routine_entry& e = table[i];
+            if (i > 0)
+                EXPECT_LT(std::strcmp(table[i - 1].name, e.name), 0) << e.name;
+            EXPECT_LE(e.min_args, e.max_args) << e.name;
+            EXPECT_EQ(e.extra, nullptr);
+            const bool may_take_keywords = std::strstr(e.name, "::INIT") != nullptr ||
+                                           std::strcmp(e.name, "ZOKFWBEHAVIOR::CLEANUP") == 0 ||
+                                           std::strcmp(e.name, "ZOKFWMESSAGE::CLEANUP") == 0;
+            if (e.flags != 0)
+                EXPECT_TRUE(may_take_keywords && e.flags == ZOK_RT_KEYWORDS) << e.name;
+            EXPECT_TRUE(host.has_routine(e.name)) << e.name;
+        }
+    }
+    EXPECT_LE(flux::function_table().size(), 33u);
+    EXPECT_LE(flux::procedure_table().size(), 59u);
+    // FWIDENT_GC is the only routine that can be called with no argument.
+    host.call_procedure("FWIDENT_GC");
+}
+
+TEST_F(Loaded, ResetRightAfterLoadChangesNothingVisible) {
+    const auto heap = host.heap_ids();
+    const auto memory = host.memory_by_label();
+    const size_t texts = host.live_texts();
+    host.clear_messages();
+    ZOK_ResetSession();
+    EXPECT_EQ(host.heap_ids(), heap);
+    EXPECT_EQ(host.memory_by_label(), memory);
+    EXPECT_EQ(host.live_texts(), texts);
+    EXPECT_TRUE(host.messages().empty());
+}
+
+TEST_F(Loaded, MethodOnADestroyedSelfIsTheHostsError) {
+    const zok::ObjectRef obj = host.new_object("ZOKFWSAVEABLE");
+    host.destroy(obj);
+    try {
+        host.call_method(obj, "RESETRESTORED");
+        FAIL() << "no error";
+    } catch (const zok::Error& e) {
+        EXPECT_EQ(e.code(), ZOK_ERR_INVALID_OBJECT);
+    }
+}
+
+} // namespace

@@ -1,0 +1,146 @@
+// The saveable root class and the restore pass: RESTORE runs once per pass
+// however many objects reach an object, the restored flag counts only at
+// exactly 1.0, and the pass's two loops treat a dead element differently.
+#include <cmath>
+#include <limits>
+#include <map>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using zok::ObjectRef;
+
+// A program subclass whose RESTORE restores its peer first, as objects that
+// refer to each other do, and counts its runs.
+class RestorePass : public ::testing::Test {
+protected:
+    void SetUp() override {
+        host.load_module(ZOK_Load, ZOK_ResetSession);
+        host.define_struct("LINKED", {{"PEER", ZOK_T_OBJECT}}, "ZOKFWSAVEABLE");
+        host.add_procedure("LINKED::RESTORE", 1, 1, [this](zok::Call& call) {
+            const ObjectRef self = call.self();
+            runs[self.id] += 1;
+            host.call_method(self, "ZOKFWSAVEABLE::RESTORE");
+            if (const ObjectRef peer = host.get_tag(self, "PEER").as_object())
+                host.call_method(peer, "DORESTORE");
+            if (const auto victim = doomed.find(self.id); victim != doomed.end())
+                host.destroy(victim->second);
+            return zok::Value();
+        });
+    }
+
+    ObjectRef linked(ObjectRef peer = {}) {
+        const ObjectRef obj = host.new_object("LINKED");
+        host.set_tag(obj, "PEER", peer);
+        return obj;
+    }
+    void pass(const std::vector<ObjectRef>& objects) {
+        host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {zok::Value(objects)});
+    }
+    double flag(ObjectRef obj) { return host.get_tag(obj, "ZOKFWSAVEABLE_TOP").as_double(); }
+
+    zok::Host host;
+    std::map<uint32_t, int> runs;
+    std::map<uint32_t, ObjectRef> doomed; // object whose RESTORE destroys another
+};
+
+TEST_F(RestorePass, EachObjectRestoresOnceAcrossACycle) {
+    const ObjectRef c = linked();
+    const ObjectRef b = linked(c);
+    const ObjectRef a = linked(b);
+    host.set_tag(c, "PEER", a);
+    for (int round = 0; round < 2; ++round) {
+        pass({a, b, c, a});
+        for (ObjectRef o : {a, b, c}) {
+            EXPECT_EQ(runs[o.id], round + 1);
+            EXPECT_EQ(flag(o), 1.0);
+        }
+    }
+    pass({});
+    EXPECT_EQ(runs[a.id], 2);
+}
+
+TEST_F(RestorePass, DorestoreRunsOnceUntilReset) {
+    const ObjectRef a = linked();
+    host.call_method(a, "DORESTORE");
+    host.call_method(a, "DORESTORE");
+    EXPECT_EQ(runs[a.id], 1);
+    host.call_method(a, "RESETRESTORED");
+    EXPECT_EQ(flag(a), 0.0);
+    host.call_method(a, "DORESTORE");
+    EXPECT_EQ(runs[a.id], 2);
+}
+
+TEST_F(RestorePass, OnlyExactlyOneCountsAsRestored) {
+    const ObjectRef a = linked();
+    const double not_set[] = {0.5, 2.0, -1.0, std::numeric_limits<double>::quiet_NaN(),
+                              std::nextafter(1.0, 2.0)};
+    int expected = 0;
+    for (double v : not_set) {
+        host.set_tag(a, "ZOKFWSAVEABLE_TOP", v);
+        host.call_method(a, "DORESTORE");
+        EXPECT_EQ(runs[a.id], ++expected) << v;
+        EXPECT_EQ(flag(a), 1.0);
+    }
+}
+
+TEST_F(RestorePass, DeadElementEndsTheFirstLoopAndIsSkippedInTheSecond) {
+    const ObjectRef a = linked();
+    const ObjectRef dead = linked();
+    host.destroy(dead);
+    host.set_tag(a, "ZOKFWSAVEABLE_TOP", 1.0);
+    try {
+        pass({a, dead});
+        FAIL() << "no error";
+    } catch (const zok::Error& e) {
+        EXPECT_EQ(e.code(), ZOK_ERR_INVALID_OBJECT);
+    }
+    EXPECT_EQ(flag(a), 0.0); // reset before the pass ended
+    EXPECT_EQ(runs[a.id], 0);
+
+    // b dies during the second loop, at a's RESTORE: the pass skips it.
+    const ObjectRef b = linked();
+    doomed[a.id] = b;
+    pass({a, b});
+    EXPECT_EQ(runs[a.id], 1);
+    EXPECT_EQ(runs[b.id], 0);
+}
+
+TEST_F(RestorePass, FailingRestoreStopsThePass) {
+    host.define_struct("FAILING", {}, "ZOKFWSAVEABLE");
+    host.add_procedure("FAILING::RESTORE", 1, 1, [](zok::Call&) -> zok::Value {
+        host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "restore failed");
+        return {};
+    });
+    const ObjectRef a = linked();
+    const ObjectRef f = host.new_object("FAILING");
+    const ObjectRef b = linked();
+    EXPECT_THROW(pass({a, f, b}), zok::Error);
+    EXPECT_EQ(flag(a), 1.0);
+    EXPECT_EQ(flag(b), 0.0);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+TEST_F(RestorePass, NonObjectArrayIsRefused) {
+    EXPECT_THROW(host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {"objects"}), zok::Error);
+}
+
+TEST_F(RestorePass, VersionsBelowOneComeBackAsOne) {
+    const ObjectRef a = host.new_object("ZOKFWSAVEABLE");
+    EXPECT_EQ(host.get_tag(a, "ZOKFWSAVEABLE_VERSION").as_int(), 1);
+    EXPECT_NE(host.heap_flags(a.id) & ZOK_HEAP_HELD, 0u);
+    for (auto [saved, restored] : {std::pair{0, 1}, {-7, 1}, {3, 3}}) {
+        host.set_tag(a, "ZOKFWSAVEABLE_VERSION", saved);
+        host.call_method(a, "RESTORE");
+        EXPECT_EQ(host.get_tag(a, "ZOKFWSAVEABLE_VERSION").as_int(), restored);
+    }
+}
+
+} // namespace
