@@ -1,0 +1,528 @@
+// Names, routines, calls, methods and objects.
+//
+// Invariants: an interned name lives for the process and is bound to at most
+// one routine and one structure of the current host; a routine, once
+// registered, never changes; a structure's method cache maps a bare method
+// name to the routine that resolution found (or null) and is emptied whenever
+// a routine or structure is added; `State::frame` is the innermost call in
+// progress, and each call's frame is popped however the call ends.
+#include "state.hpp"
+
+#include <array>
+#include <cstring>
+
+namespace zok::detail {
+
+namespace {
+
+std::unordered_map<std::string, std::unique_ptr<zok_name>>& name_table() {
+    static std::unordered_map<std::string, std::unique_ptr<zok_name>> table;
+    return table;
+}
+
+constexpr size_t kSmallArgs = 16;
+
+// The argument vector of a method call: self, then the given arguments, in a
+// fixed buffer unless there are many.
+class MethodArgs {
+public:
+    MethodArgs(uint32_t self_id, int32_t argc, zok_var** args) : count_(argc + 1) {
+        self_.type = ZOK_T_OBJECT;
+        self_.value.heap_id = self_id;
+        if (static_cast<size_t>(count_) + 1 > kSmallArgs)
+            heap_.resize(static_cast<size_t>(count_) + 1);
+        zok_var** v = data();
+        v[0] = &self_;
+        for (int32_t i = 0; i < argc; ++i)
+            v[i + 1] = args[i];
+        v[count_] = nullptr;
+    }
+    MethodArgs(const MethodArgs&) = delete;
+    MethodArgs& operator=(const MethodArgs&) = delete;
+    zok_var** data() { return heap_.empty() ? small_.data() : heap_.data(); }
+    int32_t count() const { return count_; }
+
+private:
+    zok_var self_{};
+    int32_t count_;
+    std::array<zok_var*, kSmallArgs> small_{};
+    std::vector<zok_var*> heap_;
+};
+
+bool truthy(const zok_var* v) {
+    if (!v || v->type == ZOK_T_UNDEFINED)
+        return false;
+    if (v->flags & ZOK_VF_NOT_SIMPLE)
+        return true;
+    zok_var as_long{};
+    if (!convert_scalar(v->type, &v->value, ZOK_T_LONG64, as_long)) {
+        free_value(as_long);
+        return true;
+    }
+    return as_long.value.long64_val != 0;
+}
+
+void release_if_temp(zok_var* v) {
+    if (v && (v->flags & ZOK_VF_TEMPORARY) && is_live_temp(v))
+        release_temp(v);
+}
+
+zok_name* name_init() {
+    static zok_name* n = intern("INIT");
+    return n;
+}
+
+zok_name* name_cleanup() {
+    static zok_name* n = intern("CLEANUP");
+    return n;
+}
+
+} // namespace
+
+zok_name* find_name(std::string_view text) {
+    auto& table = name_table();
+    auto it = table.find(std::string(text));
+    return it == table.end() ? nullptr : it->second.get();
+}
+
+zok_name* intern(std::string_view text) {
+    auto& table = name_table();
+    std::string key(text);
+    auto& slot = table[key];
+    if (!slot) {
+        slot = std::make_unique<zok_name>();
+        slot->text = key;
+    }
+    return slot.get();
+}
+
+void invalidate_method_caches() {
+    for (auto& [name, info] : state().structs)
+        info->methods.clear();
+}
+
+void unbind_names(State& s) {
+    for (zok_name* n : s.bound_names) {
+        n->routine = nullptr;
+        n->structure = nullptr;
+        n->method_routines = 0;
+    }
+    s.bound_names.clear();
+}
+
+void add_routine(std::unique_ptr<Routine> r) {
+    State& s = state();
+    zok_name* n = r->name;
+    n->routine = r.get();
+    s.bound_names.push_back(n);
+    if (size_t colons = n->text.find("::"); colons != std::string::npos) {
+        zok_name* method = intern(n->text.substr(colons + 2));
+        ++method->method_routines;
+        s.bound_names.push_back(method);
+    }
+    s.routines.push_back(std::move(r));
+    invalidate_method_caches();
+}
+
+Routine* resolve_method(StructInfo* cls, const zok_name* method) {
+    auto hit = cls->methods.find(method);
+    if (hit != cls->methods.end())
+        return hit->second;
+    Routine* found = nullptr;
+    for (StructInfo* c = cls; c && !found; c = c->parent)
+        if (zok_name* n = find_name(c->name + "::" + method->text))
+            found = n->routine;
+    cls->methods.emplace(method, found);
+    return found;
+}
+
+FrameGuard::FrameGuard(State& s, const Routine* r) : s_(s), uncaught_(std::uncaught_exceptions()) {
+    frame_.parent = s.frame;
+    frame_.routine = r;
+    frame_.first_temp = s.temp_seq;
+    s.frame = &frame_;
+}
+
+FrameGuard::~FrameGuard() {
+    bool failing = std::uncaught_exceptions() > uncaught_;
+    if (!frame_.held_kw.empty() && !failing)
+        s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
+                                      "Keyword texts were not freed by " +
+                                          frame_.routine->name->text + "; the host freed them.",
+                                      ZOK_ACTION_WARN, frame_.routine->name->text});
+    release_held_keywords(frame_);
+    if (failing)
+        release_temps_since(frame_.first_temp);
+    s_.frame = frame_.parent;
+}
+
+zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
+    State& s = state();
+    FrameGuard guard(s, &r);
+    if (argc < r.min_args || argc > r.max_args) {
+        raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+              format("Incorrect number of arguments: %s takes %u to %u, got %d.",
+                     r.name->text.c_str(), r.min_args, r.max_args, argc));
+        return nullptr;
+    }
+    if (kw && !kw->entries.empty() && !(r.flags & ZOK_RT_KEYWORDS)) {
+        raise(ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR,
+              "Keyword " + kw->entries.front().first + " not allowed in call to: " + r.name->text +
+                  ".");
+        return nullptr;
+    }
+    for (int32_t i = 0; i < argc; ++i)
+        if (!argv[i]) {
+            raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+                  format("Argument %d of %s is null.", i, r.name->text.c_str()));
+            return nullptr;
+        }
+    if (r.program) {
+        Call call = HostAccess::make_call(s.host, argc, argv, kw);
+        Value out = r.program(call);
+        if (!r.is_function)
+            return nullptr;
+        zok_var* result = new_temp();
+        if (result)
+            to_var(out, *result);
+        return result;
+    }
+    if (!r.is_function) {
+        r.procedure(argc, argv, kw);
+        return nullptr;
+    }
+    zok_var* result = r.function(argc, argv, kw);
+    if (!result)
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+              "Function " + r.name->text + " returned no variable.");
+    return result;
+}
+
+uint32_t create_object(StructInfo* cls, int32_t argc, zok_var** args, zok_keywords* kw) {
+    State& s = state();
+    zok_var inst{};
+    inst.type = ZOK_T_STRUCT;
+    inst.flags = ZOK_VF_STRUCT;
+    inst.value.st = {new_instance(*cls), &cls->def};
+    HeapSlot* slot = inject_fault(kHeapLabel) ? nullptr : s.heap.create();
+    if (!slot) {
+        free_value(inst);
+        raise(ZOK_ERR_NO_MEMORY, ZOK_ACTION_ERROR,
+              "Unable to allocate an object of class " + cls->name + where() + ".");
+        return 0;
+    }
+    slot->kind = ZOK_HEAP_OBJECT;
+    slot->rec.var = inst;
+    uint32_t id = slot->rec.id;
+    Routine* init = resolve_method(cls, name_init());
+    if (!init) {
+        if (argc > 0 || (kw && !kw->entries.empty())) {
+            heap_free_slot(slot);
+            raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+                  "Class " + cls->name + " has no INIT to take arguments" + where() + ".");
+            return 0;
+        }
+        return id;
+    }
+    MethodArgs argv(id, argc, args);
+    zok_var* result = nullptr;
+    try {
+        result = invoke(*init, argv.count(), argv.data(), kw);
+    } catch (...) {
+        // A failed INIT leaves no object behind (and calls no CLEANUP).
+        if (HeapSlot* left = heap_slot(id))
+            heap_free_slot(left);
+        throw;
+    }
+    bool ok = !init->is_function || truthy(result);
+    release_if_temp(result);
+    if (!ok) {
+        destroy_object(id, nullptr);
+        return 0;
+    }
+    return heap_slot(id) ? id : 0;
+}
+
+void destroy_object(uint32_t id, zok_keywords* kw) {
+    HeapSlot* slot = heap_slot(id);
+    if (!slot || slot->dying)
+        return;
+    StructInfo* cls = slot->rec.var.type == ZOK_T_STRUCT && !(slot->rec.var.flags & ZOK_VF_ARRAY)
+                          ? struct_info(slot->rec.var.value.st.def)
+                          : nullptr;
+    if (slot->kind != ZOK_HEAP_OBJECT || !cls) {
+        raise(ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_ERROR,
+              format("Heap variable %u is not an object", id) + where() + ".");
+        return;
+    }
+    if (Routine* cleanup = resolve_method(cls, name_cleanup())) {
+        slot->dying = true;
+        MethodArgs argv(id, 0, nullptr);
+        zok_var* result = nullptr;
+        try {
+            result = invoke(*cleanup, argv.count(), argv.data(), kw);
+        } catch (...) {
+            if (HeapSlot* left = heap_slot(id))
+                left->dying = false;
+            throw;
+        }
+        release_if_temp(result);
+    }
+    if (HeapSlot* left = heap_slot(id))
+        heap_free_slot(left);
+}
+
+} // namespace zok::detail
+
+using namespace zok::detail;
+
+namespace {
+
+bool is_routine_name(std::string_view name) {
+    if (name.empty())
+        return false;
+    size_t colons = name.find("::");
+    if (colons != std::string_view::npos && (colons == 0 || colons + 2 == name.size() ||
+                                             name.find("::", colons + 2) != std::string_view::npos))
+        return false;
+    for (size_t i = 0; i < name.size(); ++i) {
+        char c = name[i];
+        bool ok = (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '$' ||
+                  (colons != std::string_view::npos && (i == colons || i == colons + 1));
+        if (!ok)
+            return false;
+    }
+    return !(name[0] >= '0' && name[0] <= '9');
+}
+
+bool same_routine(const Routine& a, const zok_routine_entry& e, bool is_function) {
+    return a.is_function == is_function && !a.program && a.min_args == e.min_args &&
+           a.max_args == e.max_args && a.flags == e.flags &&
+           (is_function ? a.function == e.entry.function : a.procedure == e.entry.procedure);
+}
+
+std::string entry_problem(const zok_routine_entry& e, bool is_function) {
+    std::string name = e.name ? e.name : "(null)";
+    if (!e.name || !is_routine_name(e.name))
+        return "routine name " + name + " is not an upper-case routine or CLASS::METHOD name";
+    if (!e.entry.function)
+        return name + " has no entry point";
+    if (e.min_args > e.max_args)
+        return format("%s has minimum %u above maximum %u", name.c_str(), e.min_args, e.max_args);
+    if (e.flags & ~ZOK_RT_KEYWORDS)
+        return format("%s has unknown flags 0x%x", name.c_str(), static_cast<unsigned>(e.flags));
+    if (e.extra)
+        return name + " has a non-null reserved field";
+    zok_name* n = find_name(name);
+    if (n && n->routine && !same_routine(*n->routine, e, is_function))
+        return name + " clashes with a different routine of that name";
+    return {};
+}
+
+} // namespace
+
+namespace zok::detail {
+
+// Checks a program routine as host_add_routines checks a table entry.
+std::string program_routine_problem(const std::string& name, uint16_t min_args, uint16_t max_args) {
+    if (!is_routine_name(name))
+        return "routine name " + name + " is not a routine or CLASS::METHOD name";
+    if (min_args > max_args)
+        return format("%s has minimum %u above maximum %u", name.c_str(), min_args, max_args);
+    zok_name* n = find_name(name);
+    if (n && n->routine)
+        return name + " clashes with a routine of that name";
+    return {};
+}
+
+} // namespace zok::detail
+
+extern "C" {
+
+int32_t host_add_routines(const zok_routine_entry* table, int32_t is_function, int32_t count) {
+    State& s = state();
+    auto refuse = [&](const std::string& why) {
+        raise(ZOK_ERR_ROUTINE_TABLE, ZOK_ACTION_RETURN,
+              "Routine table refused: " + why + where() + ".");
+        return 0;
+    };
+    if (++s.op_calls[1] == s.op_refuse_at[1])
+        return refuse("refused by fault injection");
+    if ((is_function != 0 && is_function != 1) || count < 0 || (count > 0 && !table))
+        return refuse("bad arguments");
+    std::unordered_set<std::string> seen;
+    for (int32_t i = 0; i < count; ++i) {
+        std::string why = entry_problem(table[i], is_function == 1);
+        if (why.empty() && !seen.insert(table[i].name).second)
+            why = std::string(table[i].name) + " appears twice in the table";
+        if (!why.empty())
+            return refuse(why);
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        const zok_routine_entry& e = table[i];
+        zok_name* n = intern(e.name);
+        if (n->routine)
+            continue; // the same routine again
+        auto r = std::make_unique<Routine>();
+        r->name = n;
+        r->is_function = is_function == 1;
+        r->min_args = e.min_args;
+        r->max_args = e.max_args;
+        r->flags = e.flags;
+        r->function = is_function ? e.entry.function : nullptr;
+        r->procedure = is_function ? nullptr : e.entry.procedure;
+        add_routine(std::move(r));
+    }
+    return 1;
+}
+
+const zok_name* host_lookup_name(const char* name, int32_t reserved0, int32_t kind, int32_t action,
+                                 int32_t reserved1) {
+    if (reserved0 != 0 || reserved1 != 0 || (kind != 0 && kind != 1) || !name) {
+        raise(ZOK_ERR_BAD_ARGUMENT, action, "host_lookup_name: bad arguments" + where() + ".");
+        return nullptr;
+    }
+    zok_name* n = find_name(upper(name));
+    if (n && (n->routine || n->method_routines > 0 || (kind == 0 && n->structure)))
+        return n;
+    raise(ZOK_ERR_UNKNOWN_ROUTINE, action,
+          "Nothing is registered under the name " + std::string(name) + where() + ".");
+    return nullptr;
+}
+
+zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_record* object,
+                          int32_t reserved0, int32_t argc, zok_var** args, int32_t reserved1,
+                          int32_t reserved2, int32_t reserved3) {
+    if (mode != 2 || reserved0 != 0 || reserved1 != 0 || reserved2 != 0 || reserved3 != 0 ||
+        !name || argc < 0 || (argc > 0 && !args)) {
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+              "host_call_method: bad arguments" + where() + ".");
+        return nullptr;
+    }
+    HeapSlot* slot = object ? heap_slot(object->id) : nullptr;
+    if (!slot || &slot->rec != object) {
+        raise(ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_ERROR,
+              "host_call_method: the object is not a live heap variable" + where() + ".");
+        return nullptr;
+    }
+    const zok_var& var = slot->rec.var;
+    StructInfo* cls = var.type == ZOK_T_STRUCT && !(var.flags & ZOK_VF_ARRAY)
+                          ? struct_info(var.value.st.def)
+                          : nullptr;
+    if (!cls) {
+        raise(ZOK_ERR_NOT_OBJECT, ZOK_ACTION_ERROR,
+              format("host_call_method: heap variable %u holds no object", object->id) + where() +
+                  ".");
+        return nullptr;
+    }
+    StructInfo* from = cls;
+    const zok_name* method = name;
+    if (size_t colons = name->text.find("::"); colons != std::string::npos) {
+        from = find_struct(name->text.substr(0, colons));
+        method = intern(name->text.substr(colons + 2));
+    }
+    Routine* r = from ? resolve_method(from, method) : nullptr;
+    if (!r) {
+        raise(ZOK_ERR_UNKNOWN_METHOD, ZOK_ACTION_ERROR,
+              "Attempt to call undefined method: " + cls->name + "::" + method->text + where() +
+                  ".");
+        return nullptr;
+    }
+    MethodArgs argv(object->id, argc, args);
+    return invoke(*r, argv.count(), argv.data(), nullptr);
+}
+
+zok_var* host_call_routine(const zok_call_block* call) {
+    if (!call || !call->routine || call->object || call->keywords || call->argc < 0 ||
+        (call->argc > 0 && !call->args) || (call->args && call->args[call->argc] != nullptr)) {
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+              "host_call_routine: bad call block" + where() + ".");
+        return nullptr;
+    }
+    const Routine* r = call->routine->routine;
+    bool want_function = call->is_function != 0;
+    if (!r || r->is_function != want_function) {
+        raise(ZOK_ERR_UNKNOWN_ROUTINE, ZOK_ACTION_ERROR,
+              std::string("Attempt to call undefined ") +
+                  (want_function ? "function: " : "procedure: ") + call->routine->text + where() +
+                  ".");
+        return nullptr;
+    }
+    zok_var* none[1] = {nullptr};
+    return invoke(*r, call->argc, call->args ? call->args : none, nullptr);
+}
+
+int32_t host_object_isa(const zok_struct_def* def, const char* class_name, int32_t reserved0,
+                        int32_t reserved1, int32_t action) {
+    const StructInfo* info = struct_info(def);
+    if (!info || !class_name || reserved0 != 0 || reserved1 != 0) {
+        raise(ZOK_ERR_BAD_ARGUMENT, action,
+              "host_object_isa: not a structure definition of this host" + where() + ".");
+        return 0;
+    }
+    std::string wanted = upper(class_name);
+    for (; info; info = info->parent)
+        if (info->name == wanted)
+            return 1;
+    return 0;
+}
+
+zok_var* host_find_class(const char* class_name) {
+    StructInfo* info = class_name ? find_struct(class_name) : nullptr;
+    if (!info)
+        return nullptr;
+    zok_var* t = new_temp();
+    if (t) {
+        // A class handle: a structure value with a definition and no instance.
+        t->type = ZOK_T_STRUCT;
+        t->flags |= ZOK_VF_STRUCT;
+        t->value.st = {nullptr, &info->def};
+    }
+    return t;
+}
+
+zok_var* host_object_new(int32_t argc, zok_var** args, zok_keywords* kw) {
+    const zok_var* handle = argc >= 1 && args ? args[0] : nullptr;
+    StructInfo* cls = handle && handle->type == ZOK_T_STRUCT && !(handle->flags & ZOK_VF_ARRAY) &&
+                              !handle->value.st.data
+                          ? struct_info(handle->value.st.def)
+                          : nullptr;
+    if (!cls) {
+        raise(ZOK_ERR_UNKNOWN_CLASS, ZOK_ACTION_ERROR,
+              "host_object_new: argument 0 is not a class handle" + where() + ".");
+        return nullptr;
+    }
+    uint32_t id = create_object(cls, argc - 1, args + 1, kw);
+    zok_var* out = new_temp();
+    if (out) {
+        out->type = ZOK_T_OBJECT;
+        out->value.heap_id = id;
+    }
+    return out;
+}
+
+void host_object_destroy(int32_t argc, zok_var** args, zok_keywords* kw) {
+    if (argc < 1 || !args) {
+        raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+              "host_object_destroy: no object given" + where() + ".");
+        return;
+    }
+    for (int32_t i = 0; i < argc; ++i) {
+        const zok_var* v = args[i];
+        if (!v || v->type != ZOK_T_OBJECT) {
+            host_require_object(v, ZOK_ACTION_ERROR);
+            return;
+        }
+        if (v->flags & ZOK_VF_ARRAY) {
+            std::vector<uint32_t> ids(static_cast<const uint32_t*>(v->value.array->data),
+                                      static_cast<const uint32_t*>(v->value.array->data) +
+                                          v->value.array->count);
+            for (uint32_t id : ids)
+                destroy_object(id, kw);
+        } else {
+            destroy_object(v->value.heap_id, kw);
+        }
+    }
+}
+
+} // extern "C"

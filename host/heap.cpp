@@ -1,0 +1,310 @@
+// The heap: identifiers, records, the heap operations and the collection of
+// unreachable heap variables.
+//
+// Invariants: identifiers are handed out in increasing order from 1 and never
+// again; dir_[id >> 12] is a page exactly while an identifier of that page is
+// live or the page is still being filled; a page's `live` counts its non-null
+// slots; `count_` is the sum of them; `pages_` lists the allocated pages in
+// ascending order.  A record's address does not change while it lives.
+#include "state.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace zok::detail {
+
+namespace {
+constexpr size_t kDirEntries = size_t{1} << (32 - HeapTable::kPageBits);
+constexpr uint64_t kIdLimit = uint64_t{1} << 32;
+} // namespace
+
+HeapTable::HeapTable() : slots_(sizeof(HeapSlot), nullptr) {
+    // calloc of a large block maps zero pages lazily: untouched parts cost nothing.
+    dir_ = static_cast<Page**>(std::calloc(kDirEntries, sizeof(Page*)));
+    if (!dir_)
+        throw std::bad_alloc();
+}
+
+HeapTable::~HeapTable() {
+    for (uint32_t pi : pages_)
+        std::free(dir_[pi]);
+    std::free(dir_);
+}
+
+HeapSlot* HeapTable::create() {
+    if (next_id_ >= kIdLimit)
+        return nullptr;
+    auto id = static_cast<uint32_t>(next_id_);
+    uint32_t pi = id >> kPageBits;
+    Page* page = dir_[pi];
+    if (!page) {
+        page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
+        if (!page)
+            return nullptr;
+        try {
+            pages_.push_back(pi); // identifiers only grow: the list stays sorted
+        } catch (const std::bad_alloc&) {
+            std::free(page);
+            return nullptr;
+        }
+        dir_[pi] = page;
+    }
+    auto* slot = static_cast<HeapSlot*>(slots_.allocate());
+    if (!slot) {
+        drop_page_if_done(pi);
+        return nullptr;
+    }
+    *slot = HeapSlot{};
+    slot->rec.id = id;
+    page->slots[id & (kPageSize - 1)] = slot;
+    ++page->live;
+    ++count_;
+    ++next_id_;
+    drop_page_if_done(pi - 1);
+    return slot;
+}
+
+void HeapTable::destroy(HeapSlot* slot) {
+    uint32_t id = slot->rec.id;
+    uint32_t pi = id >> kPageBits;
+    Page* page = dir_[pi];
+    page->slots[id & (kPageSize - 1)] = nullptr;
+    --page->live;
+    --count_;
+    slots_.release(slot);
+    drop_page_if_done(pi);
+}
+
+// A page whose identifiers have all been handed out and freed is given back.
+void HeapTable::drop_page_if_done(uint32_t pi) {
+    Page* page = pi < kDirEntries ? dir_[pi] : nullptr;
+    if (!page || page->live != 0 || (uint64_t{pi} + 1) << kPageBits > next_id_)
+        return;
+    dir_[pi] = nullptr;
+    std::free(page);
+    pages_.erase(std::lower_bound(pages_.begin(), pages_.end(), pi));
+}
+
+void HeapTable::set_next_id(uint64_t next) {
+    if (next <= next_id_)
+        return;
+    uint64_t old_page = next_id_ >> kPageBits;
+    next_id_ = std::min(next, kIdLimit);
+    if (old_page < kDirEntries)
+        drop_page_if_done(static_cast<uint32_t>(old_page));
+}
+
+void HeapTable::check() const {
+    size_t total = 0;
+    uint32_t prev = 0;
+    for (size_t k = 0; k < pages_.size(); ++k) {
+        uint32_t pi = pages_[k];
+        if (k > 0 && pi <= prev)
+            throw std::logic_error("heap: page list not ascending");
+        prev = pi;
+        const Page* page = dir_[pi];
+        if (!page)
+            throw std::logic_error("heap: listed page missing from the directory");
+        uint32_t live = 0;
+        for (uint32_t i = 0; i < kPageSize; ++i) {
+            const HeapSlot* s = page->slots[i];
+            if (!s)
+                continue;
+            ++live;
+            uint64_t id = (uint64_t{pi} << kPageBits) | i;
+            if (s->rec.id != id)
+                throw std::logic_error("heap: record holds the wrong identifier");
+            if (id >= next_id_ || id == 0)
+                throw std::logic_error("heap: identifier not yet handed out is live");
+            if (s->kind != ZOK_HEAP_POINTER && s->kind != ZOK_HEAP_OBJECT)
+                throw std::logic_error("heap: record of unknown kind");
+            if (s->kind == ZOK_HEAP_OBJECT &&
+                (s->rec.var.type != ZOK_T_STRUCT || (s->rec.var.flags & ZOK_VF_ARRAY)))
+                throw std::logic_error("heap: object record without a scalar structure");
+        }
+        if (live != page->live)
+            throw std::logic_error("heap: page live count is wrong");
+        total += live;
+    }
+    if (total != count_ || total != slots_.live())
+        throw std::logic_error("heap: live count is wrong");
+}
+
+HeapSlot* heap_slot(uint32_t id) {
+    return state().heap.find(id);
+}
+
+void heap_free_slot(HeapSlot* slot) {
+    State& s = state();
+    zok_var value = slot->rec.var;
+    s.heap.destroy(slot);
+    free_value(value);
+}
+
+void free_whole_heap(State& s) {
+    std::vector<HeapSlot*> all;
+    all.reserve(s.heap.count());
+    s.heap.for_each([&](HeapSlot* slot) { all.push_back(slot); });
+    for (HeapSlot* slot : all) {
+        try {
+            heap_free_slot(slot);
+        } catch (const Error&) {
+            // Recorded; the rest of the heap still goes.
+        }
+    }
+}
+
+namespace {
+
+// Calls f(id) for every heap identifier a value holds: pointers, object
+// references and the fields of those types in structures, arrays included.
+template <typename F>
+void for_each_reference(const zok_var& v, F&& f);
+
+template <typename F>
+void instance_references(const StructInfo& info, const char* data, F&& f) {
+    for (const StructInfo::Tag& tag : info.tags)
+        if (tag.type == ZOK_T_POINTER || tag.type == ZOK_T_OBJECT) {
+            uint32_t id;
+            std::memcpy(&id, data + tag.offset, sizeof id);
+            f(id);
+        }
+}
+
+template <typename F>
+void for_each_reference(const zok_var& v, F&& f) {
+    if (v.flags & ZOK_VF_ARRAY) {
+        const zok_array* a = v.value.array;
+        if (!a)
+            return;
+        if (a->elem_type == ZOK_T_POINTER || a->elem_type == ZOK_T_OBJECT) {
+            const auto* ids = static_cast<const uint32_t*>(a->data);
+            for (uint32_t i = 0; i < a->count; ++i)
+                f(ids[i]);
+        } else if (a->elem_type == ZOK_T_STRUCT) {
+            if (StructInfo* info = struct_info(a->def))
+                for (uint32_t i = 0; i < a->count; ++i)
+                    instance_references(*info,
+                                        static_cast<const char*>(a->data) + i * info->def.size, f);
+        }
+    } else if (v.type == ZOK_T_POINTER || v.type == ZOK_T_OBJECT) {
+        f(v.value.heap_id);
+    } else if (v.type == ZOK_T_STRUCT && v.value.st.data) {
+        if (StructInfo* info = struct_info(v.value.st.def))
+            instance_references(*info, static_cast<const char*>(v.value.st.data), f);
+    }
+}
+
+zok_heap_record* lookup_or_raise(uint32_t id, int32_t action, int32_t code, const char* what) {
+    if (HeapSlot* slot = heap_slot(id))
+        return &slot->rec;
+    raise(code, action,
+          format("Invalid %s: no live heap variable has identifier %u", what, id) + where() + ".");
+    return nullptr;
+}
+
+} // namespace
+
+size_t collect_garbage(State& s) {
+    std::vector<uint32_t> work;
+    auto reach = [&](uint32_t id) {
+        if (HeapSlot* slot = s.heap.find(id); slot && !slot->mark) {
+            slot->mark = true;
+            work.push_back(id);
+        }
+    };
+    s.heap.for_each([&](HeapSlot* slot) {
+        slot->mark = false;
+        if (slot->rec.flags & ZOK_HEAP_HELD) {
+            slot->mark = true;
+            work.push_back(slot->rec.id);
+        }
+    });
+    for (const auto& [name, var] : s.vars)
+        for_each_reference(var, reach);
+    for (TempSlot* t = s.temp_tail; t; t = t->prev)
+        for_each_reference(t->var, reach);
+    while (!work.empty()) {
+        uint32_t id = work.back();
+        work.pop_back();
+        for_each_reference(s.heap.find(id)->rec.var, reach);
+    }
+    std::vector<HeapSlot*> dead;
+    s.heap.for_each([&](HeapSlot* slot) {
+        if (!slot->mark)
+            dead.push_back(slot);
+    });
+    for (HeapSlot* slot : dead)
+        heap_free_slot(slot);
+    return dead.size();
+}
+
+} // namespace zok::detail
+
+using namespace zok::detail;
+
+extern "C" {
+
+zok_heap_record* host_object_heap_var(uint32_t id, int32_t action) {
+    // Either kind: a module also resolves pointer heap variables it owns this way.
+    return lookup_or_raise(id, action, ZOK_ERR_INVALID_OBJECT, "object reference");
+}
+
+zok_heap_record* host_heap_var(uint32_t id) {
+    HeapSlot* slot = heap_slot(id);
+    return slot ? &slot->rec : nullptr;
+}
+
+zok_heap_record* host_heap_var_new(int32_t kind, zok_var* value, int32_t mode, int32_t action) {
+    State& s = state();
+    auto refuse = [&](int32_t code, std::string why) -> zok_heap_record* {
+        raise(code, action, "host_heap_var_new: " + why + where() + ".");
+        return nullptr;
+    };
+    if (kind != ZOK_HEAP_POINTER && kind != ZOK_HEAP_OBJECT)
+        return refuse(ZOK_ERR_BAD_ARGUMENT, format("kind %d is neither pointer nor object", kind));
+    if (mode != ZOK_HEAP_NEW_COPY && mode != ZOK_HEAP_NEW_MOVE)
+        return refuse(ZOK_ERR_BAD_ARGUMENT, format("mode %d is neither copy nor move", mode));
+    if (!value)
+        return refuse(ZOK_ERR_BAD_ARGUMENT, "null value");
+    if (kind == ZOK_HEAP_OBJECT &&
+        (value->type != ZOK_T_STRUCT || (value->flags & ZOK_VF_ARRAY) || !value->value.st.data))
+        return refuse(ZOK_ERR_NOT_OBJECT,
+                      "an object needs a scalar structure value, not " + describe(*value));
+    if (inject_fault(kHeapLabel))
+        return refuse(ZOK_ERR_NO_MEMORY, "unable to allocate a heap variable");
+    zok_var held{};
+    if (mode == ZOK_HEAP_NEW_COPY)
+        copy_value(*value, held);
+    HeapSlot* slot = s.heap.create();
+    if (!slot) {
+        free_value(held);
+        return refuse(ZOK_ERR_NO_MEMORY, "unable to allocate a heap variable");
+    }
+    slot->kind = static_cast<uint8_t>(kind);
+    if (mode == ZOK_HEAP_NEW_MOVE) {
+        held.type = value->type;
+        held.flags = value->flags & (ZOK_VF_ARRAY | ZOK_VF_STRUCT);
+        held.value = value->value;
+        value->type = ZOK_T_UNDEFINED;
+        value->flags &= static_cast<uint8_t>(~(ZOK_VF_ARRAY | ZOK_VF_STRUCT));
+        std::memset(&value->value, 0, sizeof value->value);
+    }
+    slot->rec.var = held;
+    return &slot->rec;
+}
+
+void host_heap_free(uint32_t id, int32_t reserved0, int32_t reserved1) {
+    if (reserved0 != 0 || reserved1 != 0) {
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+              "host_heap_free: reserved arguments must be 0" + where() + ".");
+        return;
+    }
+    if (zok_heap_record* rec =
+            lookup_or_raise(id, ZOK_ACTION_ERROR, ZOK_ERR_INVALID_POINTER, "pointer"))
+        heap_free_slot(reinterpret_cast<HeapSlot*>(rec));
+}
+
+} // extern "C"

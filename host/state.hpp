@@ -1,0 +1,357 @@
+// The reference host's internal state and the helpers its source files share.
+//
+// One State exists per live zok::Host and `g_state` points at it; every C
+// operation reaches the host through `state()`, which raises a clear error when
+// no host is alive.  Ownership: the state owns every text, temporary, heap
+// variable, labelled block and structure definition it hands out, and frees
+// them all when the host goes.  Interned names (zok_name) outlive hosts, since
+// a module may keep a handle for the whole process; their bindings are cleared
+// when a host goes.
+#pragma once
+
+#include "host.hpp"
+#include "pool.hpp"
+
+#include <zok/zok.h>
+
+#include <array>
+#include <cstdarg>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+// The opaque handle types of zok.h are defined here, in the global namespace.
+struct zok_keywords {
+    std::vector<std::pair<std::string, zok_var*>> entries;
+};
+
+struct zok_message_block {
+    std::string name;
+    std::vector<zok_message_def> messages;
+    std::vector<std::string> storage; // owns the texts `messages` points at
+};
+
+namespace zok::detail {
+struct Routine;
+struct StructInfo;
+} // namespace zok::detail
+
+namespace zok {
+// The host's way to the private parts of the program API types.
+struct HostAccess {
+    static Call make_call(Host* host, int32_t argc, zok_var** argv, zok_keywords* kw) {
+        return Call(host, argc, argv, kw);
+    }
+};
+} // namespace zok
+
+struct zok_name {
+    std::string text;
+    // Bindings in the current host (cleared when it goes).
+    zok::detail::Routine* routine = nullptr;
+    zok::detail::StructInfo* structure = nullptr;
+    uint32_t method_routines = 0; // routines CLASS::<text> registered
+};
+
+namespace zok::detail {
+
+// Accounting labels of allocations that carry no label of their own.
+inline constexpr const char* kHeapLabel = "(heap)";
+inline constexpr const char* kTempLabel = "(temp)";
+
+struct LabelStats {
+    std::string label;
+    MemStats live;
+    size_t frees = 0; // frees made under this label as the freeing label
+};
+
+// A structure definition with the host's own view of its layout.
+struct StructInfo {
+    struct Tag {
+        std::string name;
+        uint8_t type;
+        uint32_t offset;
+    };
+    std::string name;
+    zok_struct_def def{};
+    StructInfo* parent = nullptr;
+    std::vector<Tag> tags; // every tag, inherited ones first, in instance order
+    size_t end = 0;        // where the last tag ends (def.size adds tail padding)
+    // The prepared form handed to modules: count, then the string tags' offsets.
+    std::vector<uint32_t> string_offsets;
+    // Method cache: bare method name -> resolved routine (null: none exists).
+    std::unordered_map<const zok_name*, Routine*> methods;
+
+    const Tag* find_tag(std::string_view tag) const;
+    bool has_strings() const { return string_offsets[0] != 0; }
+};
+
+// A registered routine, from a module (C entry point) or a program (callable).
+struct Routine {
+    zok_name* name;
+    bool is_function;
+    uint16_t min_args;
+    uint16_t max_args;
+    int32_t flags;
+    zok_function function = nullptr;
+    zok_procedure procedure = nullptr;
+    zok::Routine program; // set for program routines
+};
+
+// One heap variable: the record modules see, then the host's own fields.
+struct HeapSlot {
+    zok_heap_record rec;
+    uint8_t kind;
+    bool mark;  // reached, during a collection
+    bool dying; // CLEANUP is running
+};
+
+// Identifier -> heap slot, in pages of 4096 identifiers under a flat directory
+// of 2^20 page pointers: a look-up is two loads, whatever the identifier.
+class HeapTable {
+public:
+    static constexpr unsigned kPageBits = 12;
+    static constexpr uint32_t kPageSize = 1u << kPageBits;
+
+    HeapTable();
+    ~HeapTable();
+    HeapTable(const HeapTable&) = delete;
+    HeapTable& operator=(const HeapTable&) = delete;
+
+    HeapSlot* find(uint32_t id) const {
+        Page* p = dir_[id >> kPageBits];
+        return p ? p->slots[id & (kPageSize - 1)] : nullptr;
+    }
+    // A new slot with the next identifier; null when memory or identifiers run out.
+    HeapSlot* create();
+    // Forgets and frees a slot (its value must already be freed).
+    void destroy(HeapSlot* slot);
+    uint64_t next_id() const { return next_id_; }
+    void set_next_id(uint64_t next);
+    size_t count() const { return count_; }
+    // Calls f(slot) for every live slot in identifier order.
+    template <typename F>
+    void for_each(F&& f) const;
+    void check() const;
+
+private:
+    struct Page {
+        HeapSlot* slots[kPageSize];
+        uint32_t live;
+    };
+    void drop_page_if_done(uint32_t page_index);
+
+    Page** dir_;
+    std::vector<uint32_t> pages_; // indices of allocated pages, ascending
+    SlotPool slots_;
+    uint64_t next_id_ = 1;
+    size_t count_ = 0;
+};
+
+template <typename F>
+void HeapTable::for_each(F&& f) const {
+    std::vector<uint32_t> pages = pages_;
+    for (uint32_t pi : pages) {
+        for (uint32_t i = 0; i < kPageSize; ++i) {
+            Page* p = dir_[pi];
+            if (!p)
+                break;
+            if (HeapSlot* s = p->slots[i])
+                f(s);
+        }
+    }
+}
+
+// A temporary: the variable, then its place in the list of live temporaries.
+struct TempSlot {
+    zok_var var;
+    uint64_t seq;
+    TempSlot* prev;
+    TempSlot* next;
+};
+
+// One routine call in progress (or the base frame outside any call).
+struct Frame {
+    Frame* parent = nullptr;
+    const Routine* routine = nullptr;
+    uint64_t first_temp = 0;    // temporaries with seq >= this were made in the call
+    std::vector<char*> held_kw; // texts held by keyword processing in this call
+};
+
+struct LoadedModule {
+    void* handle = nullptr;
+    int32_t (*load)() = nullptr;
+    void (*reset)() = nullptr;
+    std::string path;
+};
+
+} // namespace zok::detail
+
+struct zok::Host::State {
+    explicit State(Host* host);
+    ~State();
+
+    Host* host;
+
+    // Messages.
+    std::vector<Message> messages;
+    bool errors_return = false;
+    std::unordered_map<std::string, std::unique_ptr<zok_message_block>> blocks;
+
+    // Faults.
+    uint64_t allocation_count = 0;
+    uint64_t fail_at = 0; // allocation_count value that fails; 0 = none
+    std::unordered_set<std::string> fail_labels;
+    std::array<uint64_t, 2> op_calls{};
+    std::array<uint64_t, 2> op_refuse_at{};
+
+    // Texts.
+    std::unordered_set<const char*> texts;
+
+    // Temporaries.
+    detail::ChunkRegistry temp_chunks;
+    detail::SlotPool temps{sizeof(detail::TempSlot), &temp_chunks};
+    detail::TempSlot* temp_tail = nullptr;
+    uint64_t temp_seq = 1;
+    size_t leftover_temps = 0;
+
+    // Memory.
+    std::unordered_map<std::string, std::unique_ptr<detail::LabelStats>> labels;
+    std::unordered_map<const char*, detail::LabelStats*> label_cache;
+    struct Block {
+        size_t size;
+        detail::LabelStats* stats;
+    };
+    std::unordered_map<void*, Block> blocks_live;
+    detail::ChunkRegistry plain_chunks;
+    std::vector<std::unique_ptr<detail::SlotPool>> plain_pools;    // by 16-byte size class
+    std::vector<std::unique_ptr<detail::SlotPool>> instance_pools; // by 16-byte size class
+    detail::LabelStats* plain_stats = nullptr;
+
+    // Heap.
+    detail::HeapTable heap;
+
+    // Structures, routines, calls.
+    std::map<std::string, std::unique_ptr<detail::StructInfo>, std::less<>> structs;
+    std::unordered_map<const zok_struct_def*, detail::StructInfo*> struct_by_def;
+    std::vector<std::unique_ptr<detail::Routine>> routines;
+    std::vector<zok_name*> bound_names;
+    detail::Frame base_frame;
+    detail::Frame* frame = &base_frame;
+    int api_depth = 0;
+
+    // Program variables (std::map keeps their addresses stable).
+    std::map<std::string, zok_var, std::less<>> vars;
+
+    std::vector<detail::LoadedModule> modules;
+};
+
+namespace zok::detail {
+
+using State = zok::Host::State;
+
+// The live host's state; raises (throws) when no host is alive.
+State& state();
+State* state_or_null();
+void set_current_state(State* s);
+
+// ---- Messages (errors.cpp)
+// Records the message; with the error action (unless errors_return) throws
+// zok::Error.  Returns when the action allows it.
+void raise(int32_t code, int32_t action, std::string text);
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string vformat(const char* fmt, va_list ap);
+// The running routine's registered name ("" outside any call).
+std::string running_routine();
+// "in ROUTINE" (or "") for texts that name the routine where known.
+std::string where();
+const char* type_name(uint8_t type);
+std::string describe(const zok_var& v);
+
+// ---- Texts, temporaries, variables (vars.cpp)
+char* new_text(const char* text, size_t length);
+void release_text(char* text);
+zok_string make_string(std::string_view text);
+zok_var* new_temp();
+void release_temp(zok_var* v);
+bool is_live_temp(const zok_var* v);
+// Releases every live temporary made since `first_seq`; returns the count.
+size_t release_temps_since(uint64_t first_seq);
+void free_value(zok_var& v);
+// dest (undefined) := a deep copy of src; value bits of flags follow src.
+void copy_value(const zok_var& src, zok_var& dest);
+void assign(zok_var& dest, const zok_var& src);
+size_t elem_size(uint8_t type);
+bool is_valid_type(uint8_t type);
+zok_array* new_array(uint8_t type, uint32_t count, zok_struct_def* def);
+void* new_instance(const StructInfo& info);
+void free_instance(const StructInfo& info, void* data);
+void copy_instance(const StructInfo& info, const void* src, void* dest);
+// Converts one scalar element to `type` into `out` (which must be undefined).
+// False when the value has no such conversion.
+bool convert_scalar(uint8_t from_type, const void* from, uint8_t type, zok_var& out);
+void to_var(const Value& v, zok_var& out);
+Value from_var(const zok_var& v);
+// One element of `type` at `src` / into empty storage at `dst`.
+Value read_element(uint8_t type, const void* src, const zok_struct_def* def);
+void write_element(uint8_t type, const Value& v, void* dst);
+
+// ---- Memory and faults (memory.cpp)
+// Counts one allocation under `label`; true when fault injection fails it.
+bool inject_fault(const char* label);
+LabelStats& stats_for(const char* label);
+void* alloc_instance_memory(size_t size);
+void free_instance_memory(void* p, size_t size);
+void free_all_memory(State& s);
+
+// ---- Heap (heap.cpp)
+HeapSlot* heap_slot(uint32_t id);
+void heap_free_slot(HeapSlot* slot);
+void free_whole_heap(State& s);
+// Frees the heap variables no root reaches; returns the count freed.
+size_t collect_garbage(State& s);
+
+// ---- Structures (structs.cpp)
+StructInfo* struct_info(const zok_struct_def* def);
+StructInfo* find_struct(std::string_view name);
+StructInfo* define_struct(const char* name, const zok_tag_entry* tags);
+std::string upper(std::string_view s);
+
+// ---- Names, routines, calls (calls.cpp)
+zok_name* intern(std::string_view text);
+// The interned name, or null when the text was never interned.
+zok_name* find_name(std::string_view text);
+void add_routine(std::unique_ptr<Routine> r);
+Routine* resolve_method(StructInfo* cls, const zok_name* method);
+zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw);
+void invalidate_method_caches();
+// Why a program routine cannot be registered ("" when it can).
+std::string program_routine_problem(const std::string& name, uint16_t min_args, uint16_t max_args);
+void unbind_names(State& s);
+// Makes an object of `cls` and runs INIT; returns its id (0 when INIT said no).
+uint32_t create_object(StructInfo* cls, int32_t argc, zok_var** args, zok_keywords* kw);
+void destroy_object(uint32_t id, zok_keywords* kw);
+
+// ---- Keywords (keywords.cpp)
+void release_held_keywords(Frame& f);
+
+// Frees every text a frame's keyword processing still holds and every temporary
+// made during the frame when it ends by an exception; pops the frame.
+class FrameGuard {
+public:
+    FrameGuard(State& s, const Routine* r);
+    ~FrameGuard();
+    FrameGuard(const FrameGuard&) = delete;
+    FrameGuard& operator=(const FrameGuard&) = delete;
+
+private:
+    State& s_;
+    Frame frame_;
+    int uncaught_;
+};
+
+} // namespace zok::detail
