@@ -18,9 +18,6 @@ constexpr tree::Complaint find_key_non_head{"map_rb_find_key_n called on non-hea
 constexpr tree::Complaint find_ikey_non_head{"map_rb_find_ikey_n called on non-head"};
 
 // The key word of the ikey kind holds the integer in its low half.
-RbWord ikey_word(int32_t key) {
-    return static_cast<uint32_t>(key);
-}
 int32_t ikey_of(RbWord word) {
     return static_cast<int32_t>(static_cast<uint32_t>(word));
 }
