@@ -1,0 +1,278 @@
+// The reference host's accounting: temporaries, texts and module memory,
+// double-free detection, the plain node pool under random churn, and fault
+// injection.  Randomized tests print their seed; ZOK_SEED=<n> re-runs one.
+#include "host.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+
+namespace {
+
+uint32_t test_seed() {
+    const char* env = std::getenv("ZOK_SEED");
+    uint32_t seed =
+        env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 10)) : std::random_device{}();
+    std::printf("seed %u (re-run with ZOK_SEED=%u)\n", seed, seed);
+    return seed;
+}
+
+template <typename F>
+void expect_error(int32_t code, F&& f) {
+    try {
+        f();
+        ADD_FAILURE() << "no error raised, expected code " << code;
+    } catch (const zok::Error& e) {
+        EXPECT_EQ(e.code(), code) << e.what();
+    }
+}
+
+TEST(HostTemporaries, CountedReleasedOnceAndOnlyTemporaries) {
+    zok::Host host;
+    zok_var* a = host_temp_long(7);
+    zok_var* b = host_temp_var();
+    EXPECT_EQ(host.live_temps(), 2u);
+    EXPECT_EQ(a->type, ZOK_T_LONG);
+    EXPECT_EQ(a->value.long_val, 7);
+    EXPECT_TRUE(a->flags & ZOK_VF_TEMPORARY);
+    host_release_temp(a);
+    EXPECT_EQ(host.live_temps(), 1u);
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(a); });
+    zok_var local{};
+    local.flags = ZOK_VF_TEMPORARY;
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(&local); });
+    b->flags = 0; // a module that cleared the mark no longer holds a temporary
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(b); });
+    b->flags = ZOK_VF_TEMPORARY;
+    host_release_temp(b);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+TEST(HostTemporaries, ArraysAndStructuresGiveEverythingBackOnRelease) {
+    zok::Host host;
+    host.define_struct("REC", {{"S", ZOK_T_STRING}, {"N", ZOK_T_LONG}, {"T", ZOK_T_STRING}});
+    zok_var* strs = nullptr;
+    auto* elems = static_cast<zok_string*>(host_make_temp_vector(ZOK_T_STRING, 3, 1, &strs));
+    for (int i = 0; i < 3; ++i)
+        host_string_store(&elems[i], ("text" + std::to_string(i)).c_str());
+    zok_var* rec = host.make_temp(zok::StructValue{"REC", {{"S", "one"}, {"N", 4}, {"T", "two"}}});
+    EXPECT_EQ(host.live_texts(), 5u);
+
+    // Copies are deep: every text is duplicated, and freeing the copy gives
+    // back exactly the copy's texts.
+    zok_var copy{};
+    host_var_copy(rec, &copy, 0);
+    host_var_copy(strs, &copy, 0); // frees the structure copy first
+    EXPECT_EQ(host.live_texts(), 8u);
+    EXPECT_EQ(host.read(copy), host.read(*strs));
+    host_var_free_value(&copy);
+    EXPECT_EQ(copy.type, ZOK_T_UNDEFINED);
+    host_release_temp(strs);
+    host_release_temp(rec);
+    EXPECT_EQ(host.live_texts(), 0u);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+TEST(HostTexts, StoreDuplicateReleaseAndDoubleRelease) {
+    zok::Host host;
+    zok_string a{};
+    host_string_store(&a, "abc");
+    ASSERT_EQ(a.length, 3u);
+    EXPECT_EQ(std::string(a.text), "abc"); // NUL-terminated
+    zok_string b = a;
+    host_string_duplicate(&b, 1);
+    EXPECT_NE(b.text, a.text);
+    EXPECT_EQ(host.live_texts(), 2u);
+    zok_string alias = a;
+    host_string_release(&a, 1);
+    EXPECT_EQ(a.length, 0u);
+    EXPECT_EQ(host.live_texts(), 1u);
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_string_release(&alias, 1); });
+    EXPECT_EQ(host.live_texts(), 1u);
+    host_string_release(&b, 1);
+    zok_string empty{};
+    host_string_store(&empty, "");
+    EXPECT_EQ(empty.length, 0u);
+    EXPECT_EQ(host.live_texts(), 0u);
+}
+
+TEST(HostTexts, CompareMatchesByteOrderOnRandomTexts) {
+    uint32_t seed = test_seed();
+    std::mt19937 rng(seed);
+    zok::Host host;
+    // Few distinct bytes (NUL and high bytes included) so prefixes and ties are common.
+    const char alphabet[] = {'\0', 'a', 'b', '\x7f', '\x80', '\xff'};
+    auto random_text = [&] {
+        std::string s(rng() % 5, ' ');
+        for (char& c : s)
+            c = alphabet[rng() % sizeof alphabet];
+        return s;
+    };
+    for (int i = 0; i < 5000; ++i) {
+        std::string x = random_text(), y = random_text();
+        zok_string a{static_cast<uint32_t>(x.size()), 0, 0, x.data()};
+        zok_string b{static_cast<uint32_t>(y.size()), 0, 0, y.data()};
+        int expected = x.compare(y); // std::string compares bytes as unsigned char
+        int got = host_string_compare(&a, &b);
+        ASSERT_EQ((got > 0) - (got < 0), (expected > 0) - (expected < 0))
+            << "seed " << seed << " texts of length " << x.size() << " and " << y.size();
+    }
+}
+
+TEST(HostMemory, LabelledAccountingAndBadFrees) {
+    zok::Host host;
+    void* a = host_mem_alloc(16, "FW_Ident key");
+    void* b = host_mem_alloc(40, "FW_Ident key");
+    void* c = host_mem_alloc(8, "ZOkfwBehaviorList");
+    EXPECT_EQ(host.memory("FW_Ident key"), (zok::MemStats{2, 56}));
+    EXPECT_EQ(host.memory("ZOkfwBehaviorList"), (zok::MemStats{1, 8}));
+    host_mem_free_tagged(c, "messagehandler_unscopeMessage");
+    EXPECT_EQ(host.frees("messagehandler_unscopeMessage"), 1u);
+    EXPECT_EQ(host.memory("ZOkfwBehaviorList"), (zok::MemStats{0, 0}));
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(c); });
+    int local = 0;
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(&local); });
+    void* plain = host_mem_alloc_plain(48);
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(plain); });
+    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(a, "x"); });
+    host_mem_free_labelled(plain, "x");
+    host_mem_free(a);
+    host_mem_free(b);
+    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
+    EXPECT_TRUE(host.memory_by_label().empty());
+}
+
+// The pool under random churn against a model: distinct live blocks, intact
+// contents, exact accounting, and refusal of every address that is not a
+// live block.
+TEST(HostMemory, PlainPoolChurnMatchesModel) {
+    uint32_t seed = test_seed();
+    std::mt19937 rng(seed);
+    zok::Host host;
+    std::vector<unsigned char*> live;
+    std::set<unsigned char*> live_set;
+    size_t frees = 0;
+    for (int step = 0; step < 30000; ++step) {
+        if (live.empty() || rng() % 100 < 55) {
+            auto* p = static_cast<unsigned char*>(host_mem_alloc_plain(48));
+            ASSERT_NE(p, nullptr);
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+            ASSERT_TRUE(live_set.insert(p).second) << "seed " << seed << ": block handed out twice";
+            std::memset(p, static_cast<int>(reinterpret_cast<uintptr_t>(p) & 0xff), 48);
+            live.push_back(p);
+        } else {
+            size_t i = rng() % live.size();
+            unsigned char* p = live[i];
+            for (int k = 0; k < 48; ++k)
+                ASSERT_EQ(p[k], reinterpret_cast<uintptr_t>(p) & 0xff) << "seed " << seed;
+            if (rng() % 50 == 0)
+                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(p + 16, "inside"); });
+            host_mem_free_labelled(p, "map_rb_delete_node");
+            ++frees;
+            live_set.erase(p);
+            live[i] = live.back();
+            live.pop_back();
+            if (rng() % 50 == 0)
+                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(p, "again"); });
+        }
+        ASSERT_EQ(host.memory(zok::kPlainLabel).blocks, live.size()) << "seed " << seed;
+    }
+    for (unsigned char* p : live)
+        host_mem_free_labelled(p, "map_rb_free_tree");
+    EXPECT_EQ(host.frees("map_rb_delete_node"), frees);
+    EXPECT_EQ(host.frees("map_rb_free_tree"), live.size());
+    EXPECT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{0, 0}));
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+TEST(HostMemoryDeathTest, UseOfAFreedNodeIsReported) {
+    zok::Host host;
+    auto* p = static_cast<volatile char*>(host_mem_alloc_plain(48));
+    host_mem_free_labelled(const_cast<char*>(p), "map_rb_delete_node");
+    EXPECT_DEATH(p[8] = 1, "use-after-poison");
+}
+#endif
+
+TEST(HostFaults, TheNthAllocationOfAnyKindFails) {
+    // Runs one sequence of mixed allocations with each step failing in turn:
+    // exactly that step fails, cleanly, and the others succeed.
+    for (int nth = 1; nth <= 5; ++nth) {
+        zok::Host host;
+        host.define_struct("NODE", {{"A", ZOK_T_LONG}});
+        host.fail_allocation(static_cast<uint64_t>(nth));
+        uint64_t before = host.allocations();
+        std::vector<bool> failed;
+        void* block = host_mem_alloc(8, "label");
+        failed.push_back(block == nullptr);
+        void* node = host_mem_alloc_plain(48);
+        failed.push_back(node == nullptr);
+        zok_var* temp = nullptr;
+        try {
+            temp = host_temp_long(1);
+        } catch (const zok::Error& e) {
+            EXPECT_EQ(e.code(), ZOK_ERR_NO_MEMORY);
+        }
+        failed.push_back(temp == nullptr);
+        zok_var value{};
+        value.type = ZOK_T_LONG;
+        zok_heap_record* rec = host_heap_var_new(ZOK_HEAP_POINTER, &value, 2, ZOK_ACTION_RETURN);
+        failed.push_back(rec == nullptr);
+        void* again = host_mem_alloc(8, "label");
+        failed.push_back(again == nullptr);
+        EXPECT_EQ(host.allocations() - before, 5u);
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(failed[static_cast<size_t>(i)], i + 1 == nth)
+                << "nth " << nth << " step " << i;
+        EXPECT_EQ(host.heap_count(), rec ? 1u : 0u);
+        EXPECT_EQ(host.memory("label").blocks, (block ? 1u : 0u) + (again ? 1u : 0u));
+    }
+}
+
+TEST(HostFaults, EveryAllocationUnderALabelFails) {
+    zok::Host host;
+    host.fail_label("FW_Ident data");
+    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
+    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
+    void* other = host_mem_alloc(8, "FW_Ident key");
+    EXPECT_NE(other, nullptr);
+    host.fail_label(zok::kPlainLabel);
+    EXPECT_EQ(host_mem_alloc_plain(48), nullptr);
+    host.clear_faults();
+    void* node = host_mem_alloc_plain(48);
+    EXPECT_NE(node, nullptr);
+    host_mem_free_labelled(node, "x");
+    host_mem_free(other);
+    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
+}
+
+TEST(HostFaults, RegistrationOperationsRefuseTheNthCall) {
+    zok::Host host;
+    const zok_message_def msgs[] = {{"M0", "first"}, {"M1", "second"}};
+    host.refuse(zok::Operation::DefineMessageBlock);
+    EXPECT_EQ(host_define_message_block("BLK", 2, msgs), nullptr);
+    const zok_message_block* blk = host_define_message_block("BLK", 2, msgs);
+    ASSERT_NE(blk, nullptr);
+    try {
+        host_message_from_block(blk, -1, ZOK_ACTION_ERROR);
+        ADD_FAILURE() << "no error raised";
+    } catch (const zok::Error& e) {
+        EXPECT_EQ(e.code(), -1);
+        EXPECT_EQ(e.text(), "second");
+    }
+
+    zok_function fn = [](int32_t, zok_var**, zok_keywords*) { return host_temp_long(1); };
+    const zok_routine_entry first[] = {{{fn}, "FIRST", 0, 0, 0, nullptr}};
+    const zok_routine_entry second[] = {{{fn}, "SECOND", 0, 0, 0, nullptr}};
+    host.refuse(zok::Operation::AddRoutines, 2);
+    EXPECT_EQ(host_add_routines(first, 1, 1), 1);
+    EXPECT_EQ(host_add_routines(second, 1, 1), 0);
+    EXPECT_FALSE(host.has_routine("SECOND"));
+    EXPECT_EQ(host_add_routines(second, 1, 1), 1);
+    EXPECT_EQ(host.call_function("SECOND").as_int(), 1);
+}
+
+} // namespace
