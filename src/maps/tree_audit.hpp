@@ -1,7 +1,7 @@
 // The invariant checker and the variant-independent pictures of a tree (outline and
 // Graphviz), written once over the node-access policy of tree.hpp.
 //
-// Nothing here trusts the tree: every walk refuses a node reached twice, a handle that
+// Nothing here trusts the tree: the walks refuse a node reached twice, a handle that
 // names no node and a depth no sound tree reaches, so a corrupt tree yields a report,
 // never a crash or an endless loop.  The policy adds, for these walks only:
 //   alive(ref)      whether a handle names a node at all
@@ -234,13 +234,15 @@ private:
     }
 
     // The span of n's subtree; `side` is where n hangs under `up` (unused for the root).
+    // No node is visited twice: each is entered from the node its parent link names, and
+    // no node names one child twice.
     std::optional<Span> walk(Ref n, Ref up, Side side, int depth) {
         if (depth > max_sound_depth)
             return fail(n, "deeper than any sound tree");
         if (!A::alive(n))
             return fail(up, "a child link names no node");
-        if (!seen_.insert(n).second || n == head_)
-            return fail(n, "reached twice from the root");
+        if (n == head_)
+            return fail(up, "a child link names the head");
         auto v = A::at(n);
         bool is_root = up == head_;
         if (!A::flags_sane(v))
@@ -264,6 +266,8 @@ private:
         ++internals_;
         Ref l = A::left(v);
         Ref r = A::right(v);
+        if (l == r)
+            return fail(n, "both child links name " + hex(A::number(l)));
         Ref key_leaf = A::key_leaf(v);
         Ref value_leaf = A::value_leaf(v);
         bool is_red = A::has(v, red);
@@ -320,7 +324,6 @@ private:
     }
 
     Ref head_;
-    std::set<Ref> seen_;
     std::vector<Ref> leaves_;
     std::size_t internals_ = 0;
     std::string fault_;
