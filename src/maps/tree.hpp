@@ -157,20 +157,21 @@ struct Tree {
     // ---- Insertion.
 
     // A new leaf before `pos` (a leaf, or the head to append); none when a node cannot be
-    // made.  Both nodes are made before anything is linked, so a failure changes nothing.
+    // made.  Both nodes are made before anything is linked, so a failure, returned or
+    // raised, changes nothing.
     static Ref insert_before(Ref pos, Word k, Word val, const char* label) {
         Ref leaf = A::make();
         if (leaf == Ref{})
             return leaf;
+        Unlinked unlinked{leaf, label};
         bool empty = is(pos, head) && parent(pos) == pos;
         Ref node{};
         if (!empty) {
             node = A::make();
-            if (node == Ref{}) {
-                A::free(leaf, label);
+            if (node == Ref{})
                 return node;
-            }
         }
+        unlinked.node = Ref{};
         auto lv = A::at(leaf);
         A::set_key(lv, k);
         A::set_value(lv, val);
@@ -199,6 +200,16 @@ struct Tree {
         }
         return leaf;
     }
+
+    // Frees a node that an insertion made but did not link, however the insertion ends.
+    struct Unlinked {
+        Ref node;
+        const char* label;
+        ~Unlinked() {
+            if (node != Ref{})
+                A::free(node, label);
+        }
+    };
 
     static void link_before(Ref leaf, Ref next) {
         Ref prev = right(next);
