@@ -2,25 +2,38 @@
 // unreachable heap variables.
 //
 // Invariants: identifiers are handed out in increasing order from 1 and never
-// again; dir_[id >> 12] is a page exactly while an identifier of that page is
-// live or the page is still being filled; a page's `live` counts its non-null
-// slots; `count_` is the sum of them; `pages_` lists the allocated pages in
-// ascending order.  A record's address does not change while it lives.
+// again; dir_[id >> kPageBits] is a page exactly while an identifier of that
+// page is live or the page is still being filled; a page's `live` counts its
+// live slots; `count_` is the sum of them; `pages_` lists the allocated pages
+// in ascending order.  A record's address does not change while it lives.
 #include "state.hpp"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace zok::detail {
 
 namespace {
+
 constexpr size_t kDirEntries = size_t{1} << (32 - HeapTable::kPageBits);
 constexpr uint64_t kIdLimit = uint64_t{1} << 32;
+
+// A dead slot's record is poisoned in a sanitizer build, so a module that
+// keeps a record pointer past its heap variable's end is caught.
+void poison_record(HeapSlot* s) {
+    poison(&s->rec, sizeof s->rec);
+}
+
+void unpoison_record(HeapSlot* s) {
+    unpoison(&s->rec, sizeof s->rec);
+}
+
 } // namespace
 
-HeapTable::HeapTable() : slots_(sizeof(HeapSlot), nullptr) {
+HeapTable::HeapTable() {
     // calloc of a large block maps zero pages lazily: untouched parts cost nothing.
     dir_ = static_cast<Page**>(std::calloc(kDirEntries, sizeof(Page*)));
     if (!dir_)
@@ -28,8 +41,12 @@ HeapTable::HeapTable() : slots_(sizeof(HeapSlot), nullptr) {
 }
 
 HeapTable::~HeapTable() {
-    for (uint32_t pi : pages_)
+    for (uint32_t pi : pages_) {
+        unpoison(dir_[pi], sizeof(Page));
         std::free(dir_[pi]);
+    }
+    unpoison(spare_, spare_ ? sizeof(Page) : 0);
+    std::free(spare_);
     std::free(dir_);
 }
 
@@ -40,40 +57,45 @@ HeapSlot* HeapTable::create() {
     uint32_t pi = id >> kPageBits;
     Page* page = dir_[pi];
     if (!page) {
-        page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
-        if (!page)
-            return nullptr;
         try {
             pages_.push_back(pi); // identifiers only grow: the list stays sorted
         } catch (const std::bad_alloc&) {
-            std::free(page);
             return nullptr;
+        }
+        // The spare's slots are all dead and poisoned already; a new page is
+        // zeroed (every slot dead) and poisoned here.
+        page = std::exchange(spare_, nullptr);
+        if (!page) {
+            page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
+            if (!page) {
+                pages_.pop_back();
+                return nullptr;
+            }
+            for (HeapSlot& s : page->slots)
+                poison_record(&s);
         }
         dir_[pi] = page;
     }
-    auto* slot = static_cast<HeapSlot*>(slots_.allocate());
-    if (!slot) {
-        drop_page_if_done(pi);
-        return nullptr;
-    }
+    HeapSlot* slot = &page->slots[id & (kPageSize - 1)];
+    unpoison_record(slot);
     *slot = HeapSlot{};
     slot->rec.id = id;
-    page->slots[id & (kPageSize - 1)] = slot;
+    slot->live = true;
     ++page->live;
     ++count_;
     ++next_id_;
-    drop_page_if_done(pi - 1);
+    if (pi > 0)
+        drop_page_if_done(pi - 1);
     return slot;
 }
 
 void HeapTable::destroy(HeapSlot* slot) {
     uint32_t id = slot->rec.id;
     uint32_t pi = id >> kPageBits;
-    Page* page = dir_[pi];
-    page->slots[id & (kPageSize - 1)] = nullptr;
-    --page->live;
+    slot->live = false;
+    poison_record(slot);
+    --dir_[pi]->live;
     --count_;
-    slots_.release(slot);
     drop_page_if_done(pi);
 }
 
@@ -83,7 +105,12 @@ void HeapTable::drop_page_if_done(uint32_t pi) {
     if (!page || page->live != 0 || (uint64_t{pi} + 1) << kPageBits > next_id_)
         return;
     dir_[pi] = nullptr;
-    std::free(page);
+    if (spare_) {
+        unpoison(page, sizeof(Page));
+        std::free(page);
+    } else {
+        spare_ = page;
+    }
     pages_.erase(std::lower_bound(pages_.begin(), pages_.end(), pi));
 }
 
@@ -109,8 +136,8 @@ void HeapTable::check() const {
             throw std::logic_error("heap: listed page missing from the directory");
         uint32_t live = 0;
         for (uint32_t i = 0; i < kPageSize; ++i) {
-            const HeapSlot* s = page->slots[i];
-            if (!s)
+            const HeapSlot* s = &page->slots[i];
+            if (!s->live)
                 continue;
             ++live;
             uint64_t id = (uint64_t{pi} << kPageBits) | i;
@@ -128,12 +155,8 @@ void HeapTable::check() const {
             throw std::logic_error("heap: page live count is wrong");
         total += live;
     }
-    if (total != count_ || total != slots_.live())
+    if (total != count_)
         throw std::logic_error("heap: live count is wrong");
-}
-
-HeapSlot* heap_slot(uint32_t id) {
-    return state().heap.find(id);
 }
 
 void heap_free_slot(HeapSlot* slot) {

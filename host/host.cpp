@@ -15,22 +15,10 @@
 
 namespace zok::detail {
 
-namespace {
 State* g_state = nullptr;
-} // namespace
 
-State& state() {
-    if (!g_state)
-        throw Error(ZOK_ERR_BAD_ARGUMENT, "No host is running: create a zok::Host first.", {});
-    return *g_state;
-}
-
-State* state_or_null() {
-    return g_state;
-}
-
-void set_current_state(State* s) {
-    g_state = s;
+void no_host() {
+    throw Error(ZOK_ERR_BAD_ARGUMENT, "No host is running: create a zok::Host first.", {});
 }
 
 namespace {
@@ -157,10 +145,10 @@ Host::State::State(Host* h) : host(h) {
 Host::State::~State() = default;
 
 Host::Host() {
-    if (state_or_null())
+    if (g_state)
         throw Error(ZOK_ERR_BAD_ARGUMENT, "A host is already running in this process.", {});
     state_ = std::make_unique<State>(this);
-    set_current_state(state_.get());
+    g_state = state_.get();
 }
 
 Host::~Host() {
@@ -184,7 +172,7 @@ Host::~Host() {
     for (LoadedModule& m : s.modules)
         if (m.handle)
             dlclose(m.handle);
-    set_current_state(nullptr);
+    g_state = nullptr;
 }
 
 Host& Host::current() {

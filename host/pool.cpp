@@ -7,15 +7,6 @@
 #include <cstring>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#define ZOK_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
-#define ZOK_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION((p), (n))
-#else
-#define ZOK_POISON(p, n) ((void)(p), (void)(n))
-#define ZOK_UNPOISON(p, n) ((void)(p), (void)(n))
-#endif
-
 namespace zok::detail {
 
 void ChunkRegistry::add(uintptr_t base) {
@@ -42,7 +33,7 @@ SlotPool::~SlotPool() {
     for (Chunk* c : chunks_) {
         if (registry_)
             registry_->remove(reinterpret_cast<uintptr_t>(c));
-        ZOK_UNPOISON(c, kChunkSize);
+        unpoison(c, kChunkSize);
         std::free(c);
     }
 }
@@ -69,7 +60,7 @@ SlotPool::Chunk* SlotPool::new_chunk() {
     for (size_t i = slots_per_chunk_; i < Chunk::kWords * 64; ++i)
         c->bits[i / 64] |= uint64_t{1} << (i % 64);
     chunks_.push_back(c);
-    ZOK_POISON(slot_at(c, 0), slots_per_chunk_ * slot_size_);
+    poison(slot_at(c, 0), slots_per_chunk_ * slot_size_);
     link_free(c);
     return c;
 }
@@ -79,7 +70,7 @@ void SlotPool::free_chunk(Chunk* c) {
     chunks_.erase(std::find(chunks_.begin(), chunks_.end(), c));
     if (registry_)
         registry_->remove(reinterpret_cast<uintptr_t>(c));
-    ZOK_UNPOISON(c, kChunkSize);
+    unpoison(c, kChunkSize);
     std::free(c);
 }
 
@@ -118,7 +109,7 @@ void* SlotPool::allocate() {
             unlink_free(c);
         ++live_;
         unsigned char* slot = slot_at(c, w * 64 + bit);
-        ZOK_UNPOISON(slot, slot_size_);
+        unpoison(slot, slot_size_);
         return slot;
     }
     std::abort(); // a chunk on the free list always has a free slot
@@ -165,7 +156,7 @@ bool SlotPool::release(void* slot) {
     bool was_full = c->used == slots_per_chunk_;
     --c->used;
     --live_;
-    ZOK_POISON(slot, slot_size_);
+    poison(slot, slot_size_);
     if (was_full)
         link_free(c);
     // Keep one empty chunk as a spare; give back the others.

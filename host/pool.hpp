@@ -15,7 +15,24 @@
 #include <cstdint>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace zok::detail {
+
+// Marks memory the program must not touch (a no-op without the address sanitizer).
+inline void poison([[maybe_unused]] const volatile void* p, [[maybe_unused]] size_t n) {
+#if defined(__SANITIZE_ADDRESS__)
+    ASAN_POISON_MEMORY_REGION(p, n);
+#endif
+}
+
+inline void unpoison([[maybe_unused]] const volatile void* p, [[maybe_unused]] size_t n) {
+#if defined(__SANITIZE_ADDRESS__)
+    ASAN_UNPOISON_MEMORY_REGION(p, n);
+#endif
+}
 
 // The sorted chunk bases of one or more pools: decides whether an address
 // belongs to them without a hash lookup or a per-block record.

@@ -106,15 +106,17 @@ struct Routine {
 struct HeapSlot {
     zok_heap_record rec;
     uint8_t kind;
+    bool live;
     bool mark;  // reached, during a collection
     bool dying; // CLEANUP is running
 };
 
-// Identifier -> heap slot, in pages of 4096 identifiers under a flat directory
-// of 2^20 page pointers: a look-up is two loads, whatever the identifier.
+// Identifier -> heap slot: slots live in pages of 1024 identifiers under a flat
+// directory of 2^22 page pointers, so a look-up is one load and an address
+// computation, whatever the identifier, and a record never moves.
 class HeapTable {
 public:
-    static constexpr unsigned kPageBits = 12;
+    static constexpr unsigned kPageBits = 10;
     static constexpr uint32_t kPageSize = 1u << kPageBits;
 
     HeapTable();
@@ -124,30 +126,33 @@ public:
 
     HeapSlot* find(uint32_t id) const {
         Page* p = dir_[id >> kPageBits];
-        return p ? p->slots[id & (kPageSize - 1)] : nullptr;
+        if (!p)
+            return nullptr;
+        HeapSlot* s = &p->slots[id & (kPageSize - 1)];
+        return s->live ? s : nullptr;
     }
     // A new slot with the next identifier; null when memory or identifiers run out.
     HeapSlot* create();
-    // Forgets and frees a slot (its value must already be freed).
+    // Forgets a slot (its value must already be freed).
     void destroy(HeapSlot* slot);
     uint64_t next_id() const { return next_id_; }
     void set_next_id(uint64_t next);
     size_t count() const { return count_; }
-    // Calls f(slot) for every live slot in identifier order.
+    // Calls f(slot) for every live slot in identifier order; f may free slots.
     template <typename F>
     void for_each(F&& f) const;
     void check() const;
 
 private:
     struct Page {
-        HeapSlot* slots[kPageSize];
         uint32_t live;
+        HeapSlot slots[kPageSize];
     };
     void drop_page_if_done(uint32_t page_index);
 
     Page** dir_;
+    Page* spare_ = nullptr;       // a given-back page kept for the next one (all slots dead)
     std::vector<uint32_t> pages_; // indices of allocated pages, ascending
-    SlotPool slots_;
     uint64_t next_id_ = 1;
     size_t count_ = 0;
 };
@@ -155,15 +160,10 @@ private:
 template <typename F>
 void HeapTable::for_each(F&& f) const {
     std::vector<uint32_t> pages = pages_;
-    for (uint32_t pi : pages) {
-        for (uint32_t i = 0; i < kPageSize; ++i) {
-            Page* p = dir_[pi];
-            if (!p)
-                break;
-            if (HeapSlot* s = p->slots[i])
+    for (uint32_t pi : pages)
+        for (uint32_t i = 0; i < kPageSize; ++i)
+            if (HeapSlot* s = find((pi << kPageBits) | i))
                 f(s);
-        }
-    }
 }
 
 // A temporary: the variable, then its place in the list of live temporaries.
@@ -254,10 +254,19 @@ namespace zok::detail {
 
 using State = zok::Host::State;
 
-// The live host's state; raises (throws) when no host is alive.
-State& state();
-State* state_or_null();
-void set_current_state(State* s);
+// The live host's state, or null.
+extern State* g_state;
+[[noreturn]] void no_host();
+
+// The live host's state; throws when no host is alive.
+inline State& state() {
+    if (!g_state) [[unlikely]]
+        no_host();
+    return *g_state;
+}
+inline State* state_or_null() {
+    return g_state;
+}
 
 // ---- Messages (errors.cpp)
 // Records the message; with the error action (unless errors_return) throws
@@ -309,7 +318,9 @@ void free_instance_memory(void* p, size_t size);
 void free_all_memory(State& s);
 
 // ---- Heap (heap.cpp)
-HeapSlot* heap_slot(uint32_t id);
+inline HeapSlot* heap_slot(uint32_t id) {
+    return state().heap.find(id);
+}
 void heap_free_slot(HeapSlot* slot);
 void free_whole_heap(State& s);
 // Frees the heap variables no root reaches; returns the count freed.
