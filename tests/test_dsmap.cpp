@@ -21,7 +21,8 @@ using zok::Value;
 
 uint32_t seed_from_env() {
     const char* s = std::getenv("ZOK_SEED");
-    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10)) : std::random_device{}();
+    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10))
+                        : std::random_device{}();
 }
 
 class DsMap : public ::testing::Test {
@@ -105,10 +106,11 @@ TEST_F(DsMap, AgreesWithStdMap) {
         case 3: {
             const Value got = call("GETDATA", {key});
             const auto it = model.find(key);
-            if (it == model.end())
+            if (it == model.end()) {
                 ASSERT_FALSE(got.defined());
-            else
+            } else {
                 ASSERT_EQ(got, it->second) << got.to_string();
+            }
             break;
         }
         case 4:
@@ -129,8 +131,10 @@ TEST_F(DsMap, AgreesWithStdMap) {
     // Order is the host's string comparison.
     const std::vector<std::string> listed = keys();
     for (size_t i = 1; i < listed.size(); ++i) {
-        zok_string a{static_cast<uint32_t>(listed[i - 1].size()), 0, 0, listed[i - 1].data()};
-        zok_string b{static_cast<uint32_t>(listed[i].size()), 0, 0, listed[i].data()};
+        zok_string a{static_cast<uint32_t>(listed[i - 1].size()), 0, 0,
+                     const_cast<char*>(listed[i - 1].data())};
+        zok_string b{static_cast<uint32_t>(listed[i].size()), 0, 0,
+                     const_cast<char*>(listed[i].data())};
         ASSERT_LT(host_string_compare(&a, &b), 0);
     }
     // Every entry is two heap variables plus a tree node each side; all go.

@@ -22,7 +22,8 @@ using zok::PointerRef;
 
 uint32_t seed_from_env() {
     const char* s = std::getenv("ZOK_SEED");
-    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10)) : std::random_device{}();
+    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10))
+                        : std::random_device{}();
 }
 
 class Registry : public ::testing::Test {
@@ -82,8 +83,8 @@ TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
     const uint32_t seed = seed_from_env();
     SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
     std::mt19937 rng(seed);
-    const std::vector<std::string> pool = {"alpha", "Alpha", "ALPHA", "beta", "", "gamma ray",
-                                           "b", "beta2", "z", "\xff"};
+    const std::vector<std::string> pool = {"alpha",     "Alpha", "ALPHA", "beta", "",
+                                           "gamma ray", "b",     "beta2", "z",    "\xff"};
     Model model;
     const size_t baseline_heap = host.heap_count();
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
@@ -102,8 +103,9 @@ TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
             const std::string& name = pool[pick(pool.size())];
             const uint32_t id = get(name);
             auto [it, fresh] = model.names.try_emplace(name, Model::Entry{id, 0});
-            if (!fresh)
+            if (!fresh) {
                 ASSERT_EQ(id, it->second.ident);
+            }
             it->second.uses += 1;
             break;
         }
@@ -174,7 +176,8 @@ TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
             ASSERT_EQ(entries[i].uses, e.uses) << name;
             ++i;
         }
-        ASSERT_EQ(flux::fwident_parked(), std::vector<uint32_t>(model.parked.begin(), model.parked.end()));
+        ASSERT_EQ(flux::fwident_parked(),
+                  std::vector<uint32_t>(model.parked.begin(), model.parked.end()));
         for (uint32_t id : model.dead)
             ASSERT_FALSE(host.heap_alive(id)) << id;
     }

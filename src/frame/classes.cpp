@@ -19,7 +19,15 @@ const SessionReset resets[] = {
     fwident_session_reset,
 };
 
+const LoadForget forgets[] = {
+    fwident_forget,
+};
+
 } // namespace
+
+std::span<const LoadForget> load_forgets() {
+    return forgets;
+}
 
 std::span<const RoutineList* const> class_routine_lists() {
     return routine_lists;

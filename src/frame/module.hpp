@@ -16,4 +16,10 @@ std::span<const RoutineList* const> class_routine_lists();
 using SessionReset = void (*)();
 std::span<const SessionReset> session_resets();
 
+// Module state is per host process.  A load forgets whatever an earlier load
+// left (a test process may load the module into several hosts in turn, and the
+// memory of the earlier host is gone).
+using LoadForget = void (*)();
+std::span<const LoadForget> load_forgets();
+
 } // namespace flux

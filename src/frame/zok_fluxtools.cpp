@@ -61,6 +61,8 @@ std::span<const zok_routine_entry> procedure_table() {
 }
 
 int32_t load_module() {
+    for (const LoadForget forget : load_forgets())
+        forget();
     define_structures();
     const zok_message_block* block = host_define_message_block(
         "ZOK_MBLK_FLUXTOOLS", static_cast<int32_t>(std::size(module_messages)), module_messages);

@@ -189,6 +189,11 @@ void fwident_session_reset() {
     fwident_collect(true);
 }
 
+void fwident_forget() {
+    name_index = nullptr;
+    rollover_index = nullptr;
+}
+
 std::vector<FwIdentEntry> fwident_entries() {
     std::vector<FwIdentEntry> entries;
     if (name_index == nullptr)

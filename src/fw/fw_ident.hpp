@@ -44,6 +44,8 @@ std::string fwident_check();
 
 // Full collection at a session reset.
 void fwident_session_reset();
+// Forgets both indexes without freeing them (their host has gone).
+void fwident_forget();
 
 extern const RoutineList fwident_routines;
 
