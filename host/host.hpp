@@ -14,6 +14,7 @@
 #include <exception>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -117,7 +118,8 @@ public:
     bool is_number() const;
 
     // Scalar readers; each throws zok::Error (ZOK_ERR_CONVERSION) when the value
-    // has no such reading.  Numbers convert between widths with range checks.
+    // has no such reading.  Numbers convert between widths with range checks:
+    // as<int16_t>() of 70000 is an error, not a wrapped number.
     int64_t as_int() const;
     uint64_t as_uint() const;
     double as_double() const;
@@ -155,6 +157,7 @@ private:
     }
     void set_int(uint8_t type, int64_t v);
     void set_uint64(uint64_t v);
+    [[noreturn]] void out_of_range() const;
 
     uint8_t type_ = ZOK_T_UNDEFINED;
     bool is_array_ = false;
@@ -165,37 +168,32 @@ private:
     std::vector<Value> elements_;
 };
 
-template <>
-inline int64_t Value::as<int64_t>() const {
-    return as_int();
-}
-template <>
-inline int32_t Value::as<int32_t>() const {
-    return static_cast<int32_t>(as_int());
-}
-template <>
-inline uint32_t Value::as<uint32_t>() const {
-    return static_cast<uint32_t>(as_uint());
-}
-template <>
-inline uint64_t Value::as<uint64_t>() const {
-    return as_uint();
-}
-template <>
-inline double Value::as<double>() const {
-    return as_double();
-}
-template <>
-inline std::string Value::as<std::string>() const {
-    return as_string();
-}
-template <>
-inline ObjectRef Value::as<ObjectRef>() const {
-    return as_object();
-}
-template <>
-inline PointerRef Value::as<PointerRef>() const {
-    return as_pointer();
+template <typename T>
+T Value::as() const {
+    if constexpr (std::is_same_v<T, bool>) {
+        return as_int() != 0;
+    } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+        int64_t v = as_int();
+        if constexpr (sizeof(T) < sizeof(int64_t))
+            if (v < std::numeric_limits<T>::min() || v > std::numeric_limits<T>::max())
+                out_of_range();
+        return static_cast<T>(v);
+    } else if constexpr (std::is_integral_v<T>) {
+        uint64_t v = as_uint();
+        if constexpr (sizeof(T) < sizeof(uint64_t))
+            if (v > std::numeric_limits<T>::max())
+                out_of_range();
+        return static_cast<T>(v);
+    } else if constexpr (std::is_floating_point_v<T>) {
+        return static_cast<T>(as_double());
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        return as_string();
+    } else if constexpr (std::is_same_v<T, ObjectRef>) {
+        return as_object();
+    } else {
+        static_assert(std::is_same_v<T, PointerRef>, "no such reading of a Value");
+        return as_pointer();
+    }
 }
 
 // A named program variable, passed by reference: the callee may write it.

@@ -138,6 +138,10 @@ Value Value::integer(uint8_t type, int64_t v) {
     return out;
 }
 
+void Value::out_of_range() const {
+    conversion_error(*this, "a number of the asked width");
+}
+
 bool Value::is_number() const {
     return !is_array_ && (is_integer_type(type_) || is_float_type(type_));
 }

@@ -410,4 +410,46 @@ TEST(HostKeywords, UnknownAmbiguousAndUnconvertibleKeywordsAreErrors) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
+// ---- Modules and the session.
+
+size_t g_heap_at_reset = 0;
+int g_resets = 0;
+
+int32_t load_ok() {
+    static const zok_routine_entry fn = {{return_one}, "PING", 0, 0, 0, nullptr};
+    return host_add_routines(&fn, 1, 1);
+}
+
+int32_t load_fails() {
+    return 0;
+}
+
+void count_reset() {
+    ++g_resets;
+    g_heap_at_reset = zok::Host::current().heap_count();
+}
+
+TEST(HostModules, LoadFailuresAreErrorsAndResetKeepsRegistrations) {
+    zok::Host host;
+    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("/nonexistent/libnothing.so"); });
+    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("libm.so.6"); }); // no ZOK_Load
+    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module(load_fails, count_reset); });
+    host.load_module(load_ok, count_reset);
+#ifdef ZOK_MODULE_PATH
+    host.load_module(ZOK_MODULE_PATH);
+    EXPECT_TRUE(host.has_routine("GET_FWIDENT"));
+#endif
+    g_resets = 0;
+    host.define_struct("THING", {{"N", ZOK_T_LONG}});
+    zok::ObjectRef obj = host.new_object("THING");
+    host_heap_var(obj.id)->flags |= ZOK_HEAP_HELD;
+    size_t heap = host.heap_count();
+    host.reset_session();
+    EXPECT_EQ(g_resets, 1); // the module whose load failed is not reset
+    EXPECT_EQ(g_heap_at_reset, heap);
+    EXPECT_EQ(host.heap_count(), 0u);
+    EXPECT_EQ(host.call_function("PING").as_int(), 1);
+    EXPECT_TRUE(host.new_object("THING"));
+}
+
 } // namespace
