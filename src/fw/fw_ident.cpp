@@ -246,11 +246,14 @@ std::string fwident_check() {
 
 namespace {
 
-zok_var* pointer_result(uint32_t ident) {
-    zok_var* result = host_temp_var();
+// Makes the result before the registry changes, so that a failure to make it
+// leaves no use counted that nobody holds.
+template <class Acquire>
+zok_var* pointer_result(Acquire&& acquire) {
+    TempGuard result(host_temp_var());
+    result->value.heap_id = acquire();
     result->type = ZOK_T_POINTER;
-    result->value.heap_id = ident;
-    return result;
+    return result.release();
 }
 
 const zok_var* pointer_argument(zok_var** argv) {
@@ -262,11 +265,12 @@ const zok_var* pointer_argument(zok_var** argv) {
 zok_var* get_fwident(int32_t, zok_var** argv, zok_keywords*) {
     if (argv[0]->type != ZOK_T_STRING)
         host_require_string(argv[0], ZOK_ACTION_ERROR);
-    return pointer_result(fwident_acquire_name(&argv[0]->value.str));
+    return pointer_result([&] { return fwident_acquire_name(&argv[0]->value.str); });
 }
 
 zok_var* rollover_fwident(int32_t, zok_var** argv, zok_keywords*) {
-    return pointer_result(fwident_rollover(pointer_argument(argv)->value.heap_id));
+    const uint32_t ident = pointer_argument(argv)->value.heap_id;
+    return pointer_result([&] { return fwident_rollover(ident); });
 }
 
 void fwident_acquire_routine(int32_t, zok_var** argv, zok_keywords*) {
