@@ -243,7 +243,7 @@ private:
     uint32_t grow_ = 0;
 };
 
-constexpr int steps = 20000;
+constexpr int steps = 10000;
 
 class Trees : public TreeTest {
 protected:
@@ -296,8 +296,8 @@ TEST_F(Trees, BothVariantsGrowTheSameShape) {
     RbNode* rb = flux::map_rb_new_tree();
     uint32_t rbh = flux::map_rbh_new_tree();
     auto unsigned_text = [](uint32_t k) { return std::to_string(k); };
-    for (int step = 0; step < 6000; ++step) {
-        auto k = static_cast<int32_t>(rng() % (step < 3000 ? 600 : 150));
+    for (int step = 0; step < 4000; ++step) {
+        auto k = static_cast<int32_t>(rng() % (step < 2000 ? 600 : 150));
         bool rb_found, rbh_found;
         RbNode* at = flux::map_rb_find_ikey_n(rb, k, rb_found);
         uint32_t hat = flux::map_rbh_find_key_n(rbh, static_cast<uint32_t>(k), rbh_found);

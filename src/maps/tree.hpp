@@ -182,14 +182,13 @@ struct Tree {
             set_parent(leaf, pos);
             mark(leaf, root, true);
         } else if (is(pos, head)) {
-            // Appending: the former last leaf and the new one share a new parent.
+            // Appending: the former last leaf and the new one share a new parent.  The new
+            // leaf is the greatest, so its key anchor is always the head: no routing word
+            // names it, and the walk up the right spine is skipped.
             Ref last = right(leaf);
             mark(last, root, false);
             mark(last, head, false);
             build_internal(node, last, leaf, last);
-            Ref anchor = key_anchor(leaf);
-            if (!is(anchor, head))
-                A::set_key_leaf(A::at(anchor), leaf);
         } else {
             mark(pos, root, false);
             mark(pos, head, false);
