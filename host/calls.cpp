@@ -415,13 +415,14 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
                   ".");
         return nullptr;
     }
+    // CLASS::METHOD starts the search at CLASS, which must be in the object's chain.
     StructInfo* from = cls;
     const zok_name* method = name;
     if (size_t colons = name->text.find("::"); colons != std::string::npos) {
         from = find_struct(name->text.substr(0, colons));
         method = intern(name->text.substr(colons + 2));
     }
-    Routine* r = from ? resolve_method(from, method) : nullptr;
+    Routine* r = from && cls->derives_from(from) ? resolve_method(from, method) : nullptr;
     if (!r) {
         raise(ZOK_ERR_UNKNOWN_METHOD, ZOK_ACTION_ERROR,
               "Attempt to call undefined method: " + cls->name + "::" + method->text + where() +
@@ -460,11 +461,8 @@ int32_t host_object_isa(const zok_struct_def* def, const char* class_name, int32
               "host_object_isa: not a structure definition of this host" + where() + ".");
         return 0;
     }
-    std::string wanted = upper(class_name);
-    for (; info; info = info->parent)
-        if (info->name == wanted)
-            return 1;
-    return 0;
+    const StructInfo* wanted = find_struct(class_name);
+    return wanted && info->derives_from(wanted) ? 1 : 0;
 }
 
 zok_var* host_find_class(const char* class_name) {

@@ -266,7 +266,8 @@ Value Host::call_method(ObjectRef self, std::string_view method, const Args& arg
         from = detail::find_struct(name.substr(0, colons));
         name = name.substr(colons + 2);
     }
-    detail::Routine* r = from ? resolve_method(from, intern(name)) : nullptr;
+    detail::Routine* r =
+        from && cls.derives_from(from) ? resolve_method(from, intern(name)) : nullptr;
     if (!r)
         api_error(ZOK_ERR_UNKNOWN_METHOD,
                   "Attempt to call undefined method: " + cls.name + "::" + name + ".");

@@ -68,9 +68,6 @@ public:
 
     size_t slot_size() const { return slot_size_; }
     size_t live() const { return live_; }
-    // Calls f(slot) for every live slot.
-    template <typename F>
-    void for_each_live(F&& f) const;
 
 private:
     struct Chunk;
@@ -101,16 +98,5 @@ struct SlotPool::Chunk {
     bool on_free_list;
     uint64_t bits[kWords];
 };
-
-template <typename F>
-void SlotPool::for_each_live(F&& f) const {
-    for (Chunk* c : chunks_)
-        for (size_t w = 0; w < Chunk::kWords; ++w)
-            for (uint64_t bits = c->bits[w]; bits != 0; bits &= bits - 1) {
-                size_t i = w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
-                if (i < slots_per_chunk_)
-                    f(static_cast<void*>(slot_at(c, i)));
-            }
-}
 
 } // namespace zok::detail

@@ -87,7 +87,8 @@ struct StructInfo {
     std::unordered_map<const zok_name*, Routine*> methods;
 
     const Tag* find_tag(std::string_view tag) const;
-    bool has_strings() const { return string_offsets[0] != 0; }
+    // Whether this structure is `ancestor` or inherits from it.
+    bool derives_from(const StructInfo* ancestor) const;
 };
 
 // A registered routine, from a module (C entry point) or a program (callable).

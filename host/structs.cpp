@@ -30,6 +30,13 @@ const StructInfo::Tag* StructInfo::find_tag(std::string_view tag) const {
     return nullptr;
 }
 
+bool StructInfo::derives_from(const StructInfo* ancestor) const {
+    for (const StructInfo* c = this; c; c = c->parent)
+        if (c == ancestor)
+            return true;
+    return false;
+}
+
 StructInfo* struct_info(const zok_struct_def* def) {
     State& s = state();
     auto it = s.struct_by_def.find(def);

@@ -130,6 +130,8 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
     EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
     EXPECT_EQ(host.call_method(puppy, "ANIMAL::SPEAK").as_string(), "...");
+    // A qualified call starts at a class of the object's own chain, never elsewhere.
+    expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(animal, "DOG::SPEAK"); });
     EXPECT_TRUE(host.isa(puppy, "ANIMAL"));
     EXPECT_FALSE(host.isa(dog, "PUPPY"));
 
