@@ -162,7 +162,7 @@ void host_mem_free_labelled(void* block, const char* label) {
     auto base = reinterpret_cast<uintptr_t>(block) & ~(uintptr_t{SlotPool::kChunkSize} - 1);
     SlotPool* pool = s.plain_chunks.contains(base) ? SlotPool::owner(block) : nullptr;
     size_t bytes = pool ? pool->slot_size() : 0;
-    if (!pool || !pool->release(block))
+    if (!pool || !pool->release_in_chunk(block))
         return refuse_free(block, "host_mem_free_labelled");
     s.plain_stats->live.blocks -= 1;
     s.plain_stats->live.bytes -= bytes;

@@ -24,7 +24,8 @@ bool ChunkRegistry::contains(uintptr_t base) const {
 }
 
 SlotPool::SlotPool(size_t slot_size, ChunkRegistry* registry)
-    : slot_size_((slot_size + 15) & ~size_t{15}), registry_(registry) {
+    : slot_size_((slot_size + 15) & ~size_t{15}),
+      slot_reciprocal_(((uint64_t{1} << 32) + slot_size_ - 1) / slot_size_), registry_(registry) {
     first_offset_ = (sizeof(Chunk) + 63) & ~size_t{63};
     slots_per_chunk_ = std::min((kChunkSize - first_offset_) / slot_size_, Chunk::kWords * 64);
 }
@@ -122,10 +123,12 @@ SlotPool::Chunk* SlotPool::chunk_of(const void* p) const {
 
 long SlotPool::index_in(const Chunk* c, const void* p) const {
     auto offset = reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(c);
-    if (offset < first_offset_ || (offset - first_offset_) % slot_size_ != 0)
+    if (offset < first_offset_)
         return -1;
-    size_t i = (offset - first_offset_) / slot_size_;
-    if (i >= slots_per_chunk_)
+    offset -= first_offset_;
+    // Exact for offsets below 2^16 and slots below 2^16 bytes: no division needed.
+    auto i = static_cast<size_t>((offset * slot_reciprocal_) >> 32);
+    if (i * slot_size_ != offset || i >= slots_per_chunk_)
         return -1;
     return ((c->bits[i / 64] >> (i % 64)) & 1) ? static_cast<long>(i) : -1;
 }
@@ -144,8 +147,13 @@ bool SlotPool::is_live(const void* p) const {
 }
 
 bool SlotPool::release(void* slot) {
-    if (registry_ && !is_live(slot))
+    auto base = reinterpret_cast<uintptr_t>(slot) & ~(uintptr_t{kChunkSize} - 1);
+    if (registry_ && (!registry_->contains(base) || chunk_of(slot)->pool != this))
         return false;
+    return release_in_chunk(slot);
+}
+
+bool SlotPool::release_in_chunk(void* slot) {
     Chunk* c = chunk_of(slot);
     long i = index_in(c, slot);
     if (i < 0)

@@ -60,6 +60,8 @@ public:
     // Frees a slot this pool handed out; false for anything else (unknown or
     // already freed), leaving the pool unchanged.
     bool release(void* slot);
+    // The same for an address already known to lie in one of this pool's chunks.
+    bool release_in_chunk(void* slot);
     // Whether `p` is a live slot of this pool.  Needs a registry.
     bool is_live(const void* p) const;
     // The pool that owns the chunk of `p`; only for addresses already known to
@@ -80,6 +82,7 @@ private:
     unsigned char* slot_at(Chunk* c, size_t i) const;
 
     size_t slot_size_;
+    uint64_t slot_reciprocal_; // ceil(2^32 / slot_size_): offsets divide by multiplying
     size_t slots_per_chunk_;
     size_t first_offset_;
     ChunkRegistry* registry_;

@@ -322,7 +322,7 @@ void unlink_and_free(State& s, TempSlot* t) {
         t->next->prev = t->prev;
     else
         s.temp_tail = t->prev;
-    s.temps.release(t);
+    s.temps.release_in_chunk(t);
 }
 
 } // namespace
