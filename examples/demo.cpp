@@ -2,11 +2,43 @@
 // reference host, show what it registered, then use a ZOKDSMAP and a few
 // message identifiers.
 #include <cstdio>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "host.hpp"
 
 namespace {
+
+// Structures as a tree: each under its parent, children in name order.
+void show_classes(const zok::Host& host, const std::string& parent, int depth) {
+    for (const std::string& name : host.struct_names()) {
+        if (host.parent_of(name) != parent)
+            continue;
+        std::printf("  %*s%s (%zu tags)\n", depth * 2, "", name.c_str(), host.tags_of(name).size());
+        show_classes(host, name, depth + 1);
+    }
+}
+
+// Routines grouped by class; plain routines last.
+void show_routines(const zok::Host& host) {
+    std::map<std::string, std::vector<zok::RoutineInfo>> by_class;
+    for (const zok::RoutineInfo& r : host.routines()) {
+        const size_t colons = r.name.find("::");
+        by_class[colons == std::string::npos ? "(routines)" : r.name.substr(0, colons)].push_back(
+            r);
+    }
+    for (const auto& [cls, routines] : by_class) {
+        std::printf("  %s\n", cls.c_str());
+        for (const zok::RoutineInfo& r : routines) {
+            const size_t colons = r.name.find("::");
+            const std::string shown =
+                colons == std::string::npos ? r.name : r.name.substr(colons + 2);
+            std::printf("    %-10s %-26s args %u..%u%s\n", r.is_function ? "function" : "procedure",
+                        shown.c_str(), r.min_args, r.max_args, r.keywords ? ", keywords" : "");
+        }
+    }
+}
 
 void show_map(zok::Host& host, zok::ObjectRef map) {
     const zok::Value keys = host.call_method(map, "GETKEYS", {zok::Ref{"count"}});
@@ -25,6 +57,12 @@ int main() {
         zok::Host host;
         host.load_module(ZOK_MODULE_PATH);
         std::printf("Loaded %s\n\n", ZOK_MODULE_PATH);
+        std::printf("Structures (classes under their parents):\n");
+        show_classes(host, "", 0);
+        const auto routines = host.routines();
+        std::printf("\n%zu routines, by class:\n", routines.size());
+        show_routines(host);
+        std::printf("\n");
 
         std::printf("A ZOKDSMAP keeps copies of values in key order:\n");
         const zok::ObjectRef map = host.new_object("ZOKDSMAP");

@@ -10,6 +10,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -350,6 +351,16 @@ bool Host::has_routine(std::string_view name) const {
     return routine_named(name) != nullptr;
 }
 
+std::vector<RoutineInfo> Host::routines() const {
+    std::vector<RoutineInfo> out;
+    for (const auto& r : state_->routines)
+        out.push_back({r->name->text, r->is_function, r->min_args, r->max_args,
+                       (r->flags & ZOK_RT_KEYWORDS) != 0});
+    std::sort(out.begin(), out.end(),
+              [](const RoutineInfo& a, const RoutineInfo& b) { return a.name < b.name; });
+    return out;
+}
+
 // ---- Structures
 
 zok_struct_def* Host::define_struct(std::string name, const std::vector<TagSpec>& tags,
@@ -383,6 +394,18 @@ std::vector<std::string> Host::tags_of(std::string_view name) const {
         for (const StructInfo::Tag& t : info->tags)
             out.push_back(t.name);
     return out;
+}
+
+std::vector<std::string> Host::struct_names() const {
+    std::vector<std::string> out;
+    for (const auto& [name, info] : state_->structs)
+        out.push_back(name);
+    return out;
+}
+
+std::string Host::parent_of(std::string_view name) const {
+    StructInfo* info = detail::find_struct(name);
+    return info && info->parent ? info->parent->name : std::string();
 }
 
 // ---- Object tags

@@ -272,6 +272,15 @@ struct TagSpec {
     uint8_t type = ZOK_T_LONG;
 };
 
+// A registered routine as the program sees it.
+struct RoutineInfo {
+    std::string name;
+    bool is_function = false;
+    uint16_t min_args = 0;
+    uint16_t max_args = 0;
+    bool keywords = false;
+};
+
 // Live blocks and bytes under one allocation label.
 struct MemStats {
     size_t blocks = 0;
@@ -327,6 +336,8 @@ public:
     void add_procedure(std::string name, uint16_t min_args, uint16_t max_args, Routine fn,
                        bool keywords = false);
     bool has_routine(std::string_view name) const;
+    // Every registered routine, in byte order of name.
+    std::vector<RoutineInfo> routines() const;
 
     // ---- Structures and classes
     // Same rules as host_make_struct; throws zok::Error when refused.
@@ -335,6 +346,10 @@ public:
     zok_struct_def* find_struct(std::string_view name) const;
     // Tag names of a structure in instance order (inherited first).
     std::vector<std::string> tags_of(std::string_view name) const;
+    // Every defined structure's name, in byte order, and a structure's parent
+    // ("" for none).
+    std::vector<std::string> struct_names() const;
+    std::string parent_of(std::string_view name) const;
 
     // ---- Object tags
     Value get_tag(ObjectRef obj, std::string_view tag) const;

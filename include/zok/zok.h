@@ -90,8 +90,9 @@ enum {
     ZOK_HEAP_NEW_COPY = 2,
     /*
      * The new heap variable takes the value over; the source is left
-     * undefined (type 0) with its flags unchanged, so a temporary source is
-     * still the caller's to release.
+     * undefined (type 0) and loses its array and structure flags, but keeps
+     * its temporary flag, so a temporary source is still the caller's to
+     * release.
      */
     ZOK_HEAP_NEW_MOVE = 3
 };
@@ -402,7 +403,10 @@ void host_message_from_block(const zok_message_block* block, int32_t code, int32
 
 /* Heap. */
 
-/* The record of a live object, else null or (action 2) the invalid-object error. */
+/*
+ * The record of a live heap variable (an object or a pointer heap variable),
+ * else null or, with action 2, the invalid-object error.
+ */
 zok_heap_record* host_object_heap_var(uint32_t id, int32_t action);
 /* The record of a live heap variable of either kind, or null. */
 zok_heap_record* host_heap_var(uint32_t id);
