@@ -61,6 +61,18 @@ void BM_unordered_map_existing(benchmark::State& state) {
     }
 }
 
+void BM_std_map_existing(benchmark::State& state) {
+    auto names = make_names(static_cast<size_t>(state.range(0)), 1);
+    std::map<std::string, int> counts;
+    for (auto& n : names)
+        counts[n] += 1;
+    size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(counts[names[i]] += 1);
+        i = i + 1 == names.size() ? 0 : i + 1;
+    }
+}
+
 // Acquire by name of new names, collected in batches outside the timing.
 void BM_fwident_new(benchmark::State& state) {
     zok::Host host;
@@ -155,6 +167,7 @@ void BM_std_map_getdata(benchmark::State& state) {
 
 BENCHMARK(BM_fwident_existing)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_unordered_map_existing)->Arg(1000)->Arg(100000);
+BENCHMARK(BM_std_map_existing)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_fwident_new)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_map_new)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_dsmap_insert)->Arg(1000)->Arg(10000);
