@@ -1,7 +1,6 @@
 // The identifier registry against a simple model of names, use counts and
 // live identifiers, over random sequences of acquisitions, releases,
 // rollovers (of live identifiers and of restored copies) and collections.
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <set>
@@ -12,6 +11,7 @@
 
 #include "fw/fw_ident.hpp"
 #include "host.hpp"
+#include "support/testing.hpp"
 
 extern "C" int32_t ZOK_Load();
 extern "C" void ZOK_ResetSession();
@@ -19,12 +19,6 @@ extern "C" void ZOK_ResetSession();
 namespace {
 
 using zok::PointerRef;
-
-uint32_t seed_from_env() {
-    const char* s = std::getenv("ZOK_SEED");
-    return s != nullptr ? static_cast<uint32_t>(std::strtoul(s, nullptr, 10))
-                        : std::random_device{}();
-}
 
 class Registry : public ::testing::Test {
 protected:
@@ -80,7 +74,7 @@ struct Model {
 };
 
 TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
-    const uint32_t seed = seed_from_env();
+    const uint32_t seed = test_seed();
     SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
     std::mt19937 rng(seed);
     const std::vector<std::string> pool = {"alpha",     "Alpha", "ALPHA", "beta", "",
@@ -205,18 +199,10 @@ TEST_F(Registry, IdentifiersSurviveTheHostsCollection) {
 TEST_F(Registry, WrongArgumentTypesAreRefusedBeforeAnythingChanges) {
     get("x");
     const auto before = flux::fwident_entries();
-    auto code_of = [&](auto&& call) {
-        try {
-            call();
-        } catch (const zok::Error& e) {
-            return e.code();
-        }
-        return 0;
-    };
-    EXPECT_EQ(code_of([&] { host.call_function("GET_FWIDENT", {42}); }), ZOK_ERR_NOT_STRING);
-    EXPECT_EQ(code_of([&] { host.call_function("ROLLOVER_FWIDENT", {"x"}); }), ZOK_ERR_NOT_POINTER);
-    EXPECT_EQ(code_of([&] { host.call_procedure("FWIDENT_ACQUIRE", {7}); }), ZOK_ERR_NOT_POINTER);
-    EXPECT_EQ(code_of([&] { host.call_procedure("FWIDENT_RELEASE", {"x"}); }), ZOK_ERR_NOT_POINTER);
+    expect_error(ZOK_ERR_NOT_STRING, [&] { host.call_function("GET_FWIDENT", {42}); });
+    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_function("ROLLOVER_FWIDENT", {"x"}); });
+    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_procedure("FWIDENT_ACQUIRE", {7}); });
+    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_procedure("FWIDENT_RELEASE", {"x"}); });
     const auto after = flux::fwident_entries();
     ASSERT_EQ(after.size(), before.size());
     EXPECT_EQ(after[0].uses, before[0].uses);

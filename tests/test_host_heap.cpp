@@ -3,6 +3,7 @@
 // and move modes, the collection of unreachable heap variables, and structure
 // layout, registry and tag look-up.  ZOK_SEED=<n> re-runs a randomized test.
 #include "host.hpp"
+#include "support/testing.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,24 +13,6 @@
 #include <random>
 
 namespace {
-
-uint32_t test_seed() {
-    const char* env = std::getenv("ZOK_SEED");
-    uint32_t seed =
-        env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 10)) : std::random_device{}();
-    std::printf("seed %u (re-run with ZOK_SEED=%u)\n", seed, seed);
-    return seed;
-}
-
-template <typename F>
-void expect_error(int32_t code, F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no error raised, expected code " << code;
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), code) << e.what();
-    }
-}
 
 uint32_t new_long(int32_t v) {
     zok_var value{};

@@ -2,6 +2,7 @@
 // double-free detection, the plain node pool under random churn, and fault
 // injection.  Randomized tests print their seed; ZOK_SEED=<n> re-runs one.
 #include "host.hpp"
+#include "support/testing.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,24 +13,6 @@
 #include <string>
 
 namespace {
-
-uint32_t test_seed() {
-    const char* env = std::getenv("ZOK_SEED");
-    uint32_t seed =
-        env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 10)) : std::random_device{}();
-    std::printf("seed %u (re-run with ZOK_SEED=%u)\n", seed, seed);
-    return seed;
-}
-
-template <typename F>
-void expect_error(int32_t code, F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no error raised, expected code " << code;
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), code) << e.what();
-    }
-}
 
 TEST(HostTemporaries, CountedReleasedOnceAndOnlyTemporaries) {
     zok::Host host;

@@ -127,14 +127,14 @@ enum StructIndex {
     STRUCT_COUNT
 };
 
-struct StructSpec {
+struct StructLayout {
     const char* name;
     const zok_tag_entry* tags;
     bool needs_prepare; // brackets a string field; copies and frees must visit it
 };
 
 // The order of definition; parents always come before their children.
-constexpr StructSpec struct_specs[STRUCT_COUNT] = {
+constexpr StructLayout struct_layouts[STRUCT_COUNT] = {
     {"ZOKFWSAVEABLE", saveable_tags, false},
     {"ZOKFWHASAHANDLER", hasahandler_tags, false},
     {"ZOKDSMAP", dsmap_tags, false},
@@ -157,11 +157,11 @@ zok_struct_def* definitions[STRUCT_COUNT];
 
 void define_structures() {
     for (int i = 0; i < STRUCT_COUNT; ++i) {
-        const StructSpec& spec = struct_specs[i];
-        zok_struct_def* def = host_make_struct(spec.name, 16, spec.tags, 2);
+        const StructLayout& layout = struct_layouts[i];
+        zok_struct_def* def = host_make_struct(layout.name, 16, layout.tags, 2);
         definitions[i] = def;
         // A failed definition shows later, when a method looks up its tags.
-        if (spec.needs_prepare && def != nullptr && def->prepared == nullptr)
+        if (layout.needs_prepare && def != nullptr && def->prepared == nullptr)
             def->prepared = host_struct_prepare(def->name, 0, 0, 1, ZOK_ACTION_ERROR);
     }
 }

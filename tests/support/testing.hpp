@@ -1,0 +1,31 @@
+// Helpers shared by the test suites: the seed of a randomized test (printed,
+// and taken from ZOK_SEED when set, so a failure can be re-run), and the check
+// that a call raises a given host or module code.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "host.hpp"
+
+inline uint32_t test_seed() {
+    const char* env = std::getenv("ZOK_SEED");
+    const uint32_t seed =
+        env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 10)) : std::random_device{}();
+    std::printf("seed %u (re-run with ZOK_SEED=%u)\n", seed, seed);
+    return seed;
+}
+
+template <typename F>
+void expect_error(int32_t code, F&& f) {
+    try {
+        f();
+        ADD_FAILURE() << "no error raised, expected code " << code;
+    } catch (const zok::Error& e) {
+        EXPECT_EQ(e.code(), code) << e.what();
+    }
+}
