@@ -15,10 +15,9 @@ struct RoutineList {
     std::span<const zok_routine_entry> procedures;
 };
 
-constexpr zok_routine_entry function_entry(zok_function fn, const char* name, uint16_t min_args,
-                                           uint16_t max_args, int32_t flags = 0) {
+constexpr zok_routine_entry routine_entry(const char* name, uint16_t min_args, uint16_t max_args,
+                                          int32_t flags) {
     zok_routine_entry e{};
-    e.entry.function = fn;
     e.name = name;
     e.min_args = min_args;
     e.max_args = max_args;
@@ -26,14 +25,17 @@ constexpr zok_routine_entry function_entry(zok_function fn, const char* name, ui
     return e;
 }
 
+constexpr zok_routine_entry function_entry(zok_function fn, const char* name, uint16_t min_args,
+                                           uint16_t max_args, int32_t flags = 0) {
+    zok_routine_entry e = routine_entry(name, min_args, max_args, flags);
+    e.entry.function = fn;
+    return e;
+}
+
 constexpr zok_routine_entry procedure_entry(zok_procedure fn, const char* name, uint16_t min_args,
                                             uint16_t max_args, int32_t flags = 0) {
-    zok_routine_entry e{};
+    zok_routine_entry e = routine_entry(name, min_args, max_args, flags);
     e.entry.procedure = fn;
-    e.name = name;
-    e.min_args = min_args;
-    e.max_args = max_args;
-    e.flags = flags;
     return e;
 }
 
