@@ -14,6 +14,10 @@
 //
 // A node is reached through `A::at(ref)`, whose view is valid only until a node is made
 // or freed: code below re-reads a node after `A::make` and `A::free`.
+//
+// Misuse and impossible states are raised through the host with the error action.  Code
+// goes on after a raise that returns: a search searches, a count counts, and a deletion
+// or free handed the wrong node returns without touching the tree.
 #pragma once
 
 #include <concepts>
@@ -348,6 +352,7 @@ struct Tree {
 
     // ---- Deletion.
 
+    // Removes leaf x and its parent.  The labels name the freeing routines of map_rb.
     static void erase(Ref x) {
         const Complaints& says = A::complaints;
         if (is(x, internal)) {
