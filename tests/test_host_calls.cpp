@@ -4,6 +4,7 @@
 // nested calls without leaks, and keyword processing.  The "module" here is a
 // handful of C routines registered through the C interface.
 #include "host.hpp"
+#include "support/testing.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,18 +13,6 @@
 #include <string>
 
 namespace {
-
-template <typename F>
-zok::Error expect_error(int32_t code, F&& f) {
-    try {
-        f();
-        ADD_FAILURE() << "no error raised, expected code " << code;
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), code) << e.what();
-        return e;
-    }
-    return zok::Error(0, "", "");
-}
 
 zok_var* return_one(int32_t, zok_var**, zok_keywords*) {
     return host_temp_long(1);

@@ -20,12 +20,16 @@ inline uint32_t test_seed() {
     return seed;
 }
 
+// Runs f, expecting it to raise `code`; returns what was raised (code 0 when
+// nothing was).
 template <typename F>
-void expect_error(int32_t code, F&& f) {
+zok::Error expect_error(int32_t code, F&& f) {
     try {
         f();
         ADD_FAILURE() << "no error raised, expected code " << code;
     } catch (const zok::Error& e) {
         EXPECT_EQ(e.code(), code) << e.what();
+        return e;
     }
+    return zok::Error(0, "", "");
 }
