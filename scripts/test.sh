@@ -26,6 +26,6 @@ if [ "$fuzz_seconds" -gt 0 ]; then
         name=$(basename "$target")
         mkdir -p "build/fuzz/corpus/$name"
         echo "== fuzzing $name for ${fuzz_seconds}s"
-        "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "build/fuzz/corpus/$name"
+        "$target" -max_total_time="$fuzz_seconds" -max_len=4096 -print_final_stats=1 "build/fuzz/corpus/$name"
     done
 fi
