@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <utility>
 
 namespace zok::detail {
 
@@ -45,8 +44,10 @@ HeapTable::~HeapTable() {
         unpoison(dir_[pi], sizeof(Page));
         std::free(dir_[pi]);
     }
-    unpoison(spare_, spare_ ? sizeof(Page) : 0);
-    std::free(spare_);
+    for (Page* page : spares_) {
+        unpoison(page, sizeof(Page));
+        std::free(page);
+    }
     std::free(dir_);
 }
 
@@ -62,10 +63,12 @@ HeapSlot* HeapTable::create() {
         } catch (const std::bad_alloc&) {
             return nullptr;
         }
-        // The spare's slots are all dead and poisoned already; a new page is
+        // A spare's slots are all dead and poisoned already; a new page is
         // zeroed (every slot dead) and poisoned here.
-        page = std::exchange(spare_, nullptr);
-        if (!page) {
+        if (!spares_.empty()) {
+            page = spares_.back();
+            spares_.pop_back();
+        } else {
             page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
             if (!page) {
                 pages_.pop_back();
@@ -105,11 +108,11 @@ void HeapTable::drop_page_if_done(uint32_t pi) {
     if (!page || page->live != 0 || (uint64_t{pi} + 1) << kPageBits > next_id_)
         return;
     dir_[pi] = nullptr;
-    if (spare_) {
+    try {
+        spares_.push_back(page); // kept, so that later identifiers touch no new memory
+    } catch (const std::bad_alloc&) {
         unpoison(page, sizeof(Page));
         std::free(page);
-    } else {
-        spare_ = page;
     }
     pages_.erase(std::lower_bound(pages_.begin(), pages_.end(), pi));
 }

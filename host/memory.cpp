@@ -4,10 +4,16 @@
 // Labelled blocks are tracked one by one (a map from address to size and
 // label), so an unknown or freed block is refused without touching it.  Plain
 // blocks and instances come from slot pools by 16-byte size class and carry no
-// per-block record: a plain block is known by its chunk being registered and
-// its bit being set.  Every allocation of every kind passes inject_fault first.
+// per-block record: a plain block is known by its chunk being held in the
+// plain chunk source and its bit being set.  Labels are counted by address
+// where the text cannot change (see stats_for), so the node paths never
+// compare texts.  Every allocation of every kind passes inject_fault first.
 #include "state.hpp"
 
+#include <dlfcn.h>
+#include <link.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -16,53 +22,96 @@ namespace zok::detail {
 
 namespace {
 
-constexpr size_t kMaxPooled = 256;
-
-size_t size_class(size_t size) {
-    return (size + 15) / 16; // 1..16
+[[gnu::noinline]] SlotPool& new_pool(std::unique_ptr<SlotPool>& pool, size_t slot_size,
+                                     ChunkSource& source) {
+    pool = std::make_unique<SlotPool>(slot_size, source);
+    return *pool;
 }
 
-SlotPool* pool_for(std::vector<std::unique_ptr<SlotPool>>& pools, size_t size,
-                   ChunkRegistry* registry) {
-    size_t c = size_class(size == 0 ? 1 : size);
-    if (pools.size() <= c)
-        pools.resize(c + 1);
-    if (!pools[c])
-        pools[c] = std::make_unique<SlotPool>(c * 16, registry);
-    return pools[c].get();
+SlotPool& pool_for(State::Pools& pools, size_t size, ChunkSource& source) {
+    size_t c = (std::max<size_t>(size, 1) + 15) / 16; // 1..16
+    return pools[c] ? *pools[c] : new_pool(pools[c], c * 16, source);
+}
+
+// The loaded object whose read-only segment holds all of a text, if any.
+struct ReadOnlyProbe {
+    uintptr_t begin, end;
+    bool found = false;
+    std::string object; // its file name ("" for the program itself)
+};
+
+int probe_object(dl_phdr_info* info, size_t, void* data) {
+    auto& probe = *static_cast<ReadOnlyProbe*>(data);
+    for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        uintptr_t start = info->dlpi_addr + ph.p_vaddr;
+        if (ph.p_type != PT_LOAD || probe.begin < start || probe.begin - start >= ph.p_memsz)
+            continue;
+        probe.found = !(ph.p_flags & PF_W) && probe.end - start <= ph.p_filesz;
+        probe.object = info->dlpi_name ? info->dlpi_name : "";
+        return 1;
+    }
+    return 0;
+}
+
+// Whether a text lies in a read-only segment of a loaded object (a literal,
+// say).  Such an object is kept loaded while the host runs, so the text stays
+// what it is and its address alone names it.
+bool pin_read_only(State& s, const char* text) {
+    auto begin = reinterpret_cast<uintptr_t>(text);
+    ReadOnlyProbe probe{begin, begin + std::strlen(text) + 1, false, {}};
+    dl_iterate_phdr(probe_object, &probe);
+    if (!probe.found)
+        return false;
+    if (!probe.object.empty()) {
+        void* handle = dlopen(probe.object.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+        if (!handle)
+            return false;
+        try {
+            s.label_objects.push_back(handle);
+        } catch (const std::bad_alloc&) {
+            dlclose(handle);
+            throw;
+        }
+    }
+    return true;
 }
 
 } // namespace
 
-bool inject_fault(const char* label) {
-    State& s = state();
-    ++s.allocation_count;
-    if (s.allocation_count == s.fail_at)
-        return true;
-    return !s.fail_labels.empty() && s.fail_labels.count(label) != 0;
+bool fails_by_label(const char* label) {
+    return state().fail_labels.count(label) != 0;
 }
 
-LabelStats& stats_for(const char* label) {
+LabelStats& stats_for_text(const char* label) {
     State& s = state();
     if (!label)
         label = "";
-    // Labels are nearly always literals: the address finds them without hashing
-    // the text; the text check guards against a reused buffer.
-    auto hit = s.label_cache.find(label);
-    if (hit != s.label_cache.end() && hit->second->label == label)
-        return *hit->second;
-    auto& slot = s.labels[label];
-    if (!slot)
-        slot = std::make_unique<LabelStats>(LabelStats{label, {}, 0});
-    s.label_cache[label] = slot.get();
-    return *slot;
+    auto [known, added] = s.label_by_address.try_emplace(label, nullptr);
+    try {
+        if (!known->second) {
+            auto& stats = s.labels[label];
+            if (!stats)
+                stats = std::make_unique<LabelStats>(LabelStats{label, {}, 0});
+            if (!added || !pin_read_only(s, label))
+                return *stats;
+            known->second = stats.get();
+        }
+    } catch (...) {
+        if (added)
+            s.label_by_address.erase(known);
+        throw;
+    }
+    auto a = reinterpret_cast<uintptr_t>(label);
+    s.label_hits[(a ^ (a >> 7)) % s.label_hits.size()] = {label, known->second};
+    return *known->second;
 }
 
 void* alloc_instance_memory(size_t size) {
     State& s = state();
     if (size > kMaxPooled)
         return std::aligned_alloc(16, (size + 15) & ~size_t{15});
-    return pool_for(s.instance_pools, size, nullptr)->allocate();
+    return pool_for(s.instance_pools, size, s.instance_chunks).allocate();
 }
 
 void free_instance_memory(void* p, size_t size) {
@@ -70,15 +119,22 @@ void free_instance_memory(void* p, size_t size) {
     if (size > kMaxPooled)
         std::free(p);
     else
-        pool_for(s.instance_pools, size, nullptr)->release(p);
+        pool_for(s.instance_pools, size, s.instance_chunks).release(p);
 }
 
 void free_all_memory(State& s) {
     for (auto& [block, info] : s.blocks_live)
         std::free(block);
     s.blocks_live.clear();
-    s.plain_pools.clear();
-    s.instance_pools.clear();
+    for (auto& pool : s.plain_pools)
+        pool.reset();
+    for (auto& pool : s.instance_pools)
+        pool.reset();
+    s.label_hits = {};
+    s.label_by_address.clear();
+    for (void* object : s.label_objects)
+        dlclose(object);
+    s.label_objects.clear();
 }
 
 } // namespace zok::detail
@@ -87,10 +143,18 @@ using namespace zok::detail;
 
 namespace {
 
-void refuse_free(const void* block, const char* op) {
+[[gnu::cold, gnu::noinline]] void refuse_free(const void* block, const char* op) {
     raise(ZOK_ERR_BAD_FREE, ZOK_ACTION_ERROR,
           format("%s: block %p is not a live block (never allocated or already freed)", op, block) +
               where() + ".");
+}
+
+[[gnu::cold, gnu::noinline]] void* refuse_node_size(size_t size) {
+    raise(
+        ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_RETURN,
+        format("host_mem_alloc_plain: %zu bytes is not a node size (1 to %zu)", size, kMaxPooled) +
+            where() + ".");
+    return nullptr;
 }
 
 void free_labelled(void* block, const char* freeing_label, const char* op) {
@@ -98,13 +162,14 @@ void free_labelled(void* block, const char* freeing_label, const char* op) {
     auto it = s.blocks_live.find(block);
     if (it == s.blocks_live.end())
         return refuse_free(block, op);
+    LabelStats* frees = freeing_label ? &stats_for(freeing_label) : nullptr;
     LabelStats* stats = it->second.stats;
     stats->live.blocks -= 1;
     stats->live.bytes -= it->second.size;
     s.blocks_live.erase(it);
     std::free(block);
-    if (freeing_label)
-        ++stats_for(freeing_label).frees;
+    if (frees)
+        ++frees->frees;
 }
 
 } // namespace
@@ -140,34 +205,31 @@ void host_mem_free_tagged(void* block, const char* label) {
 
 void* host_mem_alloc_plain(size_t size) {
     State& s = state();
-    if (size == 0 || size > kMaxPooled) {
-        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_RETURN,
-              format("host_mem_alloc_plain: %zu bytes is not a node size (1 to %zu)", size,
-                     kMaxPooled) +
-                  where() + ".");
+    if (size == 0 || size > kMaxPooled) [[unlikely]]
+        return refuse_node_size(size);
+    if (inject_fault(zok::kPlainLabel)) [[unlikely]]
         return nullptr;
-    }
-    if (inject_fault(zok::kPlainLabel))
-        return nullptr;
-    void* block = pool_for(s.plain_pools, size, &s.plain_chunks)->allocate();
-    if (block) {
+    SlotPool& pool = pool_for(s.plain_pools, size, s.plain_chunks);
+    void* block = pool.allocate();
+    if (block) [[likely]] {
         s.plain_stats->live.blocks += 1;
-        s.plain_stats->live.bytes += SlotPool::owner(block)->slot_size();
+        s.plain_stats->live.bytes += pool.slot_size();
     }
     return block;
 }
 
 void host_mem_free_labelled(void* block, const char* label) {
     State& s = state();
-    auto base = reinterpret_cast<uintptr_t>(block) & ~(uintptr_t{SlotPool::kChunkSize} - 1);
-    SlotPool* pool = s.plain_chunks.contains(base) ? SlotPool::owner(block) : nullptr;
-    size_t bytes = pool ? pool->slot_size() : 0;
-    if (!pool || !pool->release_in_chunk(block))
+    if (!s.plain_chunks.holds(block)) [[unlikely]]
+        return refuse_free(block, "host_mem_free_labelled");
+    LabelStats* frees = label ? &stats_for(label) : nullptr;
+    SlotPool* pool = SlotPool::owner(block);
+    if (!pool->release_in_chunk(block)) [[unlikely]]
         return refuse_free(block, "host_mem_free_labelled");
     s.plain_stats->live.blocks -= 1;
-    s.plain_stats->live.bytes -= bytes;
-    if (label)
-        ++stats_for(label).frees;
+    s.plain_stats->live.bytes -= pool->slot_size();
+    if (frees)
+        ++frees->frees;
 }
 
 } // extern "C"

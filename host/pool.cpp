@@ -1,78 +1,136 @@
-// Fixed-size slot pools (see pool.hpp for the layout and its invariant).
+// Chunk sources and fixed-size slot pools (see pool.hpp for the layout and its
+// invariants).
 #include "pool.hpp"
 
+#include <sys/mman.h>
+
 #include <algorithm>
-#include <bit>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 namespace zok::detail {
 
-void ChunkRegistry::add(uintptr_t base) {
-    bases_.insert(std::upper_bound(bases_.begin(), bases_.end(), base), base);
-}
-
-void ChunkRegistry::remove(uintptr_t base) {
-    auto it = std::lower_bound(bases_.begin(), bases_.end(), base);
-    if (it != bases_.end() && *it == base)
-        bases_.erase(it);
-}
-
-bool ChunkRegistry::contains(uintptr_t base) const {
-    return std::binary_search(bases_.begin(), bases_.end(), base);
-}
-
-SlotPool::SlotPool(size_t slot_size, ChunkRegistry* registry)
-    : slot_size_((slot_size + 15) & ~size_t{15}),
-      slot_reciprocal_(((uint64_t{1} << 32) + slot_size_ - 1) / slot_size_), registry_(registry) {
-    first_offset_ = (sizeof(Chunk) + 63) & ~size_t{63};
-    slots_per_chunk_ = std::min((kChunkSize - first_offset_) / slot_size_, Chunk::kWords * 64);
-}
-
-SlotPool::~SlotPool() {
-    for (Chunk* c : chunks_) {
-        if (registry_)
-            registry_->remove(reinterpret_cast<uintptr_t>(c));
-        unpoison(c, kChunkSize);
-        std::free(c);
+ChunkSource::~ChunkSource() {
+    for (const Region& r : regions_) {
+        unpoison(r.base, r.chunks * kChunkSize);
+        std::free(r.base);
     }
 }
 
-unsigned char* SlotPool::slot_at(Chunk* c, size_t i) const {
-    return reinterpret_cast<unsigned char*>(c) + first_offset_ + i * slot_size_;
+bool ChunkSource::add_region() {
+    size_t chunks = region_chunks_;
+    void* region = std::aligned_alloc(kChunkSize, chunks * kChunkSize);
+    if (!region)
+        return false;
+    auto first = reinterpret_cast<uintptr_t>(region);
+    auto last = first + chunks * kChunkSize - 1;
+    try {
+        spare_.reserve(made_ + chunks);
+        regions_.reserve(regions_.size() + 1);
+        for (uintptr_t a : {first, last}) {
+            uintptr_t window = a >> kLeafShift;
+            if (std::none_of(leaves_.begin(), leaves_.end(),
+                             [&](const Leaf& leaf) { return leaf.window == window; })) {
+                leaves_.push_back({window, std::make_unique<uint64_t[]>(kChunksPerLeaf / 64)});
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        std::free(region); // a window added here stays: it is empty
+        return false;
+    }
+    madvise(region, chunks * kChunkSize, MADV_HUGEPAGE);
+    regions_.push_back({region, chunks});
+    made_ += chunks;
+    fresh_ = static_cast<unsigned char*>(region);
+    fresh_end_ = fresh_ + chunks * kChunkSize;
+    region_chunks_ = std::min(chunks * 2, kMaxRegionChunks);
+    return true;
+}
+
+uint64_t& ChunkSource::held_word(uintptr_t chunk) {
+    auto leaf = std::find_if(leaves_.begin(), leaves_.end(),
+                             [&](const Leaf& l) { return l.window == chunk >> kLeafShift; });
+    auto i = (chunk >> kChunkShift) & (kChunksPerLeaf - 1);
+    return leaf->bits[i / 64];
+}
+
+void* ChunkSource::take() {
+    void* chunk;
+    if (!spare_.empty()) {
+        chunk = spare_.back();
+        spare_.pop_back();
+        unpoison(chunk, kChunkSize);
+    } else {
+        if (fresh_ == fresh_end_ && !add_region())
+            return nullptr;
+        chunk = fresh_;
+        fresh_ += kChunkSize;
+    }
+    auto a = reinterpret_cast<uintptr_t>(chunk);
+    held_word(a) |= uint64_t{1} << ((a >> kChunkShift) % 64);
+    return chunk;
+}
+
+void ChunkSource::give_back(void* chunk) {
+    auto a = reinterpret_cast<uintptr_t>(chunk);
+    held_word(a) &= ~(uint64_t{1} << ((a >> kChunkShift) % 64));
+    poison(chunk, kChunkSize);
+    spare_.push_back(chunk); // never reallocates: the capacity covers every chunk made
+}
+
+SlotPool::SlotPool(size_t slot_size, ChunkSource& source)
+    : slot_size_((slot_size + 15) & ~size_t{15}),
+      slot_reciprocal_(((uint64_t{1} << 32) + slot_size_ - 1) / slot_size_),
+      slots_per_chunk_(
+          std::min((ChunkSource::kChunkSize - kFirstOffset) / slot_size_, Chunk::kWords * 64)),
+      source_(source) {}
+
+SlotPool::~SlotPool() {
+    for (Chunk* c : chunks_)
+        source_.give_back(c);
+}
+
+void corrupt_chain() {
+    std::fputs("zok host: a freed block was written to; its pool is corrupt\n", stderr);
+    std::abort();
 }
 
 SlotPool::Chunk* SlotPool::new_chunk() {
-    void* mem = std::aligned_alloc(kChunkSize, kChunkSize);
+    void* mem = source_.take();
     if (!mem)
         return nullptr;
     try {
-        chunks_.reserve(chunks_.size() + 1);
-        if (registry_)
-            registry_->add(reinterpret_cast<uintptr_t>(mem));
+        chunks_.push_back(static_cast<Chunk*>(mem));
     } catch (const std::bad_alloc&) {
-        std::free(mem);
+        source_.give_back(mem);
         return nullptr;
     }
     auto* c = new (mem) Chunk{};
     c->pool = this;
-    // Bits past the last slot stay set, so the search never hands them out.
-    for (size_t i = slots_per_chunk_; i < Chunk::kWords * 64; ++i)
-        c->bits[i / 64] |= uint64_t{1} << (i % 64);
-    chunks_.push_back(c);
-    poison(slot_at(c, 0), slots_per_chunk_ * slot_size_);
+    c->freed = Chunk::kNone;
+    c->index = static_cast<uint32_t>(chunks_.size() - 1);
+    poison(slot_at(c, 0), ChunkSource::kChunkSize - kFirstOffset);
     link_free(c);
     return c;
 }
 
-void SlotPool::free_chunk(Chunk* c) {
+void SlotPool::rehome(Chunk* c, bool was_full) {
+    if (was_full)
+        link_free(c);
+    else if (c->prev_free || c->next_free)
+        retire_chunk(c); // another chunk has room: keep at most one empty chunk
+}
+
+// Gives an empty chunk back to the source.
+void SlotPool::retire_chunk(Chunk* c) {
     unlink_free(c);
-    chunks_.erase(std::find(chunks_.begin(), chunks_.end(), c));
-    if (registry_)
-        registry_->remove(reinterpret_cast<uintptr_t>(c));
-    unpoison(c, kChunkSize);
-    std::free(c);
+    Chunk* moved = chunks_.back();
+    moved->index = c->index;
+    chunks_[c->index] = moved;
+    chunks_.pop_back();
+    source_.give_back(c);
 }
 
 void SlotPool::link_free(Chunk* c) {
@@ -94,83 +152,6 @@ void SlotPool::unlink_free(Chunk* c) {
     if (c->next_free)
         c->next_free->prev_free = c->prev_free;
     c->on_free_list = false;
-}
-
-void* SlotPool::allocate() {
-    Chunk* c = free_head_ ? free_head_ : new_chunk();
-    if (!c)
-        return nullptr;
-    for (size_t w = c->hint; w < Chunk::kWords; ++w) {
-        if (c->bits[w] == ~uint64_t{0})
-            continue;
-        size_t bit = static_cast<size_t>(std::countr_one(c->bits[w]));
-        c->bits[w] |= uint64_t{1} << bit;
-        c->hint = static_cast<uint32_t>(w);
-        if (++c->used == slots_per_chunk_)
-            unlink_free(c);
-        ++live_;
-        unsigned char* slot = slot_at(c, w * 64 + bit);
-        unpoison(slot, slot_size_);
-        return slot;
-    }
-    std::abort(); // a chunk on the free list always has a free slot
-}
-
-SlotPool::Chunk* SlotPool::chunk_of(const void* p) const {
-    auto base = reinterpret_cast<uintptr_t>(p) & ~(uintptr_t{kChunkSize} - 1);
-    return reinterpret_cast<Chunk*>(base);
-}
-
-long SlotPool::index_in(const Chunk* c, const void* p) const {
-    auto offset = reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(c);
-    if (offset < first_offset_)
-        return -1;
-    offset -= first_offset_;
-    // Exact for offsets below 2^16 and slots below 2^16 bytes: no division needed.
-    auto i = static_cast<size_t>((offset * slot_reciprocal_) >> 32);
-    if (i * slot_size_ != offset || i >= slots_per_chunk_)
-        return -1;
-    return ((c->bits[i / 64] >> (i % 64)) & 1) ? static_cast<long>(i) : -1;
-}
-
-SlotPool* SlotPool::owner(const void* p) {
-    auto base = reinterpret_cast<uintptr_t>(p) & ~(uintptr_t{kChunkSize} - 1);
-    return reinterpret_cast<const Chunk*>(base)->pool;
-}
-
-bool SlotPool::is_live(const void* p) const {
-    auto base = reinterpret_cast<uintptr_t>(p) & ~(uintptr_t{kChunkSize} - 1);
-    if (!registry_ || !registry_->contains(base))
-        return false;
-    const Chunk* c = chunk_of(p);
-    return c->pool == this && index_in(c, p) >= 0;
-}
-
-bool SlotPool::release(void* slot) {
-    auto base = reinterpret_cast<uintptr_t>(slot) & ~(uintptr_t{kChunkSize} - 1);
-    if (registry_ && (!registry_->contains(base) || chunk_of(slot)->pool != this))
-        return false;
-    return release_in_chunk(slot);
-}
-
-bool SlotPool::release_in_chunk(void* slot) {
-    Chunk* c = chunk_of(slot);
-    long i = index_in(c, slot);
-    if (i < 0)
-        return false;
-    size_t w = static_cast<size_t>(i) / 64;
-    c->bits[w] &= ~(uint64_t{1} << (static_cast<size_t>(i) % 64));
-    c->hint = std::min(c->hint, static_cast<uint32_t>(w));
-    bool was_full = c->used == slots_per_chunk_;
-    --c->used;
-    --live_;
-    poison(slot, slot_size_);
-    if (was_full)
-        link_free(c);
-    // Keep one empty chunk as a spare; give back the others.
-    if (c->used == 0 && (c->prev_free || c->next_free))
-        free_chunk(c);
-    return true;
 }
 
 } // namespace zok::detail

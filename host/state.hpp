@@ -69,6 +69,14 @@ struct LabelStats {
     size_t frees = 0; // frees made under this label as the freeing label
 };
 
+struct LabelHit {
+    const char* address = nullptr;
+    LabelStats* stats = nullptr;
+};
+
+// Plain blocks and structure instances up to this size come from slot pools.
+inline constexpr size_t kMaxPooled = 256;
+
 // A structure definition with the host's own view of its layout.
 struct StructInfo {
     struct Tag {
@@ -152,7 +160,7 @@ private:
     void drop_page_if_done(uint32_t page_index);
 
     Page** dir_;
-    Page* spare_ = nullptr;       // a given-back page kept for the next one (all slots dead)
+    std::vector<Page*> spares_;   // given-back pages for the next ones (all slots dead)
     std::vector<uint32_t> pages_; // indices of allocated pages, ascending
     uint64_t next_id_ = 1;
     size_t count_ = 0;
@@ -214,23 +222,30 @@ struct zok::Host::State {
     std::unordered_set<const char*> texts;
 
     // Temporaries.
-    detail::ChunkRegistry temp_chunks;
-    detail::SlotPool temps{sizeof(detail::TempSlot), &temp_chunks};
+    detail::ChunkSource temp_chunks;
+    detail::SlotPool temps{sizeof(detail::TempSlot), temp_chunks};
     detail::TempSlot* temp_tail = nullptr;
     uint64_t temp_seq = 1;
     size_t leftover_temps = 0;
 
     // Memory.
     std::unordered_map<std::string, std::unique_ptr<detail::LabelStats>> labels;
-    std::unordered_map<const char*, detail::LabelStats*> label_cache;
+    // Labels by address: the stats of a label text in read-only memory, or null
+    // for an address whose text may change (its text decides on every use).
+    std::unordered_map<const char*, detail::LabelStats*> label_by_address;
+    // The most recent read-only label addresses, direct-mapped by address.
+    std::array<detail::LabelHit, 32> label_hits{};
+    std::vector<void*> label_objects; // objects kept loaded for the labels they hold
     struct Block {
         size_t size;
         detail::LabelStats* stats;
     };
     std::unordered_map<void*, Block> blocks_live;
-    detail::ChunkRegistry plain_chunks;
-    std::vector<std::unique_ptr<detail::SlotPool>> plain_pools;    // by 16-byte size class
-    std::vector<std::unique_ptr<detail::SlotPool>> instance_pools; // by 16-byte size class
+    using Pools = std::array<std::unique_ptr<detail::SlotPool>, detail::kMaxPooled / 16 + 1>;
+    detail::ChunkSource plain_chunks;
+    Pools plain_pools; // by 16-byte size class
+    detail::ChunkSource instance_chunks;
+    Pools instance_pools; // by 16-byte size class
     detail::LabelStats* plain_stats = nullptr;
 
     // Heap.
@@ -239,6 +254,7 @@ struct zok::Host::State {
     // Structures, routines, calls.
     std::map<std::string, std::unique_ptr<detail::StructInfo>, std::less<>> structs;
     std::unordered_map<const zok_struct_def*, detail::StructInfo*> struct_by_def;
+    std::pair<const zok_struct_def*, detail::StructInfo*> last_def{}; // (null, null) at first
     std::vector<std::unique_ptr<detail::Routine>> routines;
     std::vector<zok_name*> bound_names;
     detail::Frame base_frame;
@@ -311,9 +327,26 @@ Value read_element(uint8_t type, const void* src, const zok_struct_def* def);
 void write_element(uint8_t type, const Value& v, void* dst);
 
 // ---- Memory and faults (memory.cpp)
+bool fails_by_label(const char* label);
 // Counts one allocation under `label`; true when fault injection fails it.
-bool inject_fault(const char* label);
-LabelStats& stats_for(const char* label);
+inline bool inject_fault(const char* label) {
+    State& s = state();
+    ++s.allocation_count;
+    if (s.allocation_count == s.fail_at) [[unlikely]]
+        return true;
+    return !s.fail_labels.empty() && fails_by_label(label);
+}
+LabelStats& stats_for_text(const char* label);
+// The stats of `label` (null: ""); a label in read-only memory, such as a
+// literal, is found by its address alone.
+inline LabelStats& stats_for(const char* label) {
+    State& s = state();
+    auto a = reinterpret_cast<uintptr_t>(label);
+    LabelHit& hit = s.label_hits[(a ^ (a >> 7)) % s.label_hits.size()];
+    if (label && hit.address == label) [[likely]]
+        return *hit.stats;
+    return stats_for_text(label);
+}
 void* alloc_instance_memory(size_t size);
 void free_instance_memory(void* p, size_t size);
 void free_all_memory(State& s);

@@ -39,8 +39,14 @@ bool StructInfo::derives_from(const StructInfo* ancestor) const {
 
 StructInfo* struct_info(const zok_struct_def* def) {
     State& s = state();
+    // Definitions live as long as the host, so the last one found stays valid.
+    if (def == s.last_def.first)
+        return s.last_def.second;
     auto it = s.struct_by_def.find(def);
-    return it == s.struct_by_def.end() ? nullptr : it->second;
+    if (it == s.struct_by_def.end())
+        return nullptr;
+    s.last_def = *it;
+    return it->second;
 }
 
 StructInfo* find_struct(std::string_view name) {

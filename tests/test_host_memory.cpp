@@ -129,45 +129,116 @@ TEST(HostMemory, LabelledAccountingAndBadFrees) {
     EXPECT_TRUE(host.memory_by_label().empty());
 }
 
-// The pool under random churn against a model: distinct live blocks, intact
-// contents, exact accounting, and refusal of every address that is not a
-// live block.
+// The pools under random churn against a model, with sizes of every class
+// (the classes share chunks): distinct aligned live blocks, intact contents,
+// exact accounting, and refusal of every address that is not a live block,
+// stale addresses into chunks that went back for reuse included.
 TEST(HostMemory, PlainPoolChurnMatchesModel) {
     uint32_t seed = test_seed();
     std::mt19937 rng(seed);
     zok::Host host;
-    std::vector<unsigned char*> live;
+    struct Block {
+        unsigned char* p;
+        size_t size;
+    };
+    std::vector<Block> live;
     std::set<unsigned char*> live_set;
-    size_t frees = 0;
-    for (int step = 0; step < 30000; ++step) {
-        if (live.empty() || rng() % 100 < 55) {
-            auto* p = static_cast<unsigned char*>(host_mem_alloc_plain(48));
-            ASSERT_NE(p, nullptr);
-            ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
-            ASSERT_TRUE(live_set.insert(p).second) << "seed " << seed << ": block handed out twice";
-            std::memset(p, static_cast<int>(reinterpret_cast<uintptr_t>(p) & 0xff), 48);
-            live.push_back(p);
+    std::vector<unsigned char*> dead;
+    size_t bytes = 0, frees = 0;
+    auto fill = [](const Block& b) {
+        std::memset(b.p, static_cast<int>(reinterpret_cast<uintptr_t>(b.p) >> 4 & 0xff), b.size);
+    };
+    auto intact = [](const Block& b) {
+        for (size_t k = 0; k < b.size; ++k)
+            if (b.p[k] != (reinterpret_cast<uintptr_t>(b.p) >> 4 & 0xff))
+                return false;
+        return true;
+    };
+    for (int step = 0; step < 60000; ++step) {
+        // Phases of growth and shrinking, so whole chunks empty and are reused.
+        bool growing = (step / 10000) % 2 == 0;
+        if (live.empty() || rng() % 100 < (growing ? 70u : 30u)) {
+            size_t size = 1 + rng() % (rng() % 4 == 0 ? 256 : 64);
+            Block b{static_cast<unsigned char*>(host_mem_alloc_plain(size)), size};
+            ASSERT_NE(b.p, nullptr);
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(b.p) % 16, 0u);
+            ASSERT_TRUE(live_set.insert(b.p).second)
+                << "seed " << seed << ": block handed out twice";
+            fill(b);
+            live.push_back(b);
+            bytes += (size + 15) & ~size_t{15};
         } else {
             size_t i = rng() % live.size();
-            unsigned char* p = live[i];
-            for (int k = 0; k < 48; ++k)
-                ASSERT_EQ(p[k], reinterpret_cast<uintptr_t>(p) & 0xff) << "seed " << seed;
+            Block b = live[i];
+            ASSERT_TRUE(intact(b)) << "seed " << seed << ": block of " << b.size << " overwritten";
             if (rng() % 50 == 0)
-                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(p + 16, "inside"); });
-            host_mem_free_labelled(p, "map_rb_delete_node");
+                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(b.p + 8, "inside"); });
+            host_mem_free_labelled(b.p, "map_rb_delete_node");
             ++frees;
-            live_set.erase(p);
+            bytes -= (b.size + 15) & ~size_t{15};
+            live_set.erase(b.p);
             live[i] = live.back();
             live.pop_back();
-            if (rng() % 50 == 0)
-                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(p, "again"); });
+            dead.push_back(b.p);
         }
-        ASSERT_EQ(host.memory(zok::kPlainLabel).blocks, live.size()) << "seed " << seed;
+        if (rng() % 100 == 0 && !dead.empty()) {
+            unsigned char* stale = dead[rng() % dead.size()];
+            if (!live_set.count(stale))
+                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(stale, "again"); });
+        }
+        ASSERT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{live.size(), bytes}))
+            << "seed " << seed << " step " << step;
     }
-    for (unsigned char* p : live)
-        host_mem_free_labelled(p, "map_rb_free_tree");
+    for (const Block& b : live)
+        host_mem_free_labelled(b.p, "map_rb_free_tree");
     EXPECT_EQ(host.frees("map_rb_delete_node"), frees);
     EXPECT_EQ(host.frees("map_rb_free_tree"), live.size());
+    EXPECT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{0, 0}));
+    for (unsigned char* stale : dead)
+        expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(stale, "again"); });
+    EXPECT_EQ(host.frees("again"), 0u);
+}
+
+// Freed chunks serve the next blocks, of any size: a tree built again after
+// being freed lands in the memory the first one used.
+TEST(HostMemory, RebuildReusesTheChunksOfFreedBlocks) {
+    zok::Host host;
+    constexpr uintptr_t kChunk = 64 * 1024;
+    std::vector<void*> blocks;
+    std::set<uintptr_t> chunks;
+    for (int i = 0; i < 20000; ++i) {
+        blocks.push_back(host_mem_alloc_plain(48));
+        chunks.insert(reinterpret_cast<uintptr_t>(blocks.back()) & ~(kChunk - 1));
+    }
+    for (void* b : blocks)
+        host_mem_free_labelled(b, "map_rb_free_tree");
+    blocks.clear();
+    for (int i = 0; i < 12000; ++i) {
+        blocks.push_back(host_mem_alloc_plain(64));
+        ASSERT_TRUE(chunks.count(reinterpret_cast<uintptr_t>(blocks.back()) & ~(kChunk - 1)))
+            << "block " << i << " in a chunk the first blocks did not use";
+    }
+    for (void* b : blocks)
+        host_mem_free_labelled(b, "map_rb_free_tree");
+}
+
+// Labels are counted by their text: a label in a buffer that is later
+// rewritten counts under each text it held.
+TEST(HostMemory, FreesCountUnderTheTextTheLabelHeld) {
+    zok::Host host;
+    char label[16] = "first";
+    for (int i = 0; i < 3; ++i)
+        host_mem_free_labelled(host_mem_alloc_plain(32), label);
+    std::strcpy(label, "second");
+    host_mem_free_labelled(host_mem_alloc_plain(32), label);
+    void* block = host_mem_alloc(8, label);
+    std::strcpy(label, "third");
+    host_mem_free_tagged(block, label);
+    EXPECT_EQ(host.frees("first"), 3u);
+    EXPECT_EQ(host.frees("second"), 1u);
+    EXPECT_EQ(host.frees("third"), 1u);
+    EXPECT_EQ(host.memory("second"), (zok::MemStats{0, 0}));
+    host_mem_free_labelled(host_mem_alloc_plain(32), nullptr);
     EXPECT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{0, 0}));
 }
 
@@ -177,6 +248,21 @@ TEST(HostMemoryDeathTest, UseOfAFreedNodeIsReported) {
     auto* p = static_cast<volatile char*>(host_mem_alloc_plain(48));
     host_mem_free_labelled(const_cast<char*>(p), "map_rb_delete_node");
     EXPECT_DEATH(p[8] = 1, "use-after-poison");
+}
+#else
+// Without the sanitizer, a write over the link that a freed node holds is
+// found when the pool follows that link.
+TEST(HostMemoryDeathTest, WriteIntoAFreedNodeStopsThePool) {
+    zok::Host host;
+    auto* p = static_cast<uint32_t*>(host_mem_alloc_plain(48));
+    host_mem_free_labelled(p, "map_rb_delete_node");
+    *p = 0x7fffffff;
+    EXPECT_DEATH(
+        {
+            host_mem_alloc_plain(48);
+            host_mem_alloc_plain(48);
+        },
+        "freed block was written to");
 }
 #endif
 
