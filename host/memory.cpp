@@ -85,8 +85,6 @@ bool fails_by_label(const char* label) {
 
 LabelStats& stats_for_text(const char* label) {
     State& s = state();
-    if (!label)
-        label = "";
     auto [known, added] = s.label_by_address.try_emplace(label, nullptr);
     try {
         if (!known->second) {
@@ -102,8 +100,7 @@ LabelStats& stats_for_text(const char* label) {
             s.label_by_address.erase(known);
         throw;
     }
-    auto a = reinterpret_cast<uintptr_t>(label);
-    s.label_hits[(a ^ (a >> 7)) % s.label_hits.size()] = {label, known->second};
+    s.label_hits[label_hit_index(label)] = {label, known->second};
     return *known->second;
 }
 

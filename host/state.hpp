@@ -336,14 +336,20 @@ inline bool inject_fault(const char* label) {
         return true;
     return !s.fail_labels.empty() && fails_by_label(label);
 }
+// The slot of label_hits for a label address.
+inline size_t label_hit_index(const char* label) {
+    auto a = reinterpret_cast<uintptr_t>(label);
+    return (a ^ (a >> 7)) % std::tuple_size_v<decltype(State::label_hits)>;
+}
 LabelStats& stats_for_text(const char* label);
 // The stats of `label` (null: ""); a label in read-only memory, such as a
 // literal, is found by its address alone.
 inline LabelStats& stats_for(const char* label) {
     State& s = state();
-    auto a = reinterpret_cast<uintptr_t>(label);
-    LabelHit& hit = s.label_hits[(a ^ (a >> 7)) % s.label_hits.size()];
-    if (label && hit.address == label) [[likely]]
+    if (!label)
+        label = "";
+    const LabelHit& hit = s.label_hits[label_hit_index(label)];
+    if (hit.address == label) [[likely]]
         return *hit.stats;
     return stats_for_text(label);
 }
