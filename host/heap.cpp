@@ -87,7 +87,8 @@ HeapSlot* HeapTable::create() {
     ++page->live;
     ++count_;
     ++next_id_;
-    if (pi > 0)
+    // The previous page is complete once its successor's first identifier is out.
+    if ((id & (kPageSize - 1)) == 0 && pi > 0)
         drop_page_if_done(pi - 1);
     return slot;
 }

@@ -2,10 +2,11 @@
 // structure instances.
 //
 // A ChunkSource carves 64 KiB chunks, aligned to 64 KiB, from regions of up to
-// 4 MiB that it takes from the C allocator, and keeps every chunk it made until
+// 8 MiB that it takes from the C allocator, and keeps every chunk it made until
 // it goes: a chunk that a pool gives back serves the next pool that asks, so
 // rebuilding a large structure touches no new pages.  Regions ask for huge
-// pages, which makes first use and random access of a large pool cheaper.
+// pages (granted where the system allows), which makes first use and random
+// access of a large pool much cheaper.
 // Invariant: the source's bitmap has a chunk's bit set exactly while a pool
 // holds the chunk, so whether an address belongs to a held chunk takes a few
 // loads and never reads the address itself.
@@ -16,7 +17,7 @@
 // live exactly when its bit is set; a free slot is either on its chunk's freed
 // chain (linked through its first word by slot index) or at or past the
 // chunk's `fresh` mark; a chunk is on the pool's list exactly when it has a
-// free slot.  Slots carry no per-slot header, so a 48-byte node costs about a
+// free slot.  Slots carry no per-slot header, so a 48-byte node costs under a
 // byte of overhead.  In a sanitizer build free slots and spare chunks are
 // poisoned, so a use after free is reported at the faulting access.
 #pragma once
