@@ -302,7 +302,7 @@ std::string describe(const zok_var& v);
 char* new_text(const char* text, size_t length);
 void release_text(char* text);
 zok_string make_string(std::string_view text);
-zok_var* new_temp();
+zok_var* new_temp(int32_t action = ZOK_ACTION_ERROR);
 void release_temp(zok_var* v);
 bool is_live_temp(const zok_var* v);
 // Releases every live temporary made since `first_seq`; returns the count.

@@ -289,11 +289,11 @@ void assign(zok_var& dest, const zok_var& src) {
 
 // ---- Temporaries
 
-zok_var* new_temp() {
+zok_var* new_temp(int32_t action) {
     State& s = state();
     void* mem = inject_fault(kTempLabel) ? nullptr : s.temps.allocate();
     if (!mem) {
-        raise(ZOK_ERR_NO_MEMORY, ZOK_ACTION_ERROR,
+        raise(ZOK_ERR_NO_MEMORY, action,
               "Unable to allocate memory: making a temporary variable" + where() + ".");
         return nullptr;
     }
@@ -638,12 +638,22 @@ zok_var* host_temp_struct(zok_struct_def* def) {
               "host_temp_struct: not a structure definition of this host" + where() + ".");
         return nullptr;
     }
-    zok_var* t = new_temp();
-    if (!t)
+    // Tree nodes are made this way: running out of memory is a null result.
+    void* data = alloc_instance_memory(info->def.size);
+    if (!data) {
+        raise(ZOK_ERR_NO_MEMORY, ZOK_ACTION_RETURN,
+              "Unable to allocate memory: making a structure instance" + where() + ".");
         return nullptr;
+    }
+    zok_var* t = new_temp(ZOK_ACTION_RETURN);
+    if (!t) {
+        free_instance_memory(data, info->def.size);
+        return nullptr;
+    }
+    std::memset(data, 0, info->def.size);
     t->type = ZOK_T_STRUCT;
     t->flags |= ZOK_VF_STRUCT;
-    t->value.st = {new_instance(*info), def};
+    t->value.st = {data, def};
     return t;
 }
 

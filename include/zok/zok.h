@@ -422,7 +422,7 @@ void host_heap_free(uint32_t id, int32_t reserved0, int32_t reserved1);
 
 zok_var* host_temp_var(void);           /* undefined, flagged temporary */
 zok_var* host_temp_long(int32_t value); /* type 3 */
-/* A temporary scalar of the structure, its instance zeroed. */
+/* A temporary scalar of the structure, its instance zeroed; null when memory runs out. */
 zok_var* host_temp_struct(zok_struct_def* def);
 void host_release_temp(zok_var* temp);
 /* A temporary holding `var` converted to `type` (numbers and numeric text). */
