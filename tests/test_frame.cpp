@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "dsmap/ds_map.hpp"
+#include "frame/keywords.hpp"
 #include "frame/module.hpp"
 #include "frame/structs.hpp"
 #include "fw/fw_saveable.hpp"
@@ -207,6 +208,80 @@ TEST_F(Loaded, MethodOnADestroyedSelfIsTheHostsError) {
     } catch (const zok::Error& e) {
         EXPECT_EQ(e.code(), ZOK_ERR_INVALID_OBJECT);
     }
+}
+
+} // namespace
+
+namespace {
+
+// Every INIT keyword table, processed by the host: each keyword lands at its
+// place in the results record, converted; absent ones are flagged absent, with
+// integers zeroed and the any-type keyword null.
+TEST_F(Loaded, KeywordTablesFillTheirRecords) {
+    const zok::ObjectRef obj = host.new_object("ZOKFWSAVEABLE");
+    const zok_keyword_entry* tables[] = {
+        flux::handler_keyword_table,    flux::behavior_keyword_table,  flux::message_keyword_table,
+        flux::funcbehav_keyword_table,  flux::procbehav_keyword_table, flux::objbehav_keyword_table,
+        flux::delaybehav_keyword_table, flux::querybehav_keyword_table};
+    const zok_keyword_entry* table = nullptr;
+    host.add_function(
+        "KW", 0, 0,
+        [&](zok::Call& call) -> zok::Value {
+            alignas(16) unsigned char record[256];
+            std::memset(record, 0xA5, sizeof record);
+            zok_var* plain[1];
+            host_keywords_process(call.argc(), call.argv(), call.keywords(), table, plain, 1,
+                                  record);
+            const bool given = call.keyword("HANDLER").has_value();
+            EXPECT_STREQ(table[0].keyword, "");
+            for (const zok_keyword_entry* e = table + 1; e->keyword != nullptr; ++e) {
+                if (e > table + 1) {
+                    EXPECT_LT(std::strcmp(e[-1].keyword, e->keyword), 0);
+                }
+                int32_t flag;
+                std::memcpy(&flag, record + e->given, sizeof flag);
+                EXPECT_EQ(flag, given ? 1 : 0) << e->keyword;
+                const unsigned char* value = record + e->value;
+                switch (e->type) {
+                case ZOK_T_OBJECT:
+                    if (given) {
+                        EXPECT_EQ(*reinterpret_cast<const uint32_t*>(value), obj.id) << e->keyword;
+                    }
+                    break;
+                case ZOK_T_STRING:
+                    if (given) {
+                        EXPECT_EQ(std::string(reinterpret_cast<const zok_string*>(value)->text),
+                                  e->keyword);
+                    }
+                    break;
+                case ZOK_T_LONG:
+                    EXPECT_EQ(*reinterpret_cast<const int32_t*>(value), given ? 7 : 0)
+                        << e->keyword;
+                    break;
+                default:
+                    EXPECT_EQ(*reinterpret_cast<zok_var* const*>(value) != nullptr, given);
+                }
+            }
+            if (*reinterpret_cast<const int64_t*>(record) != 0)
+                host_keywords_free();
+            return 1;
+        },
+        true);
+    for (const zok_keyword_entry* t : tables) {
+        table = t;
+        zok::Keywords all;
+        for (const zok_keyword_entry* e = t + 1; e->keyword != nullptr; ++e) {
+            if (e->type == ZOK_T_OBJECT)
+                all.push_back({e->keyword, obj});
+            else if (e->type == ZOK_T_STRING)
+                all.push_back({e->keyword, std::string(e->keyword)});
+            else
+                all.push_back({e->keyword, 7});
+        }
+        host.call_function("KW", {}, all);
+        host.call_function("KW");
+    }
+    EXPECT_EQ(host.live_texts(), 0u);
 }
 
 } // namespace
