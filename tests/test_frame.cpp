@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "dsmap/ds_map.hpp"
+#include "frame/host_api.hpp"
 #include "frame/keywords.hpp"
 #include "frame/module.hpp"
 #include "frame/structs.hpp"
@@ -282,6 +283,42 @@ TEST_F(Loaded, KeywordTablesFillTheirRecords) {
         host.call_function("KW");
     }
     EXPECT_EQ(host.live_texts(), 0u);
+}
+
+} // namespace
+
+namespace {
+
+// The INIT step every framework class shares: keywords processed, self held
+// against the host's collection, the class's status returned, texts given back.
+TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
+    host.define_struct("PROBE", {}, "ZOKFWSAVEABLE");
+    std::string seen;
+    host.add_function(
+        "PROBE::INIT", 1, 1,
+        [&](zok::Call& call) -> zok::Value {
+            zok_var* status = flux::keyword_init<flux::KeywordFront>(
+                call.argc(), call.argv(), call.keywords(), flux::message_keyword_table,
+                [&](flux::Self self, const flux::KeywordFront& kw) {
+                    EXPECT_EQ(self.heap_id, call.self().id);
+                    if (kw.messagestring_given)
+                        seen.assign(kw.messagestring.text, kw.messagestring.length);
+                    return kw.scope_given ? 0 : 1;
+                });
+            const zok::Value result = host.read(*status);
+            host_release_temp(status);
+            return result;
+        },
+        true);
+    host.clear_messages();
+    const zok::ObjectRef probe = host.new_object("PROBE", {}, {{"MESS", std::string("ping")}});
+    ASSERT_TRUE(probe);
+    EXPECT_TRUE(host.messages().empty()); // the host had no keyword texts left to free
+    EXPECT_EQ(seen, "ping");
+    EXPECT_NE(host.heap_flags(probe.id) & ZOK_HEAP_HELD, 0u);
+    EXPECT_FALSE(host.new_object("PROBE", {}, {{"SCOPE", 1}})); // status 0: no object
+    EXPECT_EQ(host.live_texts(), 0u);
+    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 } // namespace

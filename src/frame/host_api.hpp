@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
 #include <zok/zok.h>
@@ -108,7 +109,8 @@ inline void hold_heap_var(uint32_t heap_id) {
 // The INIT of a class that takes keywords: process the keywords into a
 // results record (whose first member is the host's leading word), flag self's
 // heap variable as module-held, run the class's initialisation and return its
-// status as a temporary integer.  `Results` starts with `int64_t leading`.
+// status as a temporary integer.  `Results` opens with the host's 64-bit
+// leading word.
 template <class Results, class Init>
 zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                       const zok_keyword_entry* table, Init&& init) {
@@ -120,7 +122,9 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
     struct KeywordsGuard {
         const Results& r;
         ~KeywordsGuard() {
-            if (r.leading != 0)
+            int64_t leading; // every record opens with the host's leading word
+            std::memcpy(&leading, &r, sizeof leading);
+            if (leading != 0)
                 host_keywords_free();
         }
     } keywords_guard{results};
