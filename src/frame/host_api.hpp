@@ -107,10 +107,9 @@ inline void hold_heap_var(uint32_t heap_id) {
 }
 
 // The INIT of a class that takes keywords: process the keywords into a
-// results record (whose first member is the host's leading word), flag self's
-// heap variable as module-held, run the class's initialisation and return its
-// status as a temporary integer.  `Results` opens with the host's 64-bit
-// leading word.
+// results record (which opens with the host's 64-bit leading word), flag
+// self's heap variable as module-held, run the class's initialisation and
+// return its status as a temporary integer.
 template <class Results, class Init>
 zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                       const zok_keyword_entry* table, Init&& init) {
@@ -122,7 +121,7 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
     struct KeywordsGuard {
         const Results& r;
         ~KeywordsGuard() {
-            int64_t leading; // every record opens with the host's leading word
+            int64_t leading;
             std::memcpy(&leading, &r, sizeof leading);
             if (leading != 0)
                 host_keywords_free();
