@@ -3,10 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -15,16 +12,11 @@
 #include "host.hpp"
 #include "maps/map.hpp"
 #include "maps/maph.hpp"
+#include "support/testing.hpp"
 
 namespace maptest {
 
-inline uint32_t test_seed() {
-    const char* given = std::getenv("ZOK_SEED");
-    uint32_t seed =
-        given ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10)) : std::random_device{}();
-    std::printf("seed %u (re-run with ZOK_SEED=%u)\n", seed, seed);
-    return seed;
-}
+using ::test_seed;
 
 class TreeTest : public ::testing::Test {
 protected:
