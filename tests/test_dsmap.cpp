@@ -191,23 +191,15 @@ TEST_F(DsMap, VanishedHeapVariablesRaiseTheDereferenceError) {
 TEST_F(DsMap, AllocationFailuresDuringInsertLeaveTheMapAsItWas) {
     call("INSERT", {"present", 1});
     const size_t heap = host.heap_count();
-    bool succeeded = false;
-    int failures = 0;
-    for (uint64_t nth = 1; !succeeded && nth < 60; ++nth) {
-        host.fail_allocation(nth);
-        try {
+    sweep_allocation_failures(
+        host, 60,
+        [&] {
             call("INSERT", {"fresh", std::string("value")});
-            succeeded = true;
-        } catch (const zok::Error&) {
-            ++failures;
-            host.clear_faults();
-            ASSERT_EQ(call("GETSIZE").as_int(), 1) << nth;
-            ASSERT_EQ(host.heap_count(), heap) << nth;
-        }
-        host.clear_faults();
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_GT(failures, 2); // the sweep reached the failure paths
+        },
+        [&](uint64_t nth) {
+            EXPECT_EQ(call("GETSIZE").as_int(), 1) << nth;
+            EXPECT_EQ(host.heap_count(), heap) << nth;
+        });
     EXPECT_EQ(call("GETDATA", {"fresh"}).as_string(), "value");
 }
 

@@ -230,26 +230,16 @@ TEST_F(Registry, AllocationFailuresLeaveNothingBehind) {
     const auto entries = flux::fwident_entries();
     const size_t heap = host.heap_count();
     const size_t texts = host.live_texts();
-    bool succeeded = false;
-    int failures = 0;
-    for (uint64_t nth = 1; !succeeded && nth < 50; ++nth) {
-        host.fail_allocation(nth);
-        try {
-            get("fresh");
-            succeeded = true;
-        } catch (const zok::Error&) {
-            ++failures;
-            ASSERT_EQ(flux::fwident_entries().size(), entries.size()) << nth;
-            ASSERT_EQ(host.heap_count(), heap) << nth;
-            ASSERT_EQ(host.live_texts(), texts) << nth;
-            ASSERT_EQ(host.memory("FW_Ident key").blocks, 1u) << nth;
-            ASSERT_EQ(host.memory("FW_Ident data").blocks, 1u) << nth;
-        }
-        host.clear_faults();
-        ASSERT_EQ(flux::fwident_check(), "");
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_GT(failures, 2); // the sweep reached the failure paths
+    sweep_allocation_failures(
+        host, 50, [&] { get("fresh"); },
+        [&](uint64_t nth) {
+            EXPECT_EQ(flux::fwident_entries().size(), entries.size()) << nth;
+            EXPECT_EQ(host.heap_count(), heap) << nth;
+            EXPECT_EQ(host.live_texts(), texts) << nth;
+            EXPECT_EQ(host.memory("FW_Ident key").blocks, 1u) << nth;
+            EXPECT_EQ(host.memory("FW_Ident data").blocks, 1u) << nth;
+            EXPECT_EQ(flux::fwident_check(), "");
+        });
 }
 
 } // namespace
