@@ -22,9 +22,7 @@ void raise_no_memory(const char* routine) {
 }
 
 Self resolve_object(const zok_var* object, const char* anchor) {
-    if (object->type != ZOK_T_OBJECT)
-        host_require_object(object, ZOK_ACTION_ERROR);
-    const uint32_t id = object->value.heap_id;
+    const uint32_t id = object_argument(object);
     zok_heap_record* rec = host_object_heap_var(id, ZOK_ACTION_ERROR);
     return Self{host_struct_tag_data(&rec->var, anchor, 0, 0, 0), id};
 }

@@ -45,6 +45,39 @@ struct Self {
     }
 };
 
+// ---- Arguments.  A routine that takes one value (a text, an identifier, an
+// object) refuses a value of the wrong type code with the host's type error,
+// and an array, file or structure of the right type code with the host's
+// non-scalar error, before it allocates or changes anything.
+inline void require_scalar(const zok_var* v) {
+    if ((v->flags & ZOK_VF_NOT_SIMPLE) != 0)
+        host_require_simple(v, ZOK_ACTION_ERROR);
+}
+
+// The argument's text.
+inline const zok_string* string_argument(const zok_var* v) {
+    if (v->type != ZOK_T_STRING)
+        host_require_string(v, ZOK_ACTION_ERROR);
+    require_scalar(v);
+    return &v->value.str;
+}
+
+// The heap identifier of a heap pointer argument.
+inline uint32_t pointer_argument(const zok_var* v) {
+    if (v->type != ZOK_T_POINTER)
+        host_require_pointer(v, ZOK_ACTION_ERROR);
+    require_scalar(v);
+    return v->value.heap_id;
+}
+
+// The heap identifier of an object reference argument (not resolved).
+inline uint32_t object_argument(const zok_var* v) {
+    if (v->type != ZOK_T_OBJECT)
+        host_require_object(v, ZOK_ACTION_ERROR);
+    require_scalar(v);
+    return v->value.heap_id;
+}
+
 // Resolves an object reference argument; the host raises its error when the
 // argument is not a live object.
 Self resolve_object(const zok_var* object, const char* anchor);
@@ -127,9 +160,7 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                 host_keywords_free();
         }
     } keywords_guard{results};
-    if (plain[0]->type != ZOK_T_OBJECT)
-        host_require_object(plain[0], ZOK_ACTION_ERROR);
-    hold_heap_var(plain[0]->value.heap_id);
+    hold_heap_var(object_argument(plain[0]));
     const Self self = framework_self(plain.data());
     const int32_t status = init(self, results);
     return host_temp_long(status);
