@@ -23,7 +23,19 @@ const LoadForget forgets[] = {
     fwident_forget,
 };
 
+const ModuleCheck checks[] = {
+    fwident_check,
+};
+
 } // namespace
+
+std::span<const ModuleCheck> module_checks() {
+    return checks;
+}
+
+std::span<const ClassCheck> class_checks() {
+    return {};
+}
 
 std::span<const LoadForget> load_forgets() {
     return forgets;

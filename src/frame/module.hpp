@@ -3,6 +3,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 
 #include "frame/routines.hpp"
 
@@ -21,5 +22,19 @@ std::span<const SessionReset> session_resets();
 // memory of the earlier host is gone).
 using LoadForget = void (*)();
 std::span<const LoadForget> load_forgets();
+
+// Invariant checks for tests and fuzzers, each giving the first broken
+// invariant it finds or "" when all is sound: of the module's global state,
+// and of one object of a class (looked up by the object's class name, which
+// must be the class itself, not a subclass).
+using ModuleCheck = std::string (*)();
+std::span<const ModuleCheck> module_checks();
+
+using ObjectCheck = std::string (*)(uint32_t object);
+struct ClassCheck {
+    const char* class_name;
+    ObjectCheck check;
+};
+std::span<const ClassCheck> class_checks();
 
 } // namespace flux
