@@ -25,8 +25,8 @@ std::span<const LoadForget> load_forgets();
 
 // Invariant checks for tests and fuzzers, each giving the first broken
 // invariant it finds or "" when all is sound: of the module's global state,
-// and of one object of a class (looked up by the object's class name, which
-// must be the class itself, not a subclass).
+// and of one object of a class (run on every live object that is of that
+// class or derives from it).
 using ModuleCheck = std::string (*)();
 std::span<const ModuleCheck> module_checks();
 
