@@ -2,29 +2,40 @@
 // the frame registers their routines and runs their session resets.
 #include "dsmap/ds_map.hpp"
 #include "frame/module.hpp"
+#include "fw/fw_behavior.hpp"
+#include "fw/fw_hashndlr.hpp"
 #include "fw/fw_ident.hpp"
+#include "fw/fw_message.hpp"
+#include "fw/fw_messhndlr.hpp"
 #include "fw/fw_saveable.hpp"
 
 namespace flux {
 namespace {
 
 const RoutineList* const routine_lists[] = {
-    &saveable_routines,
-    &dsmap_routines,
-    &fwident_routines,
+    &saveable_routines,       &hasahandler_routines, &behavior_routines, &message_routines,
+    &messagehandler_routines, &dsmap_routines,       &fwident_routines,
 };
 
-// Identifiers first: every identifier is freed whatever its use count.
+// Identifiers first: every identifier is freed whatever its use count; then
+// the default handler is forgotten (the host frees its heap).
 const SessionReset resets[] = {
     fwident_session_reset,
+    messagehandler_session_reset,
 };
 
 const LoadForget forgets[] = {
     fwident_forget,
+    messagehandler_forget,
+    behavior_forget,
 };
 
 const ModuleCheck checks[] = {
     fwident_check,
+};
+
+const ClassCheck object_checks[] = {
+    {"ZOKFWMESSAGEHANDLER", messagehandler_check},
 };
 
 } // namespace
@@ -34,7 +45,7 @@ std::span<const ModuleCheck> module_checks() {
 }
 
 std::span<const ClassCheck> class_checks() {
-    return {};
+    return object_checks;
 }
 
 std::span<const LoadForget> load_forgets() {

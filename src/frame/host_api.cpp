@@ -27,4 +27,20 @@ Self resolve_object(const zok_var* object, const char* anchor) {
     return Self{host_struct_tag_data(&rec->var, anchor, 0, 0, 0), id};
 }
 
+bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls) {
+    const zok_var& v = rec->var;
+    if (v.type != ZOK_T_STRUCT || (v.flags & ZOK_VF_ARRAY) != 0)
+        return false;
+    // The module's own class is the common case and needs no walk of the tree.
+    return v.value.st.def == cls.definition() ||
+           host_object_isa(v.value.st.def, cls.name, 0, 0, ZOK_ACTION_ERROR) != 0;
+}
+
+Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role) {
+    zok_heap_record* rec = host_object_heap_var(id, ZOK_ACTION_ERROR);
+    if (!is_instance_of(rec, cls))
+        host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, role, cls.display_name);
+    return Self{host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0), id};
+}
+
 } // namespace flux

@@ -86,6 +86,29 @@ inline Self framework_self(zok_var** argv) {
     return resolve_object(argv[0], FRAMEWORK_ANCHOR);
 }
 
+// A framework class as its methods check it: the structure, its name, and the
+// mixed-case name that messages show.
+struct ClassRef {
+    zok_struct_def* (*definition)();
+    const char* name;
+    const char* display_name;
+};
+
+// Whether a live object heap variable holds an object of `cls` or of a class
+// derived from it.
+bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls);
+
+// Resolves a framework object that must be of `cls` (or derive from it): the
+// host raises its error when `id` is no live object, and an object of another
+// class is refused with host message -572, `role` and the class's name.
+Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role);
+
+// A method's self, of the method's class: a program that calls a method by its
+// full name may hand any object as self.
+inline Self class_self(zok_var** argv, const ClassRef& cls) {
+    return resolve_instance(object_argument(argv[0]), cls, "0");
+}
+
 // Releases a temporary at scope exit unless it has been handed on (release()
 // or the host cleared its temporary mark).
 class TempGuard {
@@ -141,11 +164,11 @@ inline void hold_heap_var(uint32_t heap_id) {
 
 // The INIT of a class that takes keywords: process the keywords into a
 // results record (which opens with the host's 64-bit leading word), flag
-// self's heap variable as module-held, run the class's initialisation and
-// return its status as a temporary integer.
+// self's heap variable as module-held, run the class's initialisation on self
+// (which must be of `cls`) and return its status as a temporary integer.
 template <class Results, class Init>
 zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
-                      const zok_keyword_entry* table, Init&& init) {
+                      const zok_keyword_entry* table, const ClassRef& cls, Init&& init) {
     Results results{};
     // Every INIT is registered with at most one positional argument (self),
     // and the host enforces that before the routine runs.
@@ -160,8 +183,8 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                 host_keywords_free();
         }
     } keywords_guard{results};
-    hold_heap_var(object_argument(plain[0]));
-    const Self self = framework_self(plain.data());
+    const Self self = class_self(plain.data(), cls);
+    hold_heap_var(self.heap_id);
     const int32_t status = init(self, results);
     return host_temp_long(status);
 }

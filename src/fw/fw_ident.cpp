@@ -41,14 +41,6 @@ RbNode* ensure_map(RbNode*& map, const char* routine) {
     return map;
 }
 
-// The text of an identifier's heap variable, or null when it has none.
-const zok_string* ident_text(uint32_t ident) {
-    const zok_heap_record* rec = host_heap_var(ident);
-    if (rec == nullptr || rec->var.type != ZOK_T_STRING)
-        return nullptr;
-    return &rec->var.value.str;
-}
-
 IdentRecord* record_of(RbNode* entry) {
     return reinterpret_cast<IdentRecord*>(map_node_value(entry));
 }
@@ -117,7 +109,7 @@ void drop_entry(RbNode* entry) {
 }
 
 void adjust_uses(uint32_t ident, int32_t delta) {
-    const zok_string* text = ident_text(ident);
+    const zok_string* text = fwident_text(ident);
     if (text == nullptr)
         return;
     if (IdentRecord* record = find_record(text))
@@ -125,6 +117,14 @@ void adjust_uses(uint32_t ident, int32_t delta) {
 }
 
 } // namespace
+
+const zok_string* fwident_text(uint32_t ident) {
+    const zok_heap_record* rec = host_heap_var(ident);
+    if (rec == nullptr || rec->var.type != ZOK_T_STRING ||
+        (rec->var.flags & ZOK_VF_NOT_SIMPLE) != 0)
+        return nullptr;
+    return &rec->var.value.str;
+}
 
 uint32_t fwident_acquire_name(const zok_string* name) {
     IdentRecord* record = find_record(name);
@@ -143,7 +143,7 @@ void fwident_release(uint32_t ident) {
 }
 
 uint32_t fwident_rollover(uint32_t ident) {
-    const zok_string* text = ident_text(ident);
+    const zok_string* text = fwident_text(ident);
     if (text == nullptr)
         return 0;
     const zok_string name = *text; // the stale variable stays alive until a collection
@@ -176,8 +176,8 @@ void fwident_collect(bool all) {
 }
 
 int fwident_order(uint32_t a, uint32_t b) {
-    const zok_string* text_a = ident_text(a);
-    const zok_string* text_b = ident_text(b);
+    const zok_string* text_a = fwident_text(a);
+    const zok_string* text_b = fwident_text(b);
     if (text_a == nullptr || text_b == nullptr) {
         raise_module_message(MSG_FWMSG_IDCORRUPT);
         return 0;

@@ -13,6 +13,9 @@
 
 namespace flux {
 
+// The text of an identifier: its heap variable's string, or null when it has
+// no heap variable or the variable holds no single string.
+const zok_string* fwident_text(uint32_t ident);
 // Finds or makes the identifier of `name` and counts one use of it.
 uint32_t fwident_acquire_name(const zok_string* name);
 // Count one more / one fewer use of the identifier's text; an identifier whose

@@ -1,0 +1,52 @@
+// ZOKFWBEHAVIOR: the receiving end of a message.  A behaviour names its
+// message by an identifier (MESSIDENT, one counted use) and, once registered,
+// is filed under it in the nearest handler up its own chain that scopes it;
+// every send that reaches that scope calls its EXECUTE, which subclasses
+// override.
+#pragma once
+
+#include "fw/fw_hashndlr.hpp"
+
+namespace flux {
+
+#define ZOKFWBEHAVIOR_FIELDS                                                                       \
+    ZOKFWHASAHANDLER_FIELDS                                                                        \
+    int32_t behavior_version;                                                                      \
+    uint8_t is_registered; /* set by REGISTER, cleared by UNREGISTER only */                       \
+    uint32_t messident;
+
+struct BehaviorFields {
+    ZOKFWBEHAVIOR_FIELDS
+};
+
+inline constexpr ClassRef BEHAVIOR_CLASS{struct_behavior, "ZOKFWBEHAVIOR", "ZOKfwBehavior"};
+
+// Base initialisation with the shared front of a keyword record (null: no
+// keywords).  Returns 1, or 0 when the handler part fails.
+int32_t behavior_initialise(Self self, const KeywordFront* keywords);
+void behavior_cleanup(Self self);
+void behavior_restore(Self self);
+
+// REGISTER and UNREGISTER: file self with, or take it from, its effective
+// handler's chain; each does nothing when already in that state.
+void behavior_register(Self self);
+void behavior_unregister(Self self);
+// A registered behaviour is taken out and filed again, so that it lands in
+// whatever scope is now the nearest for its message; others stay as they are.
+void behavior_reregister(uint32_t behavior);
+
+// SETMESSAGESTRING: the registration is deliberately left where it is.
+void behavior_set_message(Self self, const zok_var* text);
+
+// Calls the behaviour's EXECUTE (its most derived class's) with the argument,
+// or with none.
+void execute_behavior(uint32_t behavior, zok_var* argument);
+
+// The order of behaviour sets: by the wrapping difference of the identifiers.
+int behavior_order(uint32_t a, uint32_t b);
+
+extern const RoutineList behavior_routines;
+
+void behavior_forget();
+
+} // namespace flux

@@ -1,0 +1,649 @@
+// ZOKFWMESSAGEHANDLER: filing, sending, scoping and the default handler.
+//
+// Re-entry: a behaviour's EXECUTE may send, register, unregister, scope,
+// unscope and destroy objects while a delivery runs, so every walk over a
+// behaviour set that calls out goes over a snapshot ("ZOkfwBehaviorList"),
+// and no handler's data address is kept across a call that may free a
+// handler (only the default handler is freed here, when its last scope goes).
+#include "fw/fw_messhndlr.hpp"
+
+#include <cstdio>
+#include <map>
+#include <set>
+
+#include "fw/fw_behavior.hpp"
+#include "fw/fw_ident.hpp"
+#include "fw/fw_message.hpp"
+#include "maps/maph.hpp"
+
+namespace flux {
+namespace {
+
+uint32_t the_default = 0;
+
+MessageHandlerFields& fields_of(Self self) {
+    return self.fields<MessageHandlerFields>();
+}
+
+Self handler_self(uint32_t handler) {
+    return resolve_instance(handler, MESSAGEHANDLER_CLASS, "handler");
+}
+
+// The behaviour set filed under `ident` in this handler's own table, or 0.
+uint32_t scope_in(Self self, uint32_t ident) {
+    const uint32_t table = fields_of(self).behaviors;
+    if (table == 0)
+        return 0;
+    return maph_node_value(maph_find(table, ident, fwident_order));
+}
+
+// Climbs a handler chain, refusing one that loops (MYHANDLER can be pointed at
+// a handler below): each handler reached is compared with a mark that moves
+// to the current handler after 1, 2, 4, ... steps, so a loop is met again
+// within twice its length.
+class ChainClimb {
+public:
+    void visit(uint32_t handler) {
+        if (handler == mark_)
+            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
+                         "ZOKfwMessageHandler: the handler chain loops at handler %u", handler);
+        if (++steps_ == span_) {
+            mark_ = handler;
+            span_ *= 2;
+            steps_ = 0;
+        }
+    }
+
+private:
+    uint32_t mark_ = 0;
+    uint32_t span_ = 1;
+    uint32_t steps_ = 0;
+};
+
+// A snapshot of a behaviour set: its identifiers in set order, in a block
+// that is given back when the snapshot goes (with `free_label` when given).
+class BehaviorList {
+public:
+    explicit BehaviorList(uint32_t set, const char* free_label = nullptr)
+        : free_label_(free_label) {
+        count_ = maph_count(set);
+        if (count_ == 0)
+            return;
+        ids_ =
+            static_cast<uint32_t*>(host_mem_alloc(count_ * sizeof(uint32_t), "ZOkfwBehaviorList"));
+        if (ids_ == nullptr)
+            raise_no_memory("ZOKfwMessageHandler");
+        size_t i = 0;
+        for (uint32_t e = maph_first(set); e != set; e = maph_next(e))
+            ids_[i++] = maph_node_key(e);
+    }
+    BehaviorList(const BehaviorList&) = delete;
+    BehaviorList& operator=(const BehaviorList&) = delete;
+    ~BehaviorList() {
+        if (ids_ == nullptr)
+            return;
+        if (free_label_ != nullptr)
+            host_mem_free_tagged(ids_, free_label_);
+        else
+            host_mem_free(ids_);
+    }
+    const uint32_t* begin() const { return ids_; }
+    const uint32_t* end() const { return ids_ + count_; }
+    size_t size() const { return count_; }
+
+private:
+    uint32_t* ids_ = nullptr;
+    size_t count_ = 0;
+    const char* free_label_;
+};
+
+// The argument as every receiver of one delivery sees it.  A temporary given
+// to two or more behaviours is moved into a plain variable first, so that no
+// call can use it up before the next; the caller's temporary is left empty.
+class SharedArgument {
+public:
+    SharedArgument(zok_var* argument, size_t receivers) : passed_(argument) {
+        if (argument == nullptr || receivers < 2 || (argument->flags & ZOK_VF_TEMPORARY) == 0)
+            return;
+        moved_ = *argument;
+        moved_.flags &= static_cast<uint8_t>(~ZOK_VF_TEMPORARY);
+        *argument = zok_var{};
+        argument->flags = ZOK_VF_TEMPORARY;
+        passed_ = &moved_;
+    }
+    SharedArgument(const SharedArgument&) = delete;
+    SharedArgument& operator=(const SharedArgument&) = delete;
+    ~SharedArgument() {
+        if (passed_ == &moved_)
+            host_var_free_value(&moved_);
+    }
+    zok_var* get() const { return passed_; }
+
+private:
+    zok_var* passed_;
+    zok_var moved_{};
+};
+
+uint32_t message_ident_of_behavior(uint32_t behavior) {
+    return resolve_instance(behavior, BEHAVIOR_CLASS, "1").fields<BehaviorFields>().messident;
+}
+
+// Puts a behaviour into a set unless it is there already.
+void file_behavior(uint32_t set, uint32_t behavior) {
+    if (maph_find(set, behavior, behavior_order) == 0 &&
+        maph_insert_gkey(set, behavior, 0, behavior_order) == 0)
+        raise_no_memory("ZOKfwMessageHandler");
+}
+
+} // namespace
+
+uint32_t default_handler() {
+    return the_default;
+}
+
+uint32_t ensure_default_handler() {
+    if (the_default != 0)
+        return the_default;
+    TempGuard cls(host_find_class(MESSAGEHANDLER_CLASS.name));
+    zok_var* args[] = {cls.get()};
+    TempGuard object(host_object_new(1, args, nullptr));
+    const uint32_t handler = object->value.heap_id;
+    hold_heap_var(handler);
+    the_default = handler;
+    return handler;
+}
+
+uint32_t find_scope(uint32_t handler, uint32_t ident) {
+    return scope_in(handler_self(handler), ident);
+}
+
+void send_message(uint32_t handler, uint32_t ident, zok_var* argument) {
+    ChainClimb climb;
+    for (uint32_t h = handler; h != 0;) {
+        climb.visit(h);
+        const Self self = handler_self(h);
+        if (const uint32_t set = scope_in(self, ident)) {
+            deliver(set, argument);
+            return;
+        }
+        h = effective_handler(self);
+    }
+}
+
+void deliver(uint32_t set, zok_var* argument) {
+    const BehaviorList receivers(set);
+    const SharedArgument shared(argument, receivers.size());
+    for (const uint32_t behavior : receivers)
+        execute_behavior(behavior, shared.get());
+}
+
+void add_behavior(uint32_t handler, uint32_t behavior) {
+    const uint32_t ident = message_ident_of_behavior(behavior);
+    ChainClimb climb;
+    uint32_t h = handler;
+    for (;;) {
+        climb.visit(h);
+        const Self self = handler_self(h);
+        if (const uint32_t set = scope_in(self, ident)) {
+            file_behavior(set, behavior);
+            return;
+        }
+        const uint32_t up = effective_handler(self);
+        if (up == 0)
+            break;
+        h = up;
+    }
+    // Nobody scopes the message: the root does from now on.
+    scope_message(h, ident);
+    const uint32_t set = find_scope(h, ident);
+    if (set == 0)
+        host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
+                     "ZOKfwMessageHandler: handler %u has been cleaned up", h);
+    file_behavior(set, behavior);
+}
+
+void remove_behavior(uint32_t handler, uint32_t behavior) {
+    const uint32_t ident = message_ident_of_behavior(behavior);
+    ChainClimb climb;
+    for (uint32_t h = handler; h != 0;) {
+        climb.visit(h);
+        const Self self = handler_self(h);
+        if (const uint32_t set = scope_in(self, ident)) {
+            if (const uint32_t entry = maph_find(set, behavior, behavior_order)) {
+                maph_remove_node(entry);
+                if (h == the_default && maph_is_empty(set))
+                    unscope_message(h, ident);
+                return;
+            }
+        }
+        h = effective_handler(self);
+    }
+}
+
+void scope_message(uint32_t handler, uint32_t ident) {
+    const Self self = handler_self(handler);
+    const uint32_t table = fields_of(self).behaviors;
+    if (table == 0 || scope_in(self, ident) != 0)
+        return;
+    // The table keeps the registry's own identifier of the text, with a use of its own.
+    const zok_string* text = fwident_text(ident);
+    if (text == nullptr)
+        raise_module_message(MSG_FWMSG_IDCORRUPT);
+    const uint32_t key = fwident_acquire_name(text);
+    Undo release_key([key] { fwident_release(key); });
+    const uint32_t set = maph_new();
+    if (set == 0)
+        raise_no_memory("ZOKfwMessageHandler");
+    Undo free_set([set] { maph_free(set); });
+    if (maph_insert_gkey(table, key, set, fwident_order) == 0)
+        raise_no_memory("ZOKfwMessageHandler");
+    free_set.commit();
+    release_key.commit();
+
+    // Pull down the registered behaviours of the nearest enclosing scope.
+    ChainClimb climb;
+    for (uint32_t h = effective_handler(self); h != 0;) {
+        climb.visit(h);
+        const Self above = handler_self(h);
+        if (const uint32_t enclosing = scope_in(above, key)) {
+            for (const uint32_t behavior : BehaviorList(enclosing))
+                behavior_reregister(behavior);
+            return;
+        }
+        h = effective_handler(above);
+    }
+}
+
+void unscope_message(uint32_t handler, uint32_t ident) {
+    const uint32_t table = fields_of(handler_self(handler)).behaviors;
+    if (table == 0)
+        return;
+    if (const uint32_t entry = maph_find(table, ident, fwident_order)) {
+        // Out of the table first, so that nothing below can find it.
+        const uint32_t set = maph_node_value(entry);
+        const uint32_t key = maph_node_key(entry);
+        maph_remove_node(entry);
+        const Undo drop_scope([set, key] {
+            maph_free(set);
+            fwident_release(key);
+        });
+        if (set != 0)
+            for (const uint32_t behavior : BehaviorList(set, "messagehandler_unscopeMessage"))
+                behavior_reregister(behavior);
+    }
+    // Re-registration may have filed behaviours here again, or freed this very
+    // handler if it was the default one.
+    if (handler != the_default)
+        return;
+    const uint32_t remaining = fields_of(handler_self(handler)).behaviors;
+    if (!maph_is_empty(remaining))
+        return;
+    host_heap_free(handler, 0, 0);
+    maph_free(remaining);
+    the_default = 0;
+}
+
+namespace {
+
+std::string text_or_missing(uint32_t ident) {
+    const zok_string* text = fwident_text(ident);
+    return text != nullptr ? std::string(text->text, text->length) : "(no text)";
+}
+
+// The data of a live message handler, or null.
+MessageHandlerFields* live_handler(uint32_t handler) {
+    zok_heap_record* rec = host_heap_var(handler);
+    if (rec == nullptr || !is_instance_of(rec, MESSAGEHANDLER_CLASS))
+        return nullptr;
+    return static_cast<MessageHandlerFields*>(
+        host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0));
+}
+
+std::string check_behavior_set(uint32_t set, const std::string& where) {
+    if (set == 0 || host_heap_var(set) == nullptr)
+        return where + " has no behaviour set";
+    if (std::string fault = map_rbh_check(set, behavior_order); !fault.empty())
+        return where + ": " + fault;
+    uint32_t previous = 0;
+    for (uint32_t e = maph_first(set); e != set; e = maph_next(e)) {
+        const uint32_t behavior = maph_node_key(e);
+        const std::string named = where + " files behaviour " + std::to_string(behavior);
+        const zok_heap_record* rec = host_heap_var(behavior);
+        if (rec == nullptr || !is_instance_of(rec, BEHAVIOR_CLASS))
+            return named + ", which is no live behaviour";
+        if (maph_node_value(e) != 0)
+            return named + " with a value";
+        if (previous != 0 && behavior_order(previous, behavior) >= 0)
+            return named + " twice or out of order";
+        previous = behavior;
+    }
+    return "";
+}
+
+// A text as a Graphviz string: quotes and backslashes escaped, control bytes shown.
+std::string dot_quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        if (static_cast<unsigned char>(c) < 0x20) {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\\\x%02x", static_cast<unsigned char>(c));
+            out += hex;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+} // namespace
+
+std::string messagehandler_check(uint32_t handler) {
+    const std::string name = "handler " + std::to_string(handler);
+    const MessageHandlerFields* f = live_handler(handler);
+    if (f == nullptr)
+        return name + " is no live message handler";
+    const uint32_t table = f->behaviors;
+    if (table == 0)
+        return "";
+    if (host_heap_var(table) == nullptr)
+        return name + ": its scope table has gone";
+    if (std::string fault = map_rbh_check(table, nullptr); !fault.empty())
+        return name + ": scope table: " + fault;
+    std::map<uint32_t, int32_t> uses;
+    for (const FwIdentEntry& entry : fwident_entries())
+        uses[entry.ident] = entry.uses;
+    const zok_string* previous = nullptr;
+    for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
+        const uint32_t key = maph_node_key(e);
+        const zok_string* text = fwident_text(key);
+        if (text == nullptr)
+            return name + ": scope key " + std::to_string(key) + " has no text";
+        const std::string scope = name + ": scope \"" + text_or_missing(key) + "\"";
+        if (previous != nullptr && host_string_compare(previous, text) >= 0)
+            return scope + " is twice in the table or out of order";
+        const auto counted = uses.find(key);
+        if (counted == uses.end())
+            return scope + " is keyed by no live identifier of the registry";
+        if (counted->second < 1)
+            return scope + ": the registry counts no use for the table's key";
+        if (std::string fault = check_behavior_set(maph_node_value(e), scope); !fault.empty())
+            return fault;
+        previous = text;
+    }
+    return "";
+}
+
+std::string handler_chain_dot(std::span<const uint32_t> handlers) {
+    std::string out = "digraph handlers {\n  rankdir=BT;\n  node [fontname=\"Helvetica\"];\n";
+    char line[160];
+    std::set<uint32_t> drawn;
+    std::set<uint32_t> behaviors_drawn;
+    for (const uint32_t start : handlers) {
+        for (uint32_t h = start; h != 0 && drawn.insert(h).second;) {
+            const MessageHandlerFields* f = live_handler(h);
+            if (f == nullptr) {
+                std::snprintf(line, sizeof line,
+                              "  h%u [shape=box, style=dashed, label=\"%u: no handler\"];\n", h, h);
+                out += line;
+                break;
+            }
+            const bool is_default = h == the_default;
+            std::snprintf(line, sizeof line, "  h%u [shape=box, %slabel=\"handler %u%s\"];\n", h,
+                          is_default ? "peripheries=2, " : "", h, is_default ? "\\n(default)" : "");
+            out += line;
+            const uint32_t table = f->behaviors;
+            if (table != 0 && host_heap_var(table) != nullptr) {
+                for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
+                    const uint32_t key = maph_node_key(e);
+                    const uint32_t set = maph_node_value(e);
+                    std::snprintf(line, sizeof line, "  s%u_%u [shape=ellipse, label=", h, key);
+                    out += line + dot_quoted(text_or_missing(key)) + "];\n";
+                    std::snprintf(line, sizeof line, "  s%u_%u -> h%u [arrowhead=none];\n", h, key,
+                                  h);
+                    out += line;
+                    if (set == 0 || host_heap_var(set) == nullptr)
+                        continue;
+                    for (uint32_t b = maph_first(set); b != set; b = maph_next(b)) {
+                        const uint32_t behavior = maph_node_key(b);
+                        if (behaviors_drawn.insert(behavior).second) {
+                            std::snprintf(
+                                line, sizeof line,
+                                "  b%u [shape=box, style=rounded, label=\"behaviour %u\"];\n",
+                                behavior, behavior);
+                            out += line;
+                        }
+                        std::snprintf(line, sizeof line, "  b%u -> s%u_%u;\n", behavior, h, key);
+                        out += line;
+                    }
+                }
+            }
+            const uint32_t up = f->myhandler != 0 ? f->myhandler : (is_default ? 0 : the_default);
+            if (up != 0) {
+                std::snprintf(line, sizeof line, "  h%u -> h%u [style=bold];\n", h, up);
+                out += line;
+            }
+            h = up;
+        }
+    }
+    return out + "}\n";
+}
+
+void messagehandler_session_reset() {
+    the_default = 0;
+}
+
+void messagehandler_forget() {
+    the_default = 0;
+}
+
+namespace {
+
+int32_t messagehandler_initialise(Self self, const HandlerKeywords* keywords) {
+    if (hasahandler_initialise(self, keywords) == 0)
+        return 0;
+    MessageHandlerFields& f = fields_of(self);
+    f.messagehandler_version = 1;
+    f.behaviors = maph_new();
+    if (f.behaviors == 0)
+        raise_no_memory("ZOKfwMessageHandler::Init");
+    return 1;
+}
+
+void messagehandler_cleanup(Self self) {
+    if (self.heap_id == the_default)
+        the_default = 0;
+    hasahandler_cleanup(self);
+    MessageHandlerFields& f = fields_of(self);
+    const uint32_t table = f.behaviors;
+    if (table == 0)
+        return;
+    // Behaviours are not moved anywhere: they are only told they are filed nowhere.
+    for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
+        fwident_release(maph_node_key(e));
+        const uint32_t set = maph_node_value(e);
+        if (set == 0 || host_heap_var(set) == nullptr)
+            continue;
+        for (const uint32_t behavior : BehaviorList(set)) {
+            const zok_heap_record* rec = host_heap_var(behavior);
+            if (rec != nullptr && is_instance_of(rec, BEHAVIOR_CLASS))
+                resolve_instance(behavior, BEHAVIOR_CLASS, "1")
+                    .fields<BehaviorFields>()
+                    .is_registered = 0;
+        }
+        maph_free(set);
+    }
+    maph_free(table);
+    f.behaviors = 0;
+}
+
+void messagehandler_restore(Self self) {
+    hasahandler_restore(self);
+    MessageHandlerFields& f = fields_of(self);
+    if (f.messagehandler_version < 1) {
+        f.messagehandler_version = 1;
+        f.behaviors = maph_new();
+        if (f.behaviors == 0)
+            raise_no_memory("ZOKfwMessageHandler::Restore");
+    }
+    // A translation keeps the text, so the table stays in order as it is.
+    const uint32_t table = f.behaviors;
+    if (table == 0)
+        return;
+    for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
+        const uint32_t live = fwident_rollover(maph_node_key(e));
+        map_rbh_node(e)->key = live;
+    }
+}
+
+// The message argument of the handler's routines, as an identifier: a text
+// (whose use is counted while the routine runs), an identifier, or a message
+// object's identifier.
+class MessageArgument {
+public:
+    explicit MessageArgument(const zok_var* v) {
+        const bool scalar = (v->flags & ZOK_VF_NOT_SIMPLE) == 0;
+        if (scalar && v->type == ZOK_T_STRING) {
+            ident_ = fwident_acquire_name(&v->value.str);
+            counted_ = true;
+            return;
+        }
+        if (scalar && v->type == ZOK_T_POINTER)
+            ident_ = v->value.heap_id;
+        else if (scalar && v->type == ZOK_T_OBJECT)
+            ident_ = message_ident(v->value.heap_id, "message");
+        else
+            host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
+        if (fwident_text(ident_) == nullptr)
+            raise_module_message(MSG_FWMSG_IDCORRUPT);
+    }
+    MessageArgument(const MessageArgument&) = delete;
+    MessageArgument& operator=(const MessageArgument&) = delete;
+    ~MessageArgument() {
+        if (counted_)
+            fwident_release(ident_);
+    }
+    uint32_t ident() const { return ident_; }
+
+private:
+    uint32_t ident_ = 0;
+    bool counted_ = false;
+};
+
+Self messagehandler_self(zok_var** argv) {
+    return class_self(argv, MESSAGEHANDLER_CLASS);
+}
+
+zok_var* messagehandler_init(int32_t argc, zok_var** argv, zok_keywords* kw) {
+    return keyword_init<HandlerKeywords>(
+        argc, argv, kw, handler_keyword_table, MESSAGEHANDLER_CLASS,
+        [](Self self, const HandlerKeywords& k) { return messagehandler_initialise(self, &k); });
+}
+
+zok_var* messagehandler_behaviors(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    const MessageArgument message(argv[1]);
+    const uint32_t set = scope_in(self, message.ident());
+    const size_t count = set != 0 ? maph_count(set) : 0;
+    zok_var* result = nullptr;
+    if (count == 0) {
+        result = host_temp_var();
+        result->type = ZOK_T_OBJECT;
+        return result;
+    }
+    auto* ids = static_cast<uint32_t*>(
+        host_make_temp_vector(ZOK_T_OBJECT, static_cast<int32_t>(count), 1, &result));
+    for (uint32_t e = maph_first(set); e != set; e = maph_next(e))
+        *ids++ = maph_node_key(e);
+    return result;
+}
+
+zok_var* messagehandler_isscoped(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    const MessageArgument message(argv[1]);
+    const bool scoped = scope_in(self, message.ident()) != 0;
+    zok_var* result = host_temp_var();
+    result->type = ZOK_T_SHORT;
+    result->value.short_val = scoped ? 1 : 0;
+    return result;
+}
+
+zok_var* messagehandler_scopedmessages(int32_t, zok_var** argv, zok_keywords*) {
+    const uint32_t table = fields_of(messagehandler_self(argv)).behaviors;
+    const size_t count = table != 0 ? maph_count(table) : 0;
+    zok_var* result = nullptr;
+    auto* texts = static_cast<zok_string*>(
+        host_make_temp_vector(ZOK_T_STRING, static_cast<int32_t>(count), 1, &result));
+    TempGuard guard(result);
+    if (count == 0)
+        return guard.release();
+    for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
+        const zok_string* text = fwident_text(maph_node_key(e));
+        if (text == nullptr)
+            raise_module_message(MSG_FWMSG_IDCORRUPT);
+        // Copied before it is stored, so that an unwind never frees a borrowed text.
+        zok_string copy = *text;
+        host_string_duplicate(&copy, 1);
+        *texts++ = copy;
+    }
+    return guard.release();
+}
+
+void messagehandler_addbehavior(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    add_behavior(self.heap_id, object_argument(argv[1]));
+}
+
+void messagehandler_removebehavior(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    remove_behavior(self.heap_id, object_argument(argv[1]));
+}
+
+void messagehandler_cleanup_method(int32_t, zok_var** argv, zok_keywords*) {
+    messagehandler_cleanup(messagehandler_self(argv));
+}
+
+void messagehandler_restore_method(int32_t, zok_var** argv, zok_keywords*) {
+    messagehandler_restore(messagehandler_self(argv));
+}
+
+void messagehandler_scopemessage(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    const MessageArgument message(argv[1]);
+    scope_message(self.heap_id, message.ident());
+}
+
+void messagehandler_sendmessage(int32_t argc, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    const MessageArgument message(argv[1]);
+    send_message(self.heap_id, message.ident(), argc == 3 ? argv[2] : nullptr);
+}
+
+void messagehandler_unscopemessage(int32_t, zok_var** argv, zok_keywords*) {
+    const Self self = messagehandler_self(argv);
+    const MessageArgument message(argv[1]);
+    unscope_message(self.heap_id, message.ident());
+}
+
+constexpr zok_routine_entry functions[] = {
+    function_entry(messagehandler_behaviors, "ZOKFWMESSAGEHANDLER::BEHAVIORS", 2, 2),
+    function_entry(messagehandler_init, "ZOKFWMESSAGEHANDLER::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messagehandler_isscoped, "ZOKFWMESSAGEHANDLER::ISSCOPED", 2, 2),
+    function_entry(messagehandler_scopedmessages, "ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1),
+};
+constexpr zok_routine_entry procedures[] = {
+    procedure_entry(messagehandler_addbehavior, "ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3),
+    procedure_entry(messagehandler_cleanup_method, "ZOKFWMESSAGEHANDLER::CLEANUP", 1, 1),
+    procedure_entry(messagehandler_removebehavior, "ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3),
+    procedure_entry(messagehandler_restore_method, "ZOKFWMESSAGEHANDLER::RESTORE", 1, 1),
+    procedure_entry(messagehandler_scopemessage, "ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2),
+    procedure_entry(messagehandler_sendmessage, "ZOKFWMESSAGEHANDLER::SENDMESSAGE", 2, 3),
+    procedure_entry(messagehandler_unscopemessage, "ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2),
+};
+
+} // namespace
+
+const RoutineList messagehandler_routines{functions, procedures};
+
+} // namespace flux
