@@ -299,7 +299,8 @@ TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
         [&](zok::Call& call) -> zok::Value {
             zok_var* status = flux::keyword_init<flux::KeywordFront>(
                 call.argc(), call.argv(), call.keywords(), flux::message_keyword_table,
-                flux::ClassRef{flux::struct_saveable, "ZOKFWSAVEABLE", "ZOKfwSaveable"}, [&](flux::Self self, const flux::KeywordFront& kw) {
+                flux::ClassRef{flux::struct_saveable, "ZOKFWSAVEABLE", "ZOKfwSaveable"},
+                [&](flux::Self self, const flux::KeywordFront& kw) {
                     EXPECT_EQ(self.heap_id, call.self().id);
                     if (kw.messagestring_given)
                         seen.assign(kw.messagestring.text, kw.messagestring.length);

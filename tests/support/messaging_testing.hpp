@@ -1,0 +1,100 @@
+// Shared by the messaging suites: a host with the module loaded and PROBE, a
+// program subclass of ZOKFWBEHAVIOR whose EXECUTE records who ran (and runs an
+// optional action), plus readers of a handler's scopes.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "frame/module.hpp"
+#include "fw/fw_messhndlr.hpp"
+#include "host.hpp"
+#include "support/testing.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace msgtest {
+
+using zok::ObjectRef;
+using zok::Value;
+
+class Messaging : public ::testing::Test {
+protected:
+    Messaging() {
+        host.load_module(ZOK_Load, ZOK_ResetSession);
+        host.define_struct("PROBE", {}, "ZOKFWBEHAVIOR");
+        host.add_procedure("PROBE::EXECUTE", 1, 2, [this](zok::Call& call) {
+            const uint32_t self = call.self().id;
+            executed.push_back(self);
+            arguments.push_back(call.argc() == 2 ? call.arg(1) : Value());
+            if (const auto action = on_execute.find(self); action != on_execute.end())
+                action->second(call);
+            return Value();
+        });
+    }
+
+    ObjectRef handler(ObjectRef parent = {}) {
+        return host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", parent}});
+    }
+    ObjectRef probe(const std::string& text, ObjectRef parent = {}, bool reg = true) {
+        return host.new_object(
+            "PROBE", {}, {{"MESSAGESTRING", text}, {"HANDLER", parent}, {"REGISTER", reg ? 1 : 0}});
+    }
+    ObjectRef message(const std::string& text, ObjectRef parent = {}) {
+        return host.new_object("ZOKFWMESSAGE", {}, {{"MESSAGESTRING", text}, {"HANDLER", parent}});
+    }
+    // Who a send reached, in order.
+    std::vector<uint32_t> send(ObjectRef message, const zok::Args& args = {}) {
+        executed.clear();
+        host.call_method(message, "SEND", args);
+        return executed;
+    }
+    std::vector<uint32_t> send_from(ObjectRef handler, const std::string& text) {
+        executed.clear();
+        host.call_method(handler, "SENDMESSAGE", {text});
+        return executed;
+    }
+    std::vector<std::string> scoped(ObjectRef handler) {
+        std::vector<std::string> texts;
+        for (const Value& v : host.call_method(handler, "SCOPEDMESSAGES").elements())
+            texts.push_back(v.as_string());
+        return texts;
+    }
+    std::vector<uint32_t> filed(ObjectRef handler, const std::string& text) {
+        const Value v = host.call_method(handler, "BEHAVIORS", {text});
+        std::vector<uint32_t> ids;
+        if (!v.is_array()) {
+            EXPECT_FALSE(v.as_object()) << "a scalar BEHAVIORS result must be null";
+            return ids;
+        }
+        for (const Value& e : v.elements())
+            ids.push_back(e.as_object().id);
+        return ids;
+    }
+    ObjectRef default_handler() const { return ObjectRef{flux::default_handler()}; }
+
+    // The first broken invariant of the module and of every live handler.
+    std::string check_all() {
+        for (const flux::ModuleCheck check : flux::module_checks())
+            if (std::string fault = check(); !fault.empty())
+                return fault;
+        for (const uint32_t id : host.heap_ids(ZOK_HEAP_OBJECT))
+            for (const flux::ClassCheck& c : flux::class_checks())
+                if (host.isa(ObjectRef{id}, c.class_name))
+                    if (std::string fault = c.check(id); !fault.empty())
+                        return fault;
+        return "";
+    }
+
+    zok::Host host;
+    std::vector<uint32_t> executed;
+    std::vector<Value> arguments;
+    std::map<uint32_t, std::function<void(zok::Call&)>> on_execute;
+};
+
+} // namespace msgtest

@@ -1,0 +1,419 @@
+// The messaging classes against a small reference model of handlers, chains,
+// scopes and filed behaviours, over seeded random sequences of operations.
+// After every step: who each send reached and in which order, what every
+// handler scopes and files, each behaviour's registration and handler,
+// whether the default handler exists, the registry's use counts, and every
+// handler's scope-table check.
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fw/fw_ident.hpp"
+#include "support/messaging_testing.hpp"
+
+namespace {
+
+using msgtest::Messaging;
+using zok::ObjectRef;
+using zok::Value;
+
+const std::string kGeneric = "Generic Message";
+
+// What the module should do, step by step as its operations are defined.
+// Handlers are keyed by heap identifier; the default handler, whose
+// identifier the model cannot foresee, by a key of its own per incarnation.
+struct Model {
+    static constexpr uint32_t kDefaultBase = 0xF0000000;
+
+    struct Handler {
+        uint32_t my = 0;
+        std::map<std::string, std::set<uint32_t>> scopes;
+    };
+    struct Behavior {
+        uint32_t my = 0;
+        std::string text = kGeneric;
+        bool registered = false;
+    };
+    struct Message {
+        uint32_t my = 0;
+        std::string text = kGeneric;
+    };
+
+    std::map<uint32_t, Handler> handlers;
+    std::map<uint32_t, Behavior> behaviors;
+    std::map<uint32_t, Message> messages;
+    uint32_t default_key = 0;
+    uint32_t incarnations = 0;
+    std::vector<uint32_t> delivered;
+
+    uint32_t ensure_default() {
+        if (default_key == 0) {
+            default_key = kDefaultBase + ++incarnations;
+            handlers[default_key];
+        }
+        return default_key;
+    }
+    uint32_t effective(uint32_t my, uint32_t self) {
+        if (my != 0)
+            return my;
+        if (self == default_key)
+            return 0;
+        return ensure_default();
+    }
+    uint32_t up(uint32_t h) { return effective(handlers.at(h).my, h); }
+    uint32_t behavior_handler(uint32_t b) { return effective(behaviors.at(b).my, b); }
+    std::set<uint32_t>* scope(uint32_t h, const std::string& text) {
+        auto& scopes = handlers.at(h).scopes;
+        const auto it = scopes.find(text);
+        return it == scopes.end() ? nullptr : &it->second;
+    }
+
+    void add(uint32_t h, uint32_t b) {
+        const std::string text = behaviors.at(b).text;
+        for (;;) {
+            if (auto* set = scope(h, text)) {
+                set->insert(b);
+                return;
+            }
+            const uint32_t next = up(h);
+            if (next == 0)
+                break;
+            h = next;
+        }
+        scope_message(h, text);
+        scope(h, text)->insert(b);
+    }
+    void remove(uint32_t h, uint32_t b) {
+        const std::string text = behaviors.at(b).text;
+        for (; h != 0; h = up(h)) {
+            auto* set = scope(h, text);
+            if (set != nullptr && set->erase(b) != 0) {
+                if (h == default_key && set->empty())
+                    unscope_message(h, text);
+                return;
+            }
+        }
+    }
+    void reregister(uint32_t b) {
+        if (!behaviors.at(b).registered)
+            return;
+        remove(behavior_handler(b), b);
+        add(behavior_handler(b), b);
+    }
+    void do_register(uint32_t b) {
+        if (behaviors.at(b).registered)
+            return;
+        add(behavior_handler(b), b);
+        behaviors.at(b).registered = true;
+    }
+    void do_unregister(uint32_t b) {
+        if (!behaviors.at(b).registered)
+            return;
+        remove(behavior_handler(b), b);
+        behaviors.at(b).registered = false;
+    }
+    void scope_message(uint32_t h, const std::string& text) {
+        if (scope(h, text) != nullptr)
+            return;
+        handlers.at(h).scopes[text];
+        for (uint32_t above = up(h); above != 0; above = up(above)) {
+            if (auto* set = scope(above, text)) {
+                const std::set<uint32_t> snapshot = *set;
+                for (const uint32_t b : snapshot)
+                    reregister(b);
+                return;
+            }
+        }
+    }
+    void unscope_message(uint32_t h, const std::string& text) {
+        auto& scopes = handlers.at(h).scopes;
+        if (const auto it = scopes.find(text); it != scopes.end()) {
+            const std::set<uint32_t> snapshot = it->second;
+            scopes.erase(it);
+            for (const uint32_t b : snapshot)
+                reregister(b);
+        }
+        if (h == default_key && handlers.at(h).scopes.empty()) {
+            handlers.erase(h);
+            default_key = 0;
+        }
+    }
+    void send(uint32_t h, const std::string& text) {
+        delivered.clear();
+        for (; h != 0; h = up(h)) {
+            if (const auto* set = scope(h, text)) {
+                delivered.assign(set->begin(), set->end());
+                return;
+            }
+        }
+    }
+    void destroy_handler(uint32_t h) {
+        if (h == default_key)
+            default_key = 0;
+        for (const auto& [text, set] : handlers.at(h).scopes)
+            for (const uint32_t b : set)
+                behaviors.at(b).registered = false;
+        handlers.erase(h);
+    }
+    void destroy_behavior(uint32_t b) {
+        do_unregister(b);
+        behaviors.erase(b);
+    }
+    // Whether destroying the behaviour would leave it filed somewhere.
+    bool would_stay_filed(uint32_t b) const {
+        Model after = *this;
+        after.destroy_behavior(b);
+        for (const auto& [h, handler] : after.handlers)
+            for (const auto& [text, set] : handler.scopes)
+                if (set.count(b) != 0)
+                    return true;
+        return false;
+    }
+    bool named_as_handler(uint32_t h) const {
+        auto names = [h](const auto& objects) {
+            return std::any_of(objects.begin(), objects.end(),
+                               [h](const auto& o) { return o.second.my == h; });
+        };
+        return names(handlers) || names(behaviors) || names(messages);
+    }
+    // Whether `h` lies on the chain of explicit handlers above `from`.
+    bool above(uint32_t h, uint32_t from) const {
+        for (uint32_t x = from; x != 0; x = handlers.at(x).my)
+            if (x == h)
+                return true;
+        return false;
+    }
+};
+
+class MessagingModel : public Messaging {
+protected:
+    uint32_t real(uint32_t key) const {
+        return key >= Model::kDefaultBase ? default_handler().id : key;
+    }
+
+    template <class Map>
+    uint32_t pick(const Map& objects) {
+        if (objects.empty())
+            return 0;
+        auto it = objects.begin();
+        std::advance(it, rng() % objects.size());
+        return it->first;
+    }
+    const std::string& text() {
+        static const std::string texts[] = {"alpha", "beta", "gamma", kGeneric};
+        return texts[rng() % 4];
+    }
+    uint32_t program_handler_or_none() {
+        std::vector<uint32_t> program;
+        for (const auto& [h, handler] : model.handlers)
+            if (h < Model::kDefaultBase)
+                program.push_back(h);
+        if (program.empty() || rng() % 3 == 0)
+            return 0;
+        return program[rng() % program.size()];
+    }
+
+    void step();
+    void compare();
+
+    std::mt19937 rng;
+    Model model;
+};
+
+void MessagingModel::step() {
+    const uint32_t h = pick(model.handlers);
+    const uint32_t b = pick(model.behaviors);
+    const uint32_t m = pick(model.messages);
+    switch (rng() % 16) {
+    case 0: {
+        const uint32_t parent = program_handler_or_none();
+        const uint32_t id = handler(ObjectRef{parent}).id;
+        model.handlers[id].my = parent;
+        break;
+    }
+    case 1: {
+        const uint32_t parent = program_handler_or_none();
+        const std::string t = text();
+        const int scope = rng() % 4 == 0;
+        const int reg = rng() % 4 != 0;
+        const uint32_t id = host.new_object("PROBE", {},
+                                            {{"HANDLER", ObjectRef{parent}},
+                                             {"MESSAGESTRING", t},
+                                             {"SCOPE", scope},
+                                             {"REGISTER", reg}})
+                                .id;
+        model.behaviors[id] = {parent, t, false};
+        if (scope)
+            model.scope_message(model.behavior_handler(id), t);
+        if (reg)
+            model.do_register(id);
+        break;
+    }
+    case 2: {
+        const uint32_t parent = program_handler_or_none();
+        const std::string t = text();
+        const int scope = rng() % 3 == 0;
+        const uint32_t id =
+            host.new_object(
+                    "ZOKFWMESSAGE", {},
+                    {{"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}})
+                .id;
+        model.messages[id] = {parent, t};
+        if (scope)
+            model.scope_message(model.effective(parent, id), t);
+        break;
+    }
+    case 3:
+    case 4:
+        if (b != 0) {
+            const bool reg = rng() % 2 == 0;
+            host.call_method(ObjectRef{b}, reg ? "REGISTER" : "UNREGISTER");
+            reg ? model.do_register(b) : model.do_unregister(b);
+        }
+        break;
+    case 5:
+        if (h != 0) {
+            const std::string t = text();
+            const bool on = rng() % 2 == 0;
+            host.call_method(ObjectRef{real(h)}, on ? "SCOPEMESSAGE" : "UNSCOPEMESSAGE", {t});
+            on ? model.scope_message(h, t) : model.unscope_message(h, t);
+        }
+        break;
+    case 6:
+        if (h != 0 && b != 0) {
+            const bool add = rng() % 2 == 0;
+            host.call_method(ObjectRef{real(h)}, add ? "ADDBEHAVIOR" : "REMOVEBEHAVIOR",
+                             {ObjectRef{b}});
+            add ? model.add(h, b) : model.remove(h, b);
+        }
+        break;
+    case 7:
+        if (b != 0) {
+            const std::string t = text();
+            host.call_method(ObjectRef{b}, "SETMESSAGESTRING", {t});
+            model.behaviors.at(b).text = t;
+        }
+        if (m != 0) {
+            const std::string t = text();
+            host.call_method(ObjectRef{m}, "SETMESSAGESTRING", {t});
+            model.messages.at(m).text = t;
+        }
+        break;
+    case 8:
+    case 9:
+        if (m != 0) {
+            EXPECT_EQ(send(ObjectRef{m}), (model.send(model.effective(model.messages.at(m).my, m),
+                                                      model.messages.at(m).text),
+                                           model.delivered));
+        }
+        break;
+    case 10:
+        if (h != 0) {
+            const std::string t = text();
+            EXPECT_EQ(send_from(ObjectRef{real(h)}, t), (model.send(h, t), model.delivered));
+        }
+        break;
+    case 11: { // set a handler, never closing a loop
+        const uint32_t parent = program_handler_or_none();
+        if (b != 0 && rng() % 2 == 0) {
+            host.call_method(ObjectRef{b}, "SETHANDLER", {ObjectRef{parent}});
+            model.behaviors.at(b).my = parent;
+        } else if (h != 0 && h < Model::kDefaultBase && !model.above(h, parent)) {
+            host.call_method(ObjectRef{h}, "SETHANDLER", {ObjectRef{parent}});
+            model.handlers.at(h).my = parent;
+        }
+        break;
+    }
+    case 12: { // HANDLER may make the default handler
+        const bool of_behavior = b != 0 && rng() % 2 == 0;
+        const uint32_t obj = of_behavior ? b : m;
+        if (obj == 0)
+            break;
+        const uint32_t got = host.call_method(ObjectRef{obj}, "HANDLER").as_object().id;
+        const uint32_t want = of_behavior ? model.behavior_handler(obj)
+                                          : model.effective(model.messages.at(obj).my, obj);
+        EXPECT_EQ(got, real(want));
+        break;
+    }
+    case 13:
+        if (h != 0 && h < Model::kDefaultBase && !model.named_as_handler(h)) {
+            host.destroy(ObjectRef{h});
+            model.destroy_handler(h);
+        }
+        break;
+    case 14:
+        if (b != 0 && !model.would_stay_filed(b)) {
+            host.destroy(ObjectRef{b});
+            model.destroy_behavior(b);
+        } else if (m != 0) {
+            host.destroy(ObjectRef{m});
+            model.messages.erase(m);
+        }
+        break;
+    default:
+        if (rng() % 40 == 0) {
+            host.reset_session();
+            model = Model{};
+        }
+        break;
+    }
+}
+
+void MessagingModel::compare() {
+    ASSERT_EQ(flux::default_handler() != 0, model.default_key != 0);
+    if (model.default_key != 0) {
+        ASSERT_TRUE(host.heap_alive(flux::default_handler()));
+    }
+    std::map<std::string, int32_t> uses;
+    for (const auto& [key, handler] : model.handlers) {
+        const ObjectRef h{real(key)};
+        std::vector<std::string> texts;
+        for (const auto& [text, set] : handler.scopes) {
+            texts.push_back(text);
+            uses[text] += 1;
+            EXPECT_EQ(filed(h, text), std::vector<uint32_t>(set.begin(), set.end()))
+                << "handler " << h.id << " scope " << text;
+        }
+        EXPECT_EQ(scoped(h), texts) << "handler " << h.id;
+        EXPECT_EQ(host.get_tag(h, "MYHANDLER").as_object().id, handler.my);
+    }
+    for (const auto& [id, behavior] : model.behaviors) {
+        uses[behavior.text] += 1;
+        EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered)
+            << "behaviour " << id;
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "MYHANDLER").as_object().id, behavior.my);
+    }
+    for (const auto& [id, message] : model.messages)
+        uses[message.text] += 1;
+    // Every use the registry counts is held by a live object or a scope key.
+    for (const flux::FwIdentEntry& entry : flux::fwident_entries())
+        EXPECT_EQ(entry.uses, uses.count(entry.name) ? uses[entry.name] : 0) << entry.name;
+    ASSERT_EQ(check_all(), "");
+}
+
+TEST_F(MessagingModel, AgreesWithTheModel) {
+    const uint32_t seed = test_seed();
+    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
+    rng.seed(seed);
+#if defined(__SANITIZE_ADDRESS__)
+    constexpr int kSteps = 800;
+#else
+    constexpr int kSteps = 4000;
+#endif
+    size_t deliveries = 0;
+    for (int i = 0; i < kSteps; ++i) {
+        SCOPED_TRACE("step " + std::to_string(i));
+        step();
+        deliveries += executed.size();
+        executed.clear();
+        compare();
+        if (HasFatalFailure() || HasNonfatalFailure())
+            return;
+    }
+    EXPECT_GT(deliveries, static_cast<size_t>(kSteps) / 20) << "the sequence delivered too little";
+}
+
+} // namespace
