@@ -185,8 +185,11 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
     } keywords_guard{results};
     const Self self = class_self(plain.data(), cls);
     hold_heap_var(self.heap_id);
-    const int32_t status = init(self, results);
-    return host_temp_long(status);
+    // The result exists before the object takes anything: when INIT raises,
+    // the host frees the object without its CLEANUP.
+    TempGuard status(host_temp_long(0));
+    status->value.long_val = init(self, results);
+    return status.release();
 }
 
 } // namespace flux

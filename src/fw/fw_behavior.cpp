@@ -84,8 +84,14 @@ void behavior_reregister(uint32_t behavior) {
     const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
     if (fields_of(self).is_registered == 0)
         return;
-    remove_behavior(effective_handler(self), behavior);
-    add_behavior(effective_handler(self), behavior);
+    try {
+        remove_behavior(effective_handler(self), behavior);
+        add_behavior(effective_handler(self), behavior);
+    } catch (...) {
+        // Memory ran out part way: registered only if it is still filed somewhere.
+        fields_of(self).is_registered = chain_files(behavior) ? 1 : 0;
+        throw;
+    }
 }
 
 void behavior_set_message(Self self, const zok_var* text) {

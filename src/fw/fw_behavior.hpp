@@ -33,6 +33,7 @@ void behavior_register(Self self);
 void behavior_unregister(Self self);
 // A registered behaviour is taken out and filed again, so that it lands in
 // whatever scope is now the nearest for its message; others stay as they are.
+// One that cannot be filed again is left unregistered.
 void behavior_reregister(uint32_t behavior);
 
 // SETMESSAGESTRING: the registration is deliberately left where it is.

@@ -60,13 +60,13 @@ private:
     uint32_t steps_ = 0;
 };
 
-// A snapshot of a behaviour set: its identifiers in set order, in a block
-// that is given back when the snapshot goes (with `free_label` when given).
+// A snapshot of a behaviour set (0: none): its identifiers in set order, in a
+// block that is given back when the snapshot goes (with `free_label` when given).
 class BehaviorList {
 public:
     explicit BehaviorList(uint32_t set, const char* free_label = nullptr)
         : free_label_(free_label) {
-        count_ = maph_count(set);
+        count_ = set != 0 ? maph_count(set) : 0;
         if (count_ == 0)
             return;
         ids_ =
@@ -220,6 +220,22 @@ void remove_behavior(uint32_t handler, uint32_t behavior) {
     }
 }
 
+bool chain_files(uint32_t behavior) {
+    const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
+    const BehaviorFields& f = self.fields<BehaviorFields>();
+    ChainClimb climb;
+    for (uint32_t h = f.myhandler != 0 ? f.myhandler : the_default; h != 0;) {
+        climb.visit(h);
+        const Self at = handler_self(h);
+        const uint32_t set = scope_in(at, f.messident);
+        if (set != 0 && maph_find(set, behavior, behavior_order) != 0)
+            return true;
+        const uint32_t mine = fields_of(at).myhandler;
+        h = mine != 0 ? mine : (h == the_default ? 0 : the_default);
+    }
+    return false;
+}
+
 void scope_message(uint32_t handler, uint32_t ident) {
     const Self self = handler_self(handler);
     const uint32_t table = fields_of(self).behaviors;
@@ -259,17 +275,19 @@ void unscope_message(uint32_t handler, uint32_t ident) {
     if (table == 0)
         return;
     if (const uint32_t entry = maph_find(table, ident, fwident_order)) {
-        // Out of the table first, so that nothing below can find it.
         const uint32_t set = maph_node_value(entry);
         const uint32_t key = maph_node_key(entry);
+        // The snapshot is the one step that may fail for want of memory: taken
+        // first, it leaves the scope as it was when it does.
+        const BehaviorList moving(set, "messagehandler_unscopeMessage");
+        // Out of the table before anything moves, so that nothing below can find it.
         maph_remove_node(entry);
         const Undo drop_scope([set, key] {
             maph_free(set);
             fwident_release(key);
         });
-        if (set != 0)
-            for (const uint32_t behavior : BehaviorList(set, "messagehandler_unscopeMessage"))
-                behavior_reregister(behavior);
+        for (const uint32_t behavior : moving)
+            behavior_reregister(behavior);
     }
     // Re-registration may have filed behaviours here again, or freed this very
     // handler if it was the default one.

@@ -49,6 +49,10 @@ void add_behavior(uint32_t handler, uint32_t behavior);
 // default handler drops a scope that this leaves empty.
 void remove_behavior(uint32_t handler, uint32_t behavior);
 
+// Whether a scope up the behaviour's own chain files it under its message;
+// makes nothing (a chain that reaches no default handler ends there).
+bool chain_files(uint32_t behavior);
+
 // Makes `handler` scope `ident` and pulls down the registered behaviours of
 // the nearest enclosing scope whose chains pass through it.
 void scope_message(uint32_t handler, uint32_t ident);

@@ -1,0 +1,331 @@
+// The messaging classes in scenarios the model test does not reach: re-entry
+// during delivery, the shared temporary argument, the default handler's life,
+// every refusal with its code and text (state unchanged), balance after a
+// whole scenario, allocation failures, and the diagnostics.
+#include <algorithm>
+
+#include "fw/fw_ident.hpp"
+#include "fw/fw_messhndlr.hpp"
+#include "support/messaging_testing.hpp"
+
+namespace {
+
+using msgtest::Messaging;
+using zok::ObjectRef;
+using zok::Value;
+
+// Everything a program can observe of the host, for "a refusal changes nothing".
+struct Observable {
+    std::vector<std::pair<uint32_t, uint32_t>> heap; // identifier, flags
+    std::vector<std::string> values;
+    size_t texts = 0;
+    size_t temps = 0;
+    std::map<std::string, zok::MemStats> memory;
+    std::vector<std::string> registry;
+
+    explicit Observable(zok::Host& host) {
+        for (const uint32_t id : host.heap_ids()) {
+            heap.emplace_back(id, host.heap_flags(id));
+            values.push_back(host.heap_value(id).to_string());
+        }
+        texts = host.live_texts();
+        temps = host.live_temps();
+        memory = host.memory_by_label();
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            registry.push_back(e.name + "=" + std::to_string(e.uses));
+    }
+    bool operator==(const Observable&) const = default;
+};
+
+size_t snapshot_blocks(zok::Host& host) {
+    return host.memory("ZOkfwBehaviorList").blocks;
+}
+
+TEST_F(Messaging, ExecuteMayChangeWhatItIsDeliveredFrom) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    const ObjectRef a = probe("tick", h);
+    const ObjectRef b = probe("tick", h);
+    const ObjectRef c = probe("tick", h);
+    const ObjectRef inner = probe("tock", h);
+    const ObjectRef tock = message("tock", h);
+    ObjectRef late;
+    on_execute[a.id] = [&](zok::Call&) {
+        host.call_method(c, "UNREGISTER"); // c still gets this send: it is in the snapshot
+        late = probe("tick", h);           // late does not
+        host.call_method(tock, "SEND");
+    };
+    EXPECT_EQ(send(message("tick", h)), (std::vector{a.id, inner.id, b.id, c.id}));
+    EXPECT_EQ(filed(h, "tick"), (std::vector{a.id, b.id, late.id}));
+    EXPECT_EQ(snapshot_blocks(host), 0u);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Messaging, ErrorsInsideADeliveryUnwindAndGiveEverythingBack) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    const ObjectRef a = probe("tick", h);
+    const ObjectRef b = probe("tick", h);
+    const ObjectRef c = probe("tick", h);
+    const ObjectRef tick = message("tick", h);
+    const size_t texts = host.live_texts();
+
+    // A behaviour destroyed by an earlier one is still in the snapshot; the
+    // host refuses to call a method on it.
+    on_execute[a.id] = [&](zok::Call&) { host.destroy(b); };
+    expect_error(ZOK_ERR_INVALID_OBJECT, [&] { send(tick, {std::string("payload")}); });
+    EXPECT_EQ(executed, std::vector{a.id});
+
+    // An EXECUTE that raises ends the send; the argument shared by several
+    // behaviours is freed on the way out.
+    on_execute[a.id] = [&](zok::Call&) {
+        host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "%s", "boom");
+    };
+    const zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { send(tick, {std::string("payload")}); });
+    EXPECT_EQ(e.text(), "boom");
+    EXPECT_EQ(executed, std::vector{a.id});
+    EXPECT_EQ(host.live_texts(), texts);
+    EXPECT_EQ(host.live_temps(), 0u);
+    EXPECT_EQ(snapshot_blocks(host), 0u);
+    EXPECT_EQ(filed(h, "tick"), (std::vector{a.id, c.id}));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Messaging, EveryReceiverSeesTheSameArgument) {
+    const ObjectRef h = handler();
+    const std::vector<uint32_t> all{probe("tick", h).id, probe("tick", h).id, probe("tick", h).id};
+    const ObjectRef tick = message("tick", h);
+    const size_t texts = host.live_texts();
+    for (const zok::Arg& arg : {zok::Arg(std::string("payload")), zok::Arg(zok::Ref{"named"})}) {
+        host.set_var("named", "payload");
+        arguments.clear();
+        EXPECT_EQ(send(tick, {arg}), all);
+        ASSERT_EQ(arguments.size(), 3u);
+        for (const Value& v : arguments)
+            EXPECT_EQ(v, Value("payload"));
+        EXPECT_EQ(host.get_var("named"), Value("payload")); // a named variable is not taken
+    }
+    // With no argument, EXECUTE is called with self alone.
+    arguments.clear();
+    send(tick);
+    for (const Value& v : arguments)
+        EXPECT_FALSE(v.defined());
+    host.erase_var("named");
+    EXPECT_EQ(host.live_texts(), texts);
+}
+
+TEST_F(Messaging, TheDefaultHandlerComesAndGoes) {
+    EXPECT_EQ(flux::default_handler(), 0u);
+    const ObjectRef m = message("ping");
+    const ObjectRef first = host.call_method(m, "HANDLER").as_object();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(host.call_method(message("other"), "HANDLER").as_object(), first);
+    EXPECT_NE(host.heap_flags(first.id) & ZOK_HEAP_HELD, 0u);
+    EXPECT_FALSE(host.call_method(first, "HANDLER").as_object()); // the root has none
+
+    // Filed at the root, and the root goes with its last scope.
+    const ObjectRef p = probe("ping");
+    EXPECT_EQ(filed(first, "ping"), std::vector{p.id});
+    EXPECT_EQ(send(m), std::vector{p.id});
+    host.call_method(p, "UNREGISTER");
+    EXPECT_FALSE(host.heap_alive(first.id));
+    EXPECT_EQ(flux::default_handler(), 0u);
+
+    // Made again, with a new identifier, when next needed; forgotten by its
+    // own CLEANUP and by a session reset.
+    const ObjectRef second = host.call_method(m, "HANDLER").as_object();
+    EXPECT_NE(second, first);
+    host.destroy(second);
+    EXPECT_EQ(flux::default_handler(), 0u);
+    host.call_method(m, "HANDLER");
+    host.reset_session();
+    EXPECT_EQ(flux::default_handler(), 0u);
+}
+
+TEST_F(Messaging, RefusalsCarryTheirCodeAndTextAndChangeNothing) {
+    const ObjectRef h = handler();
+    const ObjectRef b = probe("tick", h);
+    const ObjectRef m = message("tick", h);
+    const ObjectRef dead = handler();
+    host.destroy(dead);
+    const Value strings = Value(std::vector<std::string>{"a", "b"});
+    const Value objects = Value(std::vector<ObjectRef>{h, h});
+    const Value dead_ident = host.call_function("GET_FWIDENT", {"gone"});
+    host.call_procedure("FWIDENT_RELEASE", {dead_ident});
+    host.call_procedure("FWIDENT_GC");
+    host.set_var("keep", m); // lets a failed INIT's object be told apart from leftovers
+
+    struct Case {
+        std::function<void()> call;
+        int32_t code;
+        std::string text;
+    };
+    const std::string not_object = "ZOKfwHasAHandler::SetHandler: the argument is not an object "
+                                   "reference.";
+    const std::string not_message = "Argument message must be an object of class ZOKfwMessage.";
+    const std::vector<Case> cases = {
+        {[&] { host.call_method(b, "SETHANDLER", {7}); }, ZOK_MSG_NOT_OBJECT, not_object},
+        {[&] { host.call_method(b, "SETHANDLER", {objects}); }, ZOK_MSG_NOT_OBJECT, not_object},
+        {[&] { host.call_method(b, "SETHANDLER", {m}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 1 must be an object of class ZOKfwMessageHandler."},
+        {[&] { host.call_method(b, "SETHANDLER", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
+        {[&] { host.call_method(b, "SETMESSAGESTRING", {3}); }, ZOK_MSG_ARG_TYPE,
+         "Argument of the wrong type in ZOKfwBehavior::SetMessageString."},
+        {[&] { host.call_method(m, "SETMESSAGESTRING", {strings}); }, ZOK_MSG_ARG_TYPE,
+         "Argument of the wrong type in ZOKfwMessage::SetMessageString."},
+        {[&] { host.call_method(h, "SENDMESSAGE", {2.5}); }, ZOK_MSG_WRONG_CLASS, not_message},
+        {[&] { host.call_method(h, "SCOPEMESSAGE", {strings}); }, ZOK_MSG_WRONG_CLASS, not_message},
+        {[&] { host.call_method(h, "ISSCOPED", {b}); }, ZOK_MSG_WRONG_CLASS, not_message},
+        {[&] { host.call_method(h, "SCOPEMESSAGE", {dead_ident}); }, -1, "FWIdent corruption"},
+        {[&] { host.call_method(h, "ADDBEHAVIOR", {m}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 1 must be an object of class ZOKfwBehavior."},
+        {[&] {
+             host.call_function("ZOKFWMESSAGEHANDLER::ISSCOPED", {b, "tick"});
+         },
+         ZOK_MSG_WRONG_CLASS, "Argument 0 must be an object of class ZOKfwMessageHandler."},
+        {[&] {
+             host.new_object("PROBE", {}, {{"HANDLER", m}, {"REGISTER", 1}});
+         },
+         ZOK_MSG_WRONG_CLASS, "Argument 1 must be an object of class ZOKfwMessageHandler."},
+        {[&] {
+             host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", dead}});
+         },
+         ZOK_ERR_INVALID_OBJECT, ""},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        const Observable before(host);
+        const zok::Error e = expect_error(cases[i].code, cases[i].call);
+        if (!cases[i].text.empty()) {
+            EXPECT_EQ(e.text(), cases[i].text);
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Messaging, AChainThatLoopsIsRefused) {
+    const ObjectRef a = handler();
+    const ObjectRef b = handler(a);
+    host.call_method(a, "SETHANDLER", {b});
+    const ObjectRef m = message("ping", b);
+    const Observable before(host);
+    const zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { send(m); });
+    EXPECT_EQ(e.text(),
+              "ZOKfwMessageHandler: the handler chain loops at handler " + std::to_string(b.id));
+    expect_error(ZOK_MSG_TEXT, [&] { probe("ping", a); });
+    EXPECT_TRUE(Observable(host) == before);
+}
+
+TEST_F(Messaging, NothingOutlivesAScenario) {
+    const ObjectRef top = handler();
+    const ObjectRef mid = handler(top);
+    const ObjectRef low = handler(mid);
+    host.call_method(mid, "SCOPEMESSAGE", {"tick"});
+    std::vector<ObjectRef> objects{low, mid, top};
+    for (const ObjectRef at : {top, mid, low, ObjectRef{}})
+        for (const char* text : {"tick", "tock"})
+            objects.push_back(probe(text, at));
+    const ObjectRef extra = probe("tock", low, false);
+    host.call_method(low, "ADDBEHAVIOR", {extra});
+    objects.push_back(extra);
+    for (const ObjectRef at : {top, low, ObjectRef{}})
+        for (const char* text : {"tick", "tock", "nobody"})
+            objects.push_back(message(text, at));
+    for (size_t i = objects.size(); i-- > 0;)
+        if (host.class_of(objects[i]) == "ZOKFWMESSAGE")
+            host.call_method(objects[i], "SEND", {std::string("x")});
+    host.call_method(low, "UNSCOPEMESSAGE", {"tock"});
+    host.call_method(mid, "UNSCOPEMESSAGE", {"tick"});
+    ASSERT_EQ(check_all(), "");
+    // Behaviours and messages first, then handlers from the bottom up, then the root.
+    for (size_t i = objects.size(); i-- > 0;)
+        host.destroy(objects[i]);
+    host.destroy(ObjectRef{flux::default_handler()});
+    host.call_procedure("FWIDENT_GC");
+    EXPECT_TRUE(flux::fwident_entries().empty());
+    EXPECT_EQ(host.heap_count(), 0u);
+    EXPECT_EQ(snapshot_blocks(host), 0u);
+    EXPECT_EQ(host.memory_total().blocks, 1u); // the registry's name index, kept for the process
+    EXPECT_EQ(host.live_texts(), 0u);
+}
+
+// Each failing allocation in register, scope, unscope and send gives an error
+// and leaves no leak, no snapshot, a sound scope table, and a behaviour that is
+// registered exactly when it is filed.  Each runs on a fresh chain low -> top
+// -> root, with a behaviour b of low.
+TEST_F(Messaging, AllocationFailuresLeaveNothingBehind) {
+    ObjectRef low, b, m;
+    auto files_b = [&](ObjectRef h) {
+        const std::vector<uint32_t> ids = h ? filed(h, "tick") : std::vector<uint32_t>{};
+        return std::find(ids.begin(), ids.end(), b.id) != ids.end();
+    };
+    auto reg = [&] { host.call_method(b, "REGISTER"); };
+    auto scope = [&] { host.call_method(low, "SCOPEMESSAGE", {"tick"}); };
+    struct Operation {
+        const char* name;
+        std::vector<std::function<void()>> before;
+        std::function<void()> run;
+        int allocations; // at least this many can fail
+    };
+    const std::vector<Operation> operations = {
+        {"register", {}, reg, 4},
+        {"scope", {reg}, scope, 4},
+        {"send", {reg, scope}, [&] { host.call_method(m, "SEND", {std::string("x")}); }, 1},
+        {"unscope", {reg, scope}, [&] { host.call_method(low, "UNSCOPEMESSAGE", {"tick"}); }, 3},
+    };
+    for (const Operation& op : operations) {
+        SCOPED_TRACE(op.name);
+        host.reset_session();
+        low = handler(handler());
+        b = probe("tick", low, false);
+        m = message("tick", low);
+        for (const auto& step : op.before)
+            step();
+        sweep_allocation_failures(
+            host, 200, op.run,
+            [&](uint64_t nth) {
+                SCOPED_TRACE("failing allocation " + std::to_string(nth));
+                EXPECT_EQ(host.collect(), 0u) << "a heap variable was lost";
+                EXPECT_EQ(snapshot_blocks(host), 0u);
+                EXPECT_EQ(host.live_temps(), 0u);
+                EXPECT_EQ(check_all(), "");
+                EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(),
+                          files_b(low) || files_b(ObjectRef{flux::default_handler()}));
+            },
+            op.allocations);
+    }
+}
+
+TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
+    const ObjectRef top = handler();
+    const ObjectRef low = handler(top);
+    host.call_method(top, "SCOPEMESSAGE", {"say \"hi\""});
+    const ObjectRef b = probe("say \"hi\"", low);
+    probe("tock"); // files at the root, so the default handler exists
+    const ObjectRef root{flux::default_handler()};
+    const std::string dot = flux::handler_chain_dot(std::vector{low.id});
+    const std::string t = std::to_string(top.id), l = std::to_string(low.id),
+                      r = std::to_string(root.id);
+    for (const std::string& line : std::vector<std::string>{
+             "  h" + l + " [shape=box, label=\"handler " + l + "\"];",
+             "  h" + l + " -> h" + t + " [style=bold];",
+             "  h" + t + " -> h" + r + " [style=bold];",
+             "  h" + r + " [shape=box, peripheries=2, label=\"handler " + r + "\\n(default)\"];",
+             "label=\"say \\\"hi\\\"\"];",
+             "  b" + std::to_string(b.id) + " [shape=box, style=rounded, label=\"behaviour " +
+                 std::to_string(b.id) + "\"];",
+         })
+        EXPECT_NE(dot.find(line), std::string::npos) << line << "\n" << dot;
+
+    // A behaviour filed without registration and then destroyed stays filed:
+    // the checker names it, and the next send meets it.
+    const ObjectRef added = probe("say \"hi\"", {}, false);
+    host.call_method(top, "ADDBEHAVIOR", {added});
+    host.destroy(added);
+    EXPECT_NE(flux::messagehandler_check(top.id).find("no live behaviour"), std::string::npos);
+    EXPECT_EQ(flux::messagehandler_check(low.id), "");
+    expect_error(ZOK_ERR_INVALID_OBJECT, [&] { send_from(low, "say \"hi\""); });
+}
+
+} // namespace
