@@ -1,12 +1,18 @@
 // A tour of zok_fluxtools as a host program sees it: load the module into the
-// reference host, show what it registered, then use a ZOKDSMAP and a few
-// message identifiers.
+// reference host, show what it registered, use a ZOKDSMAP and a few message
+// identifiers, then send messages through a chain of three handlers and draw
+// the chain.
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "fw/fw_messhndlr.hpp"
 #include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
 
 namespace {
 
@@ -50,13 +56,96 @@ void show_map(zok::Host& host, zok::ObjectRef map) {
     std::printf("\n");
 }
 
+using zok::ObjectRef;
+
+// Behaviours of the tour: a program subclass of ZOKFWBEHAVIOR whose EXECUTE
+// prints its label and the argument it was sent.
+void define_printer(zok::Host& host) {
+    host.define_struct("PRINTER", {{"LABEL", ZOK_T_STRING}}, "ZOKFWBEHAVIOR");
+    host.add_procedure("PRINTER::EXECUTE", 1, 2, [&host](zok::Call& call) {
+        const std::string label = host.get_tag(call.self(), "LABEL").as_string();
+        const std::string arg = call.argc() == 2 ? call.arg(1).to_string() : "nothing";
+        std::printf("      %s runs, given %s\n", label.c_str(), arg.c_str());
+        return zok::Value();
+    });
+}
+
+ObjectRef printer(zok::Host& host, const std::string& label, const char* text, ObjectRef at) {
+    const ObjectRef b =
+        host.new_object("PRINTER", {}, {{"HANDLER", at}, {"MESSAGESTRING", text}, {"REGISTER", 1}});
+    host.set_tag(b, "LABEL", label);
+    return b;
+}
+
+void show_scopes(zok::Host& host, const char* name, ObjectRef h) {
+    std::printf("    %-7s scopes:", name);
+    for (const zok::Value& text : host.call_method(h, "SCOPEDMESSAGES").elements()) {
+        const zok::Value filed = host.call_method(h, "BEHAVIORS", {text});
+        std::printf(" \"%s\" (%zu)", text.as_string().c_str(),
+                    filed.is_array() ? filed.size() : size_t{0});
+    }
+    std::printf("\n");
+}
+
+void tour_messaging(zok::Host& host, const char* dot_path) {
+    std::printf("\nMessages climb a chain of handlers to the first that scopes them:\n");
+    define_printer(host);
+    const ObjectRef app = host.new_object("ZOKFWMESSAGEHANDLER");
+    const ObjectRef window = host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", app}});
+    const ObjectRef button = host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", window}});
+    host.call_method(app, "SCOPEMESSAGE", {"click"});
+    host.call_method(app, "SCOPEMESSAGE", {"save"});
+    host.call_method(button, "SCOPEMESSAGE", {"click"});
+    printer(host, "app click", "click", app);
+    printer(host, "button click", "click", button);
+    printer(host, "saver (of the button)", "save", button);
+    printer(host, "quitter (no handler)", "quit", {});
+    const ObjectRef root = host.call_method(app, "HANDLER").as_object();
+    std::printf("  button -> window -> app -> default handler %u\n", root.id);
+    show_scopes(host, "button", button);
+    show_scopes(host, "window", window);
+    show_scopes(host, "app", app);
+    show_scopes(host, "default", root);
+
+    auto send = [&](const char* from_name, ObjectRef from, const char* text) {
+        std::printf("    \"%s\" sent from the %s:\n", text, from_name);
+        const ObjectRef m =
+            host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", from}, {"MESSAGESTRING", text}});
+        host.call_method(m, "SEND", {std::string("42")});
+        host.destroy(m);
+    };
+    send("button", button, "click");
+    send("window", window, "click");
+    send("button", button, "save");
+    send("window", window, "quit");
+    std::printf("    \"%s\" sent from the app, which nobody scopes: (dropped)\n", "close");
+    host.call_method(app, "SENDMESSAGE", {"close"});
+
+    std::printf("  SCOPEMESSAGE \"save\" on the window moves the saver down to it:\n");
+    host.call_method(window, "SCOPEMESSAGE", {"save"});
+    show_scopes(host, "window", window);
+    show_scopes(host, "app", app);
+    if (std::ofstream dot(dot_path); dot) {
+        const std::vector<uint32_t> handlers{button.id};
+        dot << flux::handler_chain_dot(handlers);
+        std::printf("  the chain is drawn in %s\n", dot_path);
+    }
+    std::printf("  UNSCOPEMESSAGE \"save\" on the window moves it back up:\n");
+    host.call_method(window, "UNSCOPEMESSAGE", {"save"});
+    show_scopes(host, "window", window);
+    show_scopes(host, "app", app);
+    for (const uint32_t id : {button.id, window.id, app.id})
+        if (const std::string fault = flux::messagehandler_check(id); !fault.empty())
+            std::printf("  CHECK FAILED: %s\n", fault.c_str());
+}
+
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
     try {
         zok::Host host;
-        host.load_module(ZOK_MODULE_PATH);
-        std::printf("Loaded %s\n\n", ZOK_MODULE_PATH);
+        host.load_module(ZOK_Load, ZOK_ResetSession);
+        std::printf("Loaded zok_fluxtools\n\n");
         std::printf("Structures (classes under their parents):\n");
         show_classes(host, "", 0);
         const auto routines = host.routines();
@@ -89,6 +178,8 @@ int main() {
         std::printf("  after two releases and a collection, \"hello\" is %s; \"Hello\" is %s\n",
                     host.heap_alive(hello.as_pointer().id) ? "alive" : "freed",
                     host.heap_alive(other.as_pointer().id) ? "alive" : "freed");
+
+        tour_messaging(host, argc > 1 ? argv[1] : "handlers.dot");
         return 0;
     } catch (const zok::Error& e) {
         std::fprintf(stderr, "error %d: %s\n", e.code(), e.text().c_str());
