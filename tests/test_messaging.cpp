@@ -6,6 +6,7 @@
 
 #include "fw/fw_ident.hpp"
 #include "fw/fw_messhndlr.hpp"
+#include "maps/maph.hpp"
 #include "support/messaging_testing.hpp"
 
 namespace {
@@ -295,6 +296,71 @@ TEST_F(Messaging, AllocationFailuresLeaveNothingBehind) {
             },
             op.allocations);
     }
+}
+
+// RESTORE as it runs on objects read back from a save: versions below 1 come
+// back as 1, and every identifier held is replaced by the live one of its text
+// (here a stale copy, as a restore makes one: a new heap variable, same text).
+TEST_F(Messaging, RestoreUpgradesVersionsAndTranslatesIdentifiers) {
+    auto stale_copy = [&](const char* text) {
+        zok_var* temp = host.make_temp(text);
+        const uint32_t id =
+            host_heap_var_new(ZOK_HEAP_POINTER, temp, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
+        host_release_temp(temp);
+        return zok::PointerRef{id};
+    };
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    const ObjectRef b = probe("tick", h);
+    const ObjectRef m = message("tock", h);
+    const uint32_t tick = host.get_tag(b, "MESSIDENT").as_pointer().id;
+    const uint32_t tock = host.get_tag(m, "MESS_IDENT").as_pointer().id;
+
+    // A behaviour saved before its class had a version comes back unregistered.
+    host.set_tag(b, "ZOKFWBEHAVIOR_VERSION", 0);
+    host.set_tag(b, "HASAHANDLER_VERSION", 0);
+    host.call_method(b, "RESTORE");
+    EXPECT_EQ(host.get_tag(b, "ZOKFWBEHAVIOR_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(b, "HASAHANDLER_VERSION").as_int(), 1);
+    EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(host.get_tag(b, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+    EXPECT_EQ(filed(h, "tick"), std::vector{b.id}); // left where it was filed
+
+    // A registered one is taken out under its saved identifier and filed again.
+    const ObjectRef c = probe("tick", h);
+    host.set_tag(c, "MESSIDENT", stale_copy("tick"));
+    host.call_method(c, "RESTORE");
+    EXPECT_EQ(host.get_tag(c, "MESSIDENT").as_pointer().id, tick);
+    EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, c.id}));
+
+    host.set_tag(m, "MESS_IDENT", stale_copy("tock"));
+    host.set_tag(m, "ZOKFWMESSAGE_VERSION", -3);
+    host.call_method(m, "RESTORE");
+    EXPECT_EQ(host.get_tag(m, "MESS_IDENT").as_pointer().id, tock);
+    EXPECT_EQ(host.get_tag(m, "ZOKFWMESSAGE_VERSION").as_int(), 1);
+
+    // A handler's scope keys are translated in place.
+    const zok::PointerRef old_key = stale_copy("tick");
+    const uint32_t table = host.get_tag(h, "BEHAVIORS").as_pointer().id;
+    const uint32_t entry = flux::maph_first(table);
+    flux::fwident_release(flux::maph_node_key(entry));
+    flux::map_rbh_node(entry)->key = old_key.id;
+    host.call_method(h, "RESTORE");
+    EXPECT_EQ(flux::maph_node_key(flux::maph_first(table)), tick);
+    EXPECT_EQ(send(message("tick", h)), (std::vector{b.id, c.id}));
+    host.call_procedure("FWIDENT_GC");
+    EXPECT_FALSE(host.heap_alive(old_key.id)); // parked by the rollover, freed by the collection
+    EXPECT_EQ(check_all(), "");
+
+    // A handler saved before its class had a version gets an empty table.
+    const ObjectRef old = handler();
+    host.set_tag(old, "ZOKFWMESSAGEHANDLER_VERSION", 0);
+    host.set_tag(old, "BEHAVIORS", zok::PointerRef{0});
+    host.call_method(old, "RESTORE");
+    EXPECT_EQ(host.get_tag(old, "ZOKFWMESSAGEHANDLER_VERSION").as_int(), 1);
+    EXPECT_TRUE(scoped(old).empty());
+    host.call_method(old, "SCOPEMESSAGE", {"tick"});
+    EXPECT_EQ(scoped(old), std::vector<std::string>{"tick"});
 }
 
 TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
