@@ -205,6 +205,21 @@ TEST_F(Messaging, RefusalsCarryTheirCodeAndTextAndChangeNothing) {
     EXPECT_EQ(check_all(), "");
 }
 
+// CLEANUP called by a program, then again by the destruction, gives its
+// identifier's use back once.
+TEST_F(Messaging, CleanupGivesItsIdentifierBackOnce) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    for (const ObjectRef obj : {probe("tick", h), message("tick", h)}) {
+        host.call_method(obj, "CLEANUP");
+        host.destroy(obj);
+    }
+    ASSERT_EQ(flux::fwident_entries().size(), 2u);
+    EXPECT_EQ(flux::fwident_entries()[1].name, "tick");
+    EXPECT_EQ(flux::fwident_entries()[1].uses, 1); // the scope's own
+    EXPECT_EQ(check_all(), "");
+}
+
 TEST_F(Messaging, AChainThatLoopsIsRefused) {
     const ObjectRef a = handler();
     const ObjectRef b = handler(a);
@@ -390,6 +405,7 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
     host.call_method(top, "ADDBEHAVIOR", {added});
     host.destroy(added);
     EXPECT_NE(flux::messagehandler_check(top.id).find("no live behaviour"), std::string::npos);
+    EXPECT_EQ(flux::messagehandler_check_structure(top.id), "");
     EXPECT_EQ(flux::messagehandler_check(low.id), "");
     expect_error(ZOK_ERR_INVALID_OBJECT, [&] { send_from(low, "say \"hi\""); });
 }

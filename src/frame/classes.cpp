@@ -35,7 +35,7 @@ const ModuleCheck checks[] = {
 };
 
 const ClassCheck object_checks[] = {
-    {"ZOKFWMESSAGEHANDLER", messagehandler_check},
+    {"ZOKFWMESSAGEHANDLER", messagehandler_check_structure},
 };
 
 } // namespace

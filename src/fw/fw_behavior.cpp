@@ -47,8 +47,10 @@ int32_t behavior_initialise(Self self, const KeywordFront* keywords) {
 
 void behavior_cleanup(Self self) {
     behavior_unregister(self);
+    // Given back once: a CLEANUP called again finds no identifier to release.
     BehaviorFields& f = fields_of(self);
     fwident_release(f.messident);
+    f.messident = 0;
 }
 
 void behavior_restore(Self self) {

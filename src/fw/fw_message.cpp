@@ -47,7 +47,10 @@ int32_t message_initialise(Self self, const KeywordFront* keywords) {
 
 void message_cleanup(Self self) {
     hasahandler_cleanup(self);
-    fwident_release(fields_of(self).mess_ident);
+    // Given back once: a CLEANUP called again finds no identifier to release.
+    MessageFields& f = fields_of(self);
+    fwident_release(f.mess_ident);
+    f.mess_ident = 0;
 }
 
 void message_restore(Self self) {

@@ -73,9 +73,13 @@ public:
             static_cast<uint32_t*>(host_mem_alloc(count_ * sizeof(uint32_t), "ZOkfwBehaviorList"));
         if (ids_ == nullptr)
             raise_no_memory("ZOKfwMessageHandler");
+        // One look-up per leaf: its key and its next link come from the same node.
         size_t i = 0;
-        for (uint32_t e = maph_first(set); e != set; e = maph_next(e))
-            ids_[i++] = maph_node_key(e);
+        for (uint32_t e = maph_first(set); e != set;) {
+            const RbhNodeData* leaf = map_rbh_node(e);
+            ids_[i++] = leaf->key;
+            e = leaf->flink;
+        }
     }
     BehaviorList(const BehaviorList&) = delete;
     BehaviorList& operator=(const BehaviorList&) = delete;
@@ -317,7 +321,7 @@ MessageHandlerFields* live_handler(uint32_t handler) {
         host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0));
 }
 
-std::string check_behavior_set(uint32_t set, const std::string& where) {
+std::string check_behavior_set(uint32_t set, const std::string& where, bool full) {
     if (set == 0 || host_heap_var(set) == nullptr)
         return where + " has no behaviour set";
     if (std::string fault = map_rbh_check(set, behavior_order); !fault.empty())
@@ -327,7 +331,7 @@ std::string check_behavior_set(uint32_t set, const std::string& where) {
         const uint32_t behavior = maph_node_key(e);
         const std::string named = where + " files behaviour " + std::to_string(behavior);
         const zok_heap_record* rec = host_heap_var(behavior);
-        if (rec == nullptr || !is_instance_of(rec, BEHAVIOR_CLASS))
+        if (full && (rec == nullptr || !is_instance_of(rec, BEHAVIOR_CLASS)))
             return named + ", which is no live behaviour";
         if (maph_node_value(e) != 0)
             return named + " with a value";
@@ -355,9 +359,7 @@ std::string dot_quoted(const std::string& text) {
     return out + "\"";
 }
 
-} // namespace
-
-std::string messagehandler_check(uint32_t handler) {
+std::string check_handler(uint32_t handler, bool full) {
     const std::string name = "handler " + std::to_string(handler);
     const MessageHandlerFields* f = live_handler(handler);
     if (f == nullptr)
@@ -376,21 +378,33 @@ std::string messagehandler_check(uint32_t handler) {
     for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
         const uint32_t key = maph_node_key(e);
         const zok_string* text = fwident_text(key);
-        if (text == nullptr)
-            return name + ": scope key " + std::to_string(key) + " has no text";
         const std::string scope = name + ": scope \"" + text_or_missing(key) + "\"";
-        if (previous != nullptr && host_string_compare(previous, text) >= 0)
+        if (text != nullptr && previous != nullptr && host_string_compare(previous, text) >= 0)
             return scope + " is twice in the table or out of order";
-        const auto counted = uses.find(key);
-        if (counted == uses.end())
-            return scope + " is keyed by no live identifier of the registry";
-        if (counted->second < 1)
-            return scope + ": the registry counts no use for the table's key";
-        if (std::string fault = check_behavior_set(maph_node_value(e), scope); !fault.empty())
+        if (full) {
+            const auto counted = uses.find(key);
+            if (counted == uses.end())
+                return scope + " (key " + std::to_string(key) +
+                       ") is keyed by no live identifier of the registry";
+            if (counted->second < 1)
+                return scope + ": the registry counts no use for the table's key";
+        }
+        if (std::string fault = check_behavior_set(maph_node_value(e), scope, full); !fault.empty())
             return fault;
-        previous = text;
+        if (text != nullptr)
+            previous = text;
     }
     return "";
+}
+
+} // namespace
+
+std::string messagehandler_check(uint32_t handler) {
+    return check_handler(handler, true);
+}
+
+std::string messagehandler_check_structure(uint32_t handler) {
+    return check_handler(handler, false);
 }
 
 std::string handler_chain_dot(std::span<const uint32_t> handlers) {

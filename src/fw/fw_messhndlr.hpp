@@ -62,8 +62,14 @@ void scope_message(uint32_t handler, uint32_t ident);
 void unscope_message(uint32_t handler, uint32_t ident);
 
 // ---- Diagnostics.
-// The first broken invariant of a handler's scope table, or "" when sound.
+// The first broken invariant of a handler's scope table, or "" when sound:
+// a sound tree of keys ascending by text, each the registry's live identifier
+// with a use counted for the table, each with a sound set of live behaviours.
 std::string messagehandler_check(uint32_t handler);
+// The part of it that holds whatever a program does: a program that destroys a
+// behaviour filed without registration, or releases and collects identifiers
+// that objects still hold, leaves dead names in a table, never a broken one.
+std::string messagehandler_check_structure(uint32_t handler);
 // A Graphviz picture of the handlers, the chains above them, their scopes and
 // the behaviours filed in each; nothing is made or changed to draw it.
 std::string handler_chain_dot(std::span<const uint32_t> handlers);
