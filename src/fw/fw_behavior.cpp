@@ -25,22 +25,14 @@ int32_t behavior_initialise(Self self, const KeywordFront* keywords) {
     BehaviorFields& f = fields_of(self);
     f.behavior_version = 1;
     f.is_registered = 0;
-    f.messident = acquire_message_ident("Generic Message");
+    f.messident = initial_message_ident(keywords, "ZOKfwBehavior::SetMessageString");
     // An INIT that raises frees the object without CLEANUP: give the use back.
     Undo release_ident([&f] { fwident_release(f.messident); });
-    if (keywords != nullptr) {
-        if (keywords->messagestring_given != 0) {
-            zok_var text{};
-            text.type = ZOK_T_STRING;
-            text.value.str = keywords->messagestring;
-            behavior_set_message(self, &text);
-        }
-        // Scoping first: a behaviour given both lands in its own handler's new scope.
-        if (keywords->scope != 0)
-            scope_message(effective_handler(self), f.messident);
-        if (keywords->register_value != 0)
-            behavior_register(self);
-    }
+    // Scoping first: a behaviour given both lands in its own handler's new scope.
+    if (keywords != nullptr && keywords->scope != 0)
+        scope_message(effective_handler(self), f.messident);
+    if (keywords != nullptr && keywords->register_value != 0)
+        behavior_register(self);
     release_ident.commit();
     return 1;
 }

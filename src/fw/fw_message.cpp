@@ -28,19 +28,11 @@ int32_t message_initialise(Self self, const KeywordFront* keywords) {
         return 0;
     MessageFields& f = fields_of(self);
     f.message_version = 1;
-    f.mess_ident = acquire_message_ident("Generic Message");
+    f.mess_ident = initial_message_ident(keywords, "ZOKfwMessage::SetMessageString");
     // An INIT that raises frees the object without CLEANUP: give the use back.
     Undo release_ident([&f] { fwident_release(f.mess_ident); });
-    if (keywords != nullptr) {
-        if (keywords->messagestring_given != 0) {
-            zok_var text{};
-            text.type = ZOK_T_STRING;
-            text.value.str = keywords->messagestring;
-            message_set_message(self, &text);
-        }
-        if (keywords->scope != 0)
-            scope_message(effective_handler(self), f.mess_ident);
-    }
+    if (keywords != nullptr && keywords->scope != 0)
+        scope_message(effective_handler(self), f.mess_ident);
     release_ident.commit();
     return 1;
 }
