@@ -92,6 +92,7 @@ zok_name* intern(std::string_view text) {
     if (!slot) {
         slot = std::make_unique<zok_name>();
         slot->text = key;
+        slot->colons = key.find("::");
     }
     return slot.get();
 }
@@ -136,7 +137,7 @@ Routine* resolve_method(StructInfo* cls, const zok_name* method) {
     return found;
 }
 
-FrameGuard::FrameGuard(State& s, const Routine* r) : s_(s), uncaught_(std::uncaught_exceptions()) {
+FrameGuard::FrameGuard(State& s, const Routine* r) : s_(s) {
     frame_.parent = s.frame;
     frame_.routine = r;
     frame_.first_temp = s.temp_seq;
@@ -144,7 +145,7 @@ FrameGuard::FrameGuard(State& s, const Routine* r) : s_(s), uncaught_(std::uncau
 }
 
 FrameGuard::~FrameGuard() {
-    bool failing = std::uncaught_exceptions() > uncaught_;
+    const bool failing = !done_;
     if (!frame_.held_kw.empty() && !failing)
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
                                       "Keyword texts were not freed by " +
@@ -156,9 +157,10 @@ FrameGuard::~FrameGuard() {
     s_.frame = frame_.parent;
 }
 
-zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
-    State& s = state();
-    FrameGuard guard(s, &r);
+namespace {
+
+zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
+                         zok_keywords* kw) {
     if (argc < r.min_args || argc > r.max_args) {
         raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
               format("Incorrect number of arguments: %s takes %u to %u, got %d.",
@@ -195,6 +197,16 @@ zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw
     if (!result)
         raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
               "Function " + r.name->text + " returned no variable.");
+    return result;
+}
+
+} // namespace
+
+zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
+    State& s = state();
+    FrameGuard guard(s, &r);
+    zok_var* result = invoke_in_frame(s, r, argc, argv, kw);
+    guard.done();
     return result;
 }
 
@@ -418,7 +430,7 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
     // CLASS::METHOD starts the search at CLASS, which must be in the object's chain.
     StructInfo* from = cls;
     const zok_name* method = name;
-    if (size_t colons = name->text.find("::"); colons != std::string::npos) {
+    if (const size_t colons = name->colons; colons != std::string::npos) {
         from = find_struct(name->text.substr(0, colons));
         method = intern(name->text.substr(colons + 2));
     }

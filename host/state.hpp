@@ -51,6 +51,8 @@ struct HostAccess {
 
 struct zok_name {
     std::string text;
+    // Where "::" stands in a qualified name (CLASS::METHOD), or npos.
+    size_t colons = std::string::npos;
     // Bindings in the current host (cleared when it goes).
     zok::detail::Routine* routine = nullptr;
     zok::detail::StructInfo* structure = nullptr;
@@ -398,11 +400,13 @@ public:
     ~FrameGuard();
     FrameGuard(const FrameGuard&) = delete;
     FrameGuard& operator=(const FrameGuard&) = delete;
+    // The routine returned; a frame left without this is unwinding an error.
+    void done() { done_ = true; }
 
 private:
     State& s_;
     Frame frame_;
-    int uncaught_;
+    bool done_ = false;
 };
 
 } // namespace zok::detail

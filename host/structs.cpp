@@ -24,8 +24,12 @@ std::string upper(std::string_view s) {
 }
 
 const StructInfo::Tag* StructInfo::find_tag(std::string_view tag) const {
+    // Modules pass tag names as defined (upper case): an exact match is tried
+    // first, as it is much cheaper than a comparison that ignores case.
     for (const Tag& t : tags)
-        if (t.name.size() == tag.size() && strncasecmp(t.name.data(), tag.data(), tag.size()) == 0)
+        if (t.name.size() == tag.size() &&
+            (std::memcmp(t.name.data(), tag.data(), tag.size()) == 0 ||
+             strncasecmp(t.name.data(), tag.data(), tag.size()) == 0))
             return &t;
     return nullptr;
 }
