@@ -49,6 +49,40 @@ private:
     std::vector<zok_var*> heap_;
 };
 
+// The argument vector of a routine called by handle: a null entry of the call
+// block stands for an undefined argument, which the routine still receives
+// (each in a variable of its own, so that one may be written as an output).
+class RoutineArgs {
+public:
+    RoutineArgs(int32_t argc, zok_var** args) {
+        const auto n = static_cast<size_t>(argc);
+        if (n + 1 > kSmallArgs) {
+            heap_.resize(n + 1);
+            heap_unset_.resize(n);
+        }
+        zok_var** v = data();
+        zok_var* unset = heap_unset_.empty() ? small_unset_.data() : heap_unset_.data();
+        for (size_t i = 0; i < n; ++i)
+            v[i] = args[i] != nullptr ? args[i] : &unset[i];
+        v[n] = nullptr;
+    }
+    ~RoutineArgs() {
+        for (zok_var& v : small_unset_)
+            free_value(v);
+        for (zok_var& v : heap_unset_)
+            free_value(v);
+    }
+    RoutineArgs(const RoutineArgs&) = delete;
+    RoutineArgs& operator=(const RoutineArgs&) = delete;
+    zok_var** data() { return heap_.empty() ? small_.data() : heap_.data(); }
+
+private:
+    std::array<zok_var*, kSmallArgs> small_{};
+    std::array<zok_var, kSmallArgs> small_unset_{};
+    std::vector<zok_var*> heap_;
+    std::vector<zok_var> heap_unset_;
+};
+
 bool truthy(const zok_var* v) {
     if (!v || v->type == ZOK_T_UNDEFINED)
         return false;
@@ -434,8 +468,9 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
 }
 
 zok_var* host_call_routine(const zok_call_block* call) {
-    if (!call || !call->routine || call->object || call->keywords || call->argc < 0 ||
-        (call->argc > 0 && !call->args) || (call->args && call->args[call->argc] != nullptr)) {
+    if (!call || call->pad[0] != 0 || call->pad[1] != 0 || call->pad[2] != 0 || !call->routine ||
+        call->object || call->keywords || call->argc < 0 || (call->argc > 0 && !call->args) ||
+        (call->args && call->args[call->argc] != nullptr)) {
         raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
               "host_call_routine: bad call block" + where() + ".");
         return nullptr;
@@ -449,8 +484,8 @@ zok_var* host_call_routine(const zok_call_block* call) {
                   ".");
         return nullptr;
     }
-    zok_var* none[1] = {nullptr};
-    return invoke(*r, call->argc, call->args ? call->args : none, nullptr);
+    RoutineArgs argv(call->argc, call->args);
+    return invoke(*r, call->argc, argv.data(), nullptr);
 }
 
 int32_t host_object_isa(const zok_struct_def* def, const char* class_name, int32_t reserved0,
