@@ -247,4 +247,183 @@ TEST_F(Behaviours, AllocationFailuresInInitLeaveNothingBehind) {
     }
 }
 
+// ---- Object-method behaviours on program objects.
+
+class ObjectBehaviours : public Behaviours {
+protected:
+    ObjectBehaviours() {
+        host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
+        host.define_struct("SUBTARGET", {}, "TARGET");
+        host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& c) {
+            hits.push_back({c.self().id, c.argc(), c.argc() == 2 ? c.arg(1) : Value()});
+            return Value();
+        });
+        host.add_procedure("SUBTARGET::HIT", 1, 2, [this](zok::Call& c) {
+            hits.push_back({c.self().id, -c.argc(), Value()});
+            return Value();
+        });
+        host.add_procedure("TARGET::DIE", 1, 2, [this](zok::Call& c) {
+            host.destroy(c.self());
+            return Value();
+        });
+    }
+    ObjectRef obj_behavior(const std::string& text, ObjectRef target, const std::string& method,
+                           ObjectRef parent = {}) {
+        zok::Keywords kw{{"MESSAGESTRING", text}, {"METHOD", method}, {"REGISTER", 1}};
+        if (target)
+            kw.push_back({"OBJECT", target});
+        if (parent)
+            kw.push_back({"HANDLER", parent});
+        return host.new_object("ZOKFWOBJBEHAV", {}, kw);
+    }
+    int32_t uses(const std::string& name) {
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            if (e.name == name)
+                return e.uses;
+        return 0;
+    }
+
+    struct Hit {
+        uint32_t target;
+        int32_t argc; // negative: the subclass's override ran
+        Value arg;
+        bool operator==(const Hit&) const = default;
+    };
+    std::vector<Hit> hits;
+};
+
+TEST_F(ObjectBehaviours, TheMethodRunsOnTheTargetWithTheSendsArgument) {
+    const ObjectRef h = handler();
+    const ObjectRef target = host.new_object("TARGET");
+    const ObjectRef sub = host.new_object("SUBTARGET");
+    const ObjectRef b = obj_behavior("tick", target, "hit", h);
+    const ObjectRef tick = message("tick", h);
+    EXPECT_EQ(host.call_method(b, "METHOD"), Value("hit"));
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+    host.call_method(tick, "SEND", {"payload"});
+    host.call_method(tick, "SEND");
+    host.call_method(b, "SETOBJECT", {sub}); // resolved by the target's own class
+    host.call_method(tick, "SEND", {1});
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 2, Value("payload")},
+                                      {target.id, 1, Value()},
+                                      {sub.id, -2, Value()}}));
+
+    // A name nobody registered, or an identifier without text, calls nothing.
+    hits.clear();
+    host.call_method(b, "SETMETHOD", {"NOSUCH"});
+    EXPECT_EQ(uses("hit"), 0); // the old name's use was given back
+    EXPECT_EQ(uses("NOSUCH"), 1);
+    host.call_method(tick, "SEND");
+    EXPECT_TRUE(hits.empty());
+    EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 1);
+    // A name the target's class lacks is the host's error.
+    host.call_method(b, "SETMETHOD", {"DESCRIBE"});
+    host.add_procedure("OTHER::DESCRIBE", 1, 1, [](zok::Call&) { return Value(); });
+    const zok::Error e =
+        expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(tick, "SEND"); });
+    EXPECT_EQ(e.text(), "Attempt to call undefined method: SUBTARGET::DESCRIBE in "
+                        "ZOKFWOBJBEHAV::EXECUTE.");
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(ObjectBehaviours, ADeadOrUnsetTargetUnregistersOnItsFirstDelivery) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    const ObjectRef live = host.new_object("TARGET");
+    const ObjectRef doomed = host.new_object("TARGET");
+    const ObjectRef a = obj_behavior("tick", doomed, "HIT", h);
+    const ObjectRef b = obj_behavior("tick", live, "HIT", h);
+    const ObjectRef unset = obj_behavior("tick", {}, "HIT", h);
+    const ObjectRef k = host.new_object("TARGET");
+    const ObjectRef killer = obj_behavior("tick", k, "DIE", h);
+    const ObjectRef after = obj_behavior("tick", k, "HIT", h); // finds k dead in the same send
+    host.destroy(doomed);
+    host.call_method(message("tick", h), "SEND", {5});
+    EXPECT_EQ(hits, (std::vector<Hit>{{live.id, 2, Value(5)}}));
+    EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, killer.id}));
+    for (const ObjectRef gone : {a, unset, after})
+        EXPECT_EQ(host.call_method(gone, "ISREGISTERED").as_int(), 0);
+
+    // The default handler's last behaviour takes the default handler with it.
+    const ObjectRef t = host.new_object("TARGET");
+    const ObjectRef root_behavior = obj_behavior("ping", t, "HIT");
+    const ObjectRef root = default_handler();
+    ASSERT_TRUE(root);
+    host.destroy(t);
+    host.call_method(message("ping"), "SEND");
+    EXPECT_FALSE(host.heap_alive(root.id));
+    EXPECT_EQ(flux::default_handler(), 0u);
+    EXPECT_EQ(host.call_method(root_behavior, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(ObjectBehaviours, RefusalsRestoreAndInitFailures) {
+    const ObjectRef h = handler();
+    const ObjectRef target = host.new_object("TARGET");
+    const ObjectRef b = obj_behavior("tick", target, "HIT", h);
+    const std::string wrong_type = "Argument of the wrong type in ZOKfwObjBehav::SetMethod.";
+    struct Case {
+        const char* routine;
+        zok::Args args;
+        int32_t code;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {"ZOKFWOBJBEHAV::SETMETHOD", {b, 7}, ZOK_MSG_ARG_TYPE, wrong_type},
+        {"ZOKFWOBJBEHAV::SETMETHOD",
+         {b, std::vector<std::string>{"HIT"}},
+         ZOK_MSG_ARG_TYPE,
+         wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT", {b, "HIT"}, ZOK_MSG_ARG_TYPE, wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT",
+         {b, std::vector<ObjectRef>{target}},
+         ZOK_MSG_ARG_TYPE,
+         wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT",
+         {probe("tick", h), target},
+         ZOK_MSG_WRONG_CLASS,
+         "Argument 0 must be an object of class ZOKfwObjBehav."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.routine);
+        const Observable before(host);
+        const zok::Error e = expect_error(c.code, [&] { host.call_procedure(c.routine, c.args); });
+        EXPECT_EQ(e.text(), c.text);
+        EXPECT_TRUE(Observable(host) == before);
+    }
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+
+    // RESTORE: the method identifier is translated; an old layout loses its target.
+    as_if_restored(b, "METH_IDENT");
+    as_if_restored(b, "MESSIDENT");
+    host.call_method(b, "RESTORE");
+    EXPECT_EQ(uses("HIT"), 1);
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+    host.call_method(message("tick", h), "SEND");
+    EXPECT_EQ(hits.size(), 1u);
+    host.set_tag(b, "ZOKFWOBJBEHAV_VERSION", 0);
+    as_if_restored(b, "METH_IDENT");
+    as_if_restored(b, "MESSIDENT");
+    host.call_method(b, "RESTORE");
+    EXPECT_EQ(host.get_tag(b, "ZOKFWOBJBEHAV_VERSION").as_int(), 1);
+    EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
+    EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
+    host.destroy(b);
+
+    // INIT, failing at each allocation in turn.
+    host.call_method(h, "SCOPEMESSAGE", {"tock"});
+    host.set_var("h", h);
+    host.set_var("target", target);
+    const Observable before = settled();
+    sweep_allocation_failures(
+        host, 200, [&] { host.set_var("made", obj_behavior("tock", target, "HIT", h)); },
+        [&](uint64_t) {
+            EXPECT_EQ(check_all(), "");
+            EXPECT_TRUE(settled() == before);
+        });
+    host.destroy(host.get_var("made").as_object());
+    host.erase_var("made");
+    EXPECT_TRUE(settled() == before);
+}
+
 } // namespace

@@ -8,6 +8,7 @@
 #include "fw/fw_ident.hpp"
 #include "fw/fw_message.hpp"
 #include "fw/fw_messhndlr.hpp"
+#include "fw/fw_objbehav.hpp"
 #include "fw/fw_procbehav.hpp"
 #include "fw/fw_saveable.hpp"
 
@@ -15,9 +16,9 @@ namespace flux {
 namespace {
 
 const RoutineList* const routine_lists[] = {
-    &saveable_routines,       &hasahandler_routines, &behavior_routines,
-    &funcbehav_routines,      &procbehav_routines,   &message_routines,
-    &messagehandler_routines, &dsmap_routines,       &fwident_routines,
+    &saveable_routines,  &hasahandler_routines, &behavior_routines, &funcbehav_routines,
+    &procbehav_routines, &objbehav_routines,    &message_routines,  &messagehandler_routines,
+    &dsmap_routines,     &fwident_routines,
 };
 
 // Identifiers first: every identifier is freed whatever its use count; then
