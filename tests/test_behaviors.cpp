@@ -5,6 +5,7 @@
 // refusals (code, text, nothing changed), its deliberate leaks counted
 // exactly, RESTORE, and allocation failures in INIT.
 #include <algorithm>
+#include <optional>
 
 #include "support/messaging_testing.hpp"
 
@@ -424,6 +425,191 @@ TEST_F(ObjectBehaviours, RefusalsRestoreAndInitFailures) {
     host.destroy(host.get_var("made").as_object());
     host.erase_var("made");
     EXPECT_TRUE(settled() == before);
+}
+
+// ---- Queries and query behaviours.
+
+class Queries : public Behaviours {
+protected:
+    ObjectRef query(const std::string& text, ObjectRef parent) {
+        return host.new_object("ZOKFWQUERY", {}, {{"MESSAGESTRING", text}, {"HANDLER", parent}});
+    }
+    ObjectRef answer(const std::string& text, ObjectRef parent, std::optional<Value> response) {
+        zok::Keywords kw{{"MESSAGESTRING", text}, {"HANDLER", parent}, {"REGISTER", 1}};
+        if (response)
+            kw.push_back({"RESPONSE", *response});
+        return host.new_object("ZOKFWQUERYBEHAV", {}, kw);
+    }
+    uint32_t held(ObjectRef obj, const char* tag) { return host.get_tag(obj, tag).as_pointer().id; }
+};
+
+TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
+    const ObjectRef top = handler();
+    const ObjectRef low = handler(handler(top));
+    host.call_method(top, "SCOPEMESSAGE", {"ask"});
+    const ObjectRef qb = answer("ask", top, Value(42));
+    const ObjectRef q = query("ask", low);
+    EXPECT_EQ(host.call_method(q, "RESULT"), Value("UnInitialized Result"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value(42));
+    const uint32_t result = held(q, "QUERY_RESULT");
+    ASSERT_NE(result, 0u);
+
+    // Every later answer lands in the same heap variable, as a copy.
+    const Value list(std::vector<std::string>{"a", "b"});
+    host.call_method(qb, "SETRESPONSE", {list});
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), list);
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), list);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
+    host.call_method(qb, "SETRESPONSE", {"changed later"});
+    EXPECT_EQ(host.call_method(q, "RESULT"), list);
+    host.set_var("named", 7);
+    host.call_method(q, "SETRESULT", {zok::Ref{"named"}});
+    host.set_var("named", 8);
+    EXPECT_EQ(host.call_method(q, "RESULT"), Value(7));
+    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
+
+    // Two answers: each runs, in identifier order, so the later one's stays.
+    const ObjectRef blank = answer("ask", top, std::nullopt);
+    EXPECT_EQ(host.call_method(blank, "RESPONSE"), Value("UnInitialized Response"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value("UnInitialized Response"));
+    host.destroy(blank);
+
+    // Nobody answers: the previous result stays.
+    const ObjectRef lonely = query("nobody", low);
+    EXPECT_EQ(host.call_method(lonely, "SENDQUERY"), Value("UnInitialized Result"));
+    host.call_method(lonely, "SETRESULT", {2.5});
+    EXPECT_EQ(host.call_method(lonely, "SENDQUERY"), Value(2.5));
+
+    // EXECUTE called directly; SETRESPONSE with self alone clears.
+    host.call_method(qb, "EXECUTE", {lonely});
+    host.call_method(qb, "EXECUTE", {lonely});
+    EXPECT_EQ(host.call_method(lonely, "RESULT"), Value("changed later"));
+    const uint32_t response = held(qb, "RESPONSE");
+    host.call_method(qb, "SETRESPONSE");
+    EXPECT_FALSE(host.heap_alive(response));
+    EXPECT_EQ(held(qb, "RESPONSE"), 0u);
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("UnInitialized Response"));
+
+    // CLEANUP frees what each holds.
+    const uint32_t lonely_result = held(lonely, "QUERY_RESULT");
+    host.call_method(qb, "SETRESPONSE", {"x"});
+    const uint32_t last_response = held(qb, "RESPONSE");
+    host.destroy(lonely);
+    host.destroy(qb);
+    EXPECT_FALSE(host.heap_alive(lonely_result));
+    EXPECT_FALSE(host.heap_alive(last_response));
+    host.erase_var("named");
+    EXPECT_EQ(host.live_temps(), 0u);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Queries, RefusalsVanishedValuesAndRestore) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"ask"});
+    const ObjectRef qb = answer("ask", h, Value("yes"));
+    const ObjectRef q = query("ask", h);
+    const ObjectRef plain = message("ask", h);
+    const ObjectRef dead = query("ask", h);
+    host.destroy(dead);
+    struct Case {
+        std::function<void()> call;
+        int32_t code;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {[&] { host.call_method(qb, "EXECUTE", {plain}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 1 must be an object of class ZOKfwQuery."},
+        {[&] { host.call_method(qb, "EXECUTE", {7}); }, ZOK_ERR_NOT_OBJECT, ""},
+        {[&] { host.call_method(qb, "EXECUTE", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
+        {[&] { host.call_method(plain, "SEND"); }, ZOK_ERR_ARG_COUNT, ""},
+        {[&] { host.call_function("ZOKFWQUERY::SENDQUERY", {plain}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 0 must be an object of class ZOKfwQuery."},
+        {[&] {
+             host.call_procedure("ZOKFWQUERYBEHAV::SETRESPONSE", {q, 1});
+         },
+         ZOK_MSG_WRONG_CLASS, "Argument 0 must be an object of class ZOKfwQueryBehav."},
+        {[&] { host.call_method(q, "SETRESULT"); }, ZOK_ERR_ARG_COUNT, ""},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        const Observable before(host);
+        const zok::Error e = expect_error(cases[i].code, cases[i].call);
+        if (!cases[i].text.empty()) {
+            EXPECT_EQ(e.text(), cases[i].text);
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+
+    // A result or response whose heap variable has gone reads as undefined;
+    // setting it is the host's error.
+    host.call_method(q, "SENDQUERY");
+    host_heap_free(held(q, "QUERY_RESULT"), 0, 0);
+    EXPECT_FALSE(host.call_method(q, "RESULT").defined());
+    expect_error(ZOK_ERR_INVALID_OBJECT, [&] { host.call_method(q, "SETRESULT", {1}); });
+    host_heap_free(held(qb, "RESPONSE"), 0, 0);
+    host.call_method(qb, "EXECUTE", {query("other", h)});
+    host.set_tag(q, "QUERY_RESULT", zok::PointerRef{0});
+
+    // A heap variable that cannot be made leaves no value and no message.
+    host.set_tag(qb, "RESPONSE", zok::PointerRef{0});
+    host.clear_messages();
+    host.fail_label("(heap)");
+    host.call_method(qb, "SETRESPONSE", {1});
+    host.call_method(q, "SETRESULT", {1});
+    host.clear_faults();
+    EXPECT_EQ(held(qb, "RESPONSE"), 0u);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
+
+    // RESTORE: a query of an old layout drops its result (not freed); a
+    // query behaviour always keeps its response.
+    host.call_method(qb, "SETRESPONSE", {"kept"});
+    host.call_method(q, "SENDQUERY");
+    const uint32_t result = held(q, "QUERY_RESULT");
+    for (const ObjectRef obj : {q, qb})
+        as_if_restored(obj, obj == q ? "MESS_IDENT" : "MESSIDENT");
+    host.set_tag(q, "ZOKFWQUERY_VERSION", 0);
+    host.set_tag(qb, "ZOKFWQUERYBEHAV_VERSION", 0);
+    host.call_method(q, "RESTORE");
+    host.call_method(qb, "RESTORE");
+    EXPECT_EQ(host.get_tag(q, "ZOKFWQUERY_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(qb, "ZOKFWQUERYBEHAV_VERSION").as_int(), 1);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
+    EXPECT_TRUE(host.heap_alive(result));
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value("kept"));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Queries, AllocationFailuresInInitAndSendLeaveNothingBehind) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"ask"});
+    host.set_var("h", h);
+    host.set_var("qb", answer("ask", h, Value("yes")));
+    host.set_var("qb2", answer("ask", h, Value("yes")));
+    const std::vector<std::function<void()>> attempts = {
+        [&] { host.set_var("made", query("ask", h)); },
+        [&] { host.set_var("made", answer("ask", h, std::nullopt)); },
+        [&] {
+            EXPECT_EQ(host.call_method(host.get_var("q").as_object(), "SENDQUERY"), Value("yes"));
+        },
+    };
+    for (size_t i = 0; i < attempts.size(); ++i) {
+        SCOPED_TRACE("attempt " + std::to_string(i));
+        host.set_var("q", query("ask", h));
+        const Observable before = settled();
+        sweep_allocation_failures(
+            host, 200, attempts[i],
+            [&](uint64_t) {
+                EXPECT_EQ(check_all(), "");
+                EXPECT_TRUE(settled() == before);
+            },
+            1);
+        if (host.has_var("made")) {
+            host.destroy(host.get_var("made").as_object());
+            host.erase_var("made");
+        }
+        host.destroy(host.get_var("q").as_object());
+    }
 }
 
 } // namespace
