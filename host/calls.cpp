@@ -525,12 +525,13 @@ zok_var* host_object_new(int32_t argc, zok_var** args, zok_keywords* kw) {
               "host_object_new: argument 0 is not a class handle" + where() + ".");
         return nullptr;
     }
-    uint32_t id = create_object(cls, argc - 1, args + 1, kw);
+    // The result exists before the object: a result that cannot be made must
+    // not leave an object that nobody can reach.
     zok_var* out = new_temp();
-    if (out) {
-        out->type = ZOK_T_OBJECT;
-        out->value.heap_id = id;
-    }
+    if (!out)
+        return nullptr;
+    out->type = ZOK_T_OBJECT;
+    out->value.heap_id = create_object(cls, argc - 1, args + 1, kw);
     return out;
 }
 

@@ -74,6 +74,13 @@ std::string lower_case(std::string text) {
     return text;
 }
 
+// Filing and unfiling a behaviour may reshape a behaviour set's tree, whose
+// nodes are heap variables: all is the same but their links.
+bool same_but_tree_shapes(const Observable& a, const Observable& b) {
+    return a.heap == b.heap && a.texts == b.texts && a.temps == b.temps && a.memory == b.memory &&
+           a.registry == b.registry;
+}
+
 // The two twins differ only in these words.
 struct Twin {
     const char* cls;
@@ -610,6 +617,182 @@ TEST_F(Queries, AllocationFailuresInInitAndSendLeaveNothingBehind) {
         }
         host.destroy(host.get_var("q").as_object());
     }
+}
+
+// ---- Delayed behaviours.
+
+class Delayed : public ObjectBehaviours {
+protected:
+    Delayed() {
+        h = handler();
+        host.call_method(h, "SCOPEMESSAGE", {"arm"});
+        host.call_method(h, "SCOPEMESSAGE", {"fire"});
+        target = host.new_object("TARGET");
+        arm = message("arm", h);
+        fire = message("fire", h);
+    }
+    ObjectRef delayed(const char* cls, ObjectRef object, bool delay_message = true) {
+        zok::Keywords kw{
+            {"HANDLER", h}, {"MESSAGESTRING", "arm"}, {"METHOD", "hit"}, {"REGISTER", 1}};
+        if (object)
+            kw.push_back({"OBJECT", object});
+        if (delay_message)
+            kw.push_back({"DELAYMESSAGESTRING", "fire"});
+        return host.new_object(cls, {}, kw);
+    }
+    ObjectRef inner(ObjectRef d) { return host.get_tag(d, "SUB_BEHAVIOR").as_object(); }
+
+    ObjectRef h, target, arm, fire;
+};
+
+TEST_F(Delayed, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef in = inner(d);
+    EXPECT_EQ(host.class_of(in), "ZOKFWOBJBEHAV");
+    EXPECT_EQ(host.call_method(in, "OBJECT").as_object(), d);
+    EXPECT_EQ(host.call_method(in, "METHOD"), Value("DELAYEXECUTE"));
+    EXPECT_EQ(host.call_method(in, "HANDLER").as_object(), h);
+    EXPECT_EQ(host.call_method(in, "MESSAGESTRING"), Value("fire"));
+    EXPECT_EQ(host.call_method(in, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
+
+    host.call_method(fire, "SEND"); // unarmed: nothing
+    for (int i = 0; i < 3; ++i)
+        host.call_method(arm, "SEND");
+    EXPECT_EQ(filed(h, "fire"), std::vector{in.id});
+    EXPECT_TRUE(hits.empty());
+    host.call_method(fire, "SEND");
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 1, Value()}}));
+    EXPECT_TRUE(filed(h, "fire").empty());
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+
+    // The methods take self alone: a send that carries an argument is refused by the host.
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND", {1}); });
+    host.call_method(d, "SETMETHOD", {"DIE"});
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // the target dies during the deferred call
+    EXPECT_FALSE(host.heap_alive(target.id));
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // now there is no target: unregistered and disarmed
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 0);
+    EXPECT_TRUE(filed(h, "fire").empty());
+    host.call_method(arm, "SEND");
+    EXPECT_TRUE(filed(h, "fire").empty());
+
+    // Without a delay message the inner behaviour keeps its own; it dies with its owner.
+    const ObjectRef plain = delayed("ZOKFWDELAYBEHAV", {}, false);
+    EXPECT_EQ(host.call_method(inner(plain), "MESSAGESTRING"), Value("Generic Message"));
+    host.destroy(d);
+    EXPECT_FALSE(host.heap_alive(in.id));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
+    const ObjectRef d = delayed("ZOKFWDELAYARGBEHAV", target);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYARGBEHAV_VERSION").as_int(), 0);
+    for (const int v : {3, 7, 5})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    host.call_method(d, "DELAYEXECUTE"); // no arming since: 0
+    for (const int v : {-4, -1})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    zok_var* converted = host_convert_var(host.make_temp(7.9), ZOK_T_LONG);
+    const Value expected = host.read(*converted);
+    host.call_method(d, "EXECUTE", {7.9});
+    host.call_method(d, "EXECUTE", {"6"});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 2, Value(7)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, expected}}));
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(d, "EXECUTE"); });
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND"); });
+    const Observable before(host);
+    expect_error(ZOK_ERR_CONVERSION, [&] { host.call_method(d, "EXECUTE", {"seven"}); });
+    EXPECT_TRUE(Observable(host) == before);
+    // SETMETHOD and RESTORE are the delayed behaviour's.
+    host.call_method(d, "SETMETHOD", {"NOSUCH"});
+    host.call_method(d, "EXECUTE", {1});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits.size(), 4u);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0); // reset even though nothing was called
+    host.destroy(d);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, RefusalsRestoreAndAllocationFailures) {
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef in = inner(d);
+    struct Case {
+        zok::Args args;
+        int32_t code;
+    };
+    for (const Case& c :
+         std::vector<Case>{{{d, 7}, ZOK_ERR_NOT_STRING},
+                           {{d, std::vector<std::string>{"HIT"}}, ZOK_ERR_NOT_SIMPLE},
+                           {{in, "HIT"}, ZOK_MSG_WRONG_CLASS}}) {
+        const Observable before(host);
+        const zok::Error e = expect_error(
+            c.code, [&] { host.call_procedure("ZOKFWDELAYBEHAV::SETMETHOD", c.args); });
+        if (c.code == ZOK_MSG_WRONG_CLASS) {
+            EXPECT_EQ(e.text(), "Argument 0 must be an object of class ZOKfwDelayBehav.");
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+
+    // RESTORE restores the inner behaviour once, upgrades the version and
+    // translates the method's identifier.
+    host.call_method(arm, "SEND");
+    as_if_restored(d, "METH_IDENT");
+    as_if_restored(d, "MESSIDENT");
+    as_if_restored(in, "MESSIDENT");
+    host.set_tag(d, "ZOKFWDELAYBEHAV_VERSION", 0);
+    host.call_method(d, "RESTORE");
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(in, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+    EXPECT_EQ(uses("hit"), 1);
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits.size(), 1u);
+    host.destroy(d);
+
+    // INIT of both classes, and an arming and a delay message, failing at
+    // each allocation in turn.
+    host.set_var("h", h);
+    host.set_var("target", target);
+    host.set_var("armed", delayed("ZOKFWDELAYARGBEHAV", target));
+    for (const char* cls : {"ZOKFWDELAYBEHAV", "ZOKFWDELAYARGBEHAV", ""}) {
+        SCOPED_TRACE(cls);
+        const Observable before = settled();
+        sweep_allocation_failures(
+            host, 400,
+            [&] {
+                if (*cls != 0) {
+                    host.set_var("made", delayed(cls, target));
+                    return;
+                }
+                host.call_method(arm, "SEND", {std::string("9")});
+                host.call_method(fire, "SEND");
+            },
+            [&](uint64_t) {
+                EXPECT_EQ(check_all(), "");
+                if (*cls != 0) {
+                    EXPECT_TRUE(same_but_tree_shapes(settled(), before));
+                }
+            },
+            *cls != 0 ? 3 : 1);
+        if (host.has_var("made")) {
+            host.destroy(host.get_var("made").as_object());
+            host.erase_var("made");
+            EXPECT_TRUE(same_but_tree_shapes(settled(), before));
+        }
+    }
+    EXPECT_EQ(hits.back(), (Hit{target.id, 2, Value(9)}));
 }
 
 } // namespace

@@ -228,6 +228,29 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
+// Creation by class handle: when the result cannot be made, no object is left
+// behind that nobody could reach.
+TEST(HostObjects, ACreationThatCannotReturnMakesNothing) {
+    zok::Host host;
+    int inits = 0;
+    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
+    host.add_function("PART::INIT", 1, 1, [&](zok::Call&) {
+        ++inits;
+        return zok::Value(1);
+    });
+    zok_var* cls = host_find_class("PART");
+    zok_var* args[] = {cls};
+    host.fail_label("(temp)");
+    expect_error(ZOK_ERR_NO_MEMORY, [&] { host_object_new(1, args, nullptr); });
+    host.clear_faults();
+    EXPECT_EQ(host.heap_count(), 0u);
+    EXPECT_EQ(inits, 0);
+    zok_var* made = host_object_new(1, args, nullptr);
+    EXPECT_EQ(host.class_of(zok::ObjectRef{made->value.heap_id}), "PART");
+    host_release_temp(made);
+    host_release_temp(cls);
+}
+
 // ---- Errors through nested calls.
 
 // OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.

@@ -3,6 +3,8 @@
 #include "dsmap/ds_map.hpp"
 #include "frame/module.hpp"
 #include "fw/fw_behavior.hpp"
+#include "fw/fw_delayargbehav.hpp"
+#include "fw/fw_delaybehav.hpp"
 #include "fw/fw_funcbehav.hpp"
 #include "fw/fw_hashndlr.hpp"
 #include "fw/fw_ident.hpp"
@@ -18,9 +20,10 @@ namespace flux {
 namespace {
 
 const RoutineList* const routine_lists[] = {
-    &saveable_routines,  &hasahandler_routines,    &behavior_routines,   &funcbehav_routines,
-    &procbehav_routines, &objbehav_routines,       &querybehav_routines, &message_routines,
-    &query_routines,     &messagehandler_routines, &dsmap_routines,      &fwident_routines,
+    &saveable_routines,      &hasahandler_routines, &behavior_routines,  &delaybehav_routines,
+    &delayargbehav_routines, &funcbehav_routines,   &procbehav_routines, &objbehav_routines,
+    &querybehav_routines,    &message_routines,     &query_routines,     &messagehandler_routines,
+    &dsmap_routines,         &fwident_routines,
 };
 
 // Identifiers first: every identifier is freed whatever its use count; then
