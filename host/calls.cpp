@@ -54,31 +54,34 @@ private:
 // (each in a variable of its own, so that one may be written as an output).
 class RoutineArgs {
 public:
-    RoutineArgs(int32_t argc, zok_var** args) {
-        const auto n = static_cast<size_t>(argc);
-        if (n + 1 > kSmallArgs) {
-            heap_.resize(n + 1);
-            heap_unset_.resize(n);
+    RoutineArgs(int32_t argc, zok_var** args) : count_(static_cast<size_t>(argc)) {
+        if (count_ + 1 > kSmallArgs) {
+            heap_.resize(count_ + 1);
+            heap_unset_.resize(count_);
         }
         zok_var** v = data();
-        zok_var* unset = heap_unset_.empty() ? small_unset_.data() : heap_unset_.data();
-        for (size_t i = 0; i < n; ++i)
+        zok_var* unset = unset_data();
+        for (size_t i = 0; i < count_; ++i) {
+            unset[i] = zok_var{};
             v[i] = args[i] != nullptr ? args[i] : &unset[i];
-        v[n] = nullptr;
+        }
+        v[count_] = nullptr;
     }
     ~RoutineArgs() {
-        for (zok_var& v : small_unset_)
-            free_value(v);
-        for (zok_var& v : heap_unset_)
-            free_value(v);
+        zok_var* unset = unset_data();
+        for (size_t i = 0; i < count_; ++i)
+            free_value(unset[i]);
     }
     RoutineArgs(const RoutineArgs&) = delete;
     RoutineArgs& operator=(const RoutineArgs&) = delete;
     zok_var** data() { return heap_.empty() ? small_.data() : heap_.data(); }
 
 private:
-    std::array<zok_var*, kSmallArgs> small_{};
-    std::array<zok_var, kSmallArgs> small_unset_{};
+    zok_var* unset_data() { return heap_unset_.empty() ? small_unset_.data() : heap_unset_.data(); }
+
+    size_t count_;
+    std::array<zok_var*, kSmallArgs> small_;
+    std::array<zok_var, kSmallArgs> small_unset_;
     std::vector<zok_var*> heap_;
     std::vector<zok_var> heap_unset_;
 };
