@@ -49,6 +49,43 @@ private:
     std::vector<zok_var*> heap_;
 };
 
+// The argument vector of a routine called by handle: a null entry of the call
+// block stands for an undefined argument, which the routine still receives
+// (each in a variable of its own, so that one may be written as an output).
+class RoutineArgs {
+public:
+    RoutineArgs(int32_t argc, zok_var** args) : count_(static_cast<size_t>(argc)) {
+        if (count_ + 1 > kSmallArgs) {
+            heap_.resize(count_ + 1);
+            heap_unset_.resize(count_);
+        }
+        zok_var** v = data();
+        zok_var* unset = unset_data();
+        for (size_t i = 0; i < count_; ++i) {
+            unset[i] = zok_var{};
+            v[i] = args[i] != nullptr ? args[i] : &unset[i];
+        }
+        v[count_] = nullptr;
+    }
+    ~RoutineArgs() {
+        zok_var* unset = unset_data();
+        for (size_t i = 0; i < count_; ++i)
+            free_value(unset[i]);
+    }
+    RoutineArgs(const RoutineArgs&) = delete;
+    RoutineArgs& operator=(const RoutineArgs&) = delete;
+    zok_var** data() { return heap_.empty() ? small_.data() : heap_.data(); }
+
+private:
+    zok_var* unset_data() { return heap_unset_.empty() ? small_unset_.data() : heap_unset_.data(); }
+
+    size_t count_;
+    std::array<zok_var*, kSmallArgs> small_;
+    std::array<zok_var, kSmallArgs> small_unset_;
+    std::vector<zok_var*> heap_;
+    std::vector<zok_var> heap_unset_;
+};
+
 bool truthy(const zok_var* v) {
     if (!v || v->type == ZOK_T_UNDEFINED)
         return false;
@@ -446,8 +483,9 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
 }
 
 zok_var* host_call_routine(const zok_call_block* call) {
-    if (!call || !call->routine || call->object || call->keywords || call->argc < 0 ||
-        (call->argc > 0 && !call->args) || (call->args && call->args[call->argc] != nullptr)) {
+    if (!call || call->pad[0] != 0 || call->pad[1] != 0 || call->pad[2] != 0 || !call->routine ||
+        call->object || call->keywords || call->argc < 0 || (call->argc > 0 && !call->args) ||
+        (call->args && call->args[call->argc] != nullptr)) {
         raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
               "host_call_routine: bad call block" + where() + ".");
         return nullptr;
@@ -461,8 +499,8 @@ zok_var* host_call_routine(const zok_call_block* call) {
                   ".");
         return nullptr;
     }
-    zok_var* none[1] = {nullptr};
-    return invoke(*r, call->argc, call->args ? call->args : none, nullptr);
+    RoutineArgs argv(call->argc, call->args);
+    return invoke(*r, call->argc, argv.data(), nullptr);
 }
 
 int32_t host_object_isa(const zok_struct_def* def, const char* class_name, int32_t reserved0,
@@ -502,12 +540,13 @@ zok_var* host_object_new(int32_t argc, zok_var** args, zok_keywords* kw) {
               "host_object_new: argument 0 is not a class handle" + where() + ".");
         return nullptr;
     }
-    uint32_t id = create_object(cls, argc - 1, args + 1, kw);
+    // The result exists before the object: a result that cannot be made must
+    // not leave an object that nobody can reach.
     zok_var* out = new_temp();
-    if (out) {
-        out->type = ZOK_T_OBJECT;
-        out->value.heap_id = id;
-    }
+    if (!out)
+        return nullptr;
+    out->type = ZOK_T_OBJECT;
+    out->value.heap_id = create_object(cls, argc - 1, args + 1, kw);
     return out;
 }
 

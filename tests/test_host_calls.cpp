@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -70,6 +71,38 @@ TEST(HostRoutines, CountAndKeywordRefusalsComeBeforeTheRoutineRuns) {
     expect_error(ZOK_ERR_UNKNOWN_ROUTINE, [&] { host_call_routine(&call); });
     EXPECT_EQ(g_runs, 2);
     EXPECT_EQ(host.live_temps(), 0u);
+}
+
+// A call block lists exactly the arguments the routine gets; a null entry is
+// an undefined argument, which the routine may still write.
+TEST(HostRoutines, ACallBlockPassesExactlyItsArguments) {
+    zok::Host host;
+    std::vector<zok::Value> seen;
+    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
+        for (int32_t i = 0; i < c.argc(); ++i)
+            seen.push_back(c.arg(i));
+        c.set(0, "written into an undefined argument");
+        return zok::Value();
+    });
+    zok_var* given = host.make_temp(5);
+    zok_var* args[] = {nullptr, given, nullptr};
+    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
+    EXPECT_EQ(host_call_routine(&call), nullptr);
+    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
+    host_release_temp(given);
+    EXPECT_EQ(host.live_texts(), 0u);
+
+    args[1] = nullptr;
+    call.argc = 0;
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host_call_routine(&call); });
+    call.argc = 1;
+    call.pad[1] = 1;
+    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
+    call.pad[1] = 0;
+    zok_var one{};
+    args[1] = &one; // the list is not closed after argc entries
+    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
+    EXPECT_EQ(seen.size(), 2u);
 }
 
 // ---- Methods: a module class tree and a program subclass.
@@ -193,6 +226,29 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
         host_release_temp(t);
     EXPECT_EQ(host.heap_count(), 0u);
     EXPECT_EQ(host.live_temps(), 0u);
+}
+
+// Creation by class handle: when the result cannot be made, no object is left
+// behind that nobody could reach.
+TEST(HostObjects, ACreationThatCannotReturnMakesNothing) {
+    zok::Host host;
+    int inits = 0;
+    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
+    host.add_function("PART::INIT", 1, 1, [&](zok::Call&) {
+        ++inits;
+        return zok::Value(1);
+    });
+    zok_var* cls = host_find_class("PART");
+    zok_var* args[] = {cls};
+    host.fail_label("(temp)");
+    expect_error(ZOK_ERR_NO_MEMORY, [&] { host_object_new(1, args, nullptr); });
+    host.clear_faults();
+    EXPECT_EQ(host.heap_count(), 0u);
+    EXPECT_EQ(inits, 0);
+    zok_var* made = host_object_new(1, args, nullptr);
+    EXPECT_EQ(host.class_of(zok::ObjectRef{made->value.heap_id}), "PART");
+    host_release_temp(made);
+    host_release_temp(cls);
 }
 
 // ---- Errors through nested calls.

@@ -12,31 +12,9 @@
 namespace {
 
 using msgtest::Messaging;
+using msgtest::Observable;
 using zok::ObjectRef;
 using zok::Value;
-
-// Everything a program can observe of the host, for "a refusal changes nothing".
-struct Observable {
-    std::vector<std::pair<uint32_t, uint32_t>> heap; // identifier, flags
-    std::vector<std::string> values;
-    size_t texts = 0;
-    size_t temps = 0;
-    std::map<std::string, zok::MemStats> memory;
-    std::vector<std::string> registry;
-
-    explicit Observable(zok::Host& host) {
-        for (const uint32_t id : host.heap_ids()) {
-            heap.emplace_back(id, host.heap_flags(id));
-            values.push_back(host.heap_value(id).to_string());
-        }
-        texts = host.live_texts();
-        temps = host.live_temps();
-        memory = host.memory_by_label();
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            registry.push_back(e.name + "=" + std::to_string(e.uses));
-    }
-    bool operator==(const Observable&) const = default;
-};
 
 size_t snapshot_blocks(zok::Host& host) {
     return host.memory("ZOkfwBehaviorList").blocks;

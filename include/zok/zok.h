@@ -349,7 +349,8 @@ typedef struct zok_name zok_name;                   /* opaque, stable for the pr
 
 /*
  * The call block of host_call_routine.  `args` lists `argc` variables and
- * then a null entry.
+ * then a null entry; a null among the `argc` entries passes an undefined
+ * argument.  `pad` is zero.
  */
 typedef struct zok_call_block {
     uint8_t is_function;

@@ -3,18 +3,27 @@
 #include "dsmap/ds_map.hpp"
 #include "frame/module.hpp"
 #include "fw/fw_behavior.hpp"
+#include "fw/fw_delayargbehav.hpp"
+#include "fw/fw_delaybehav.hpp"
+#include "fw/fw_funcbehav.hpp"
 #include "fw/fw_hashndlr.hpp"
 #include "fw/fw_ident.hpp"
 #include "fw/fw_message.hpp"
 #include "fw/fw_messhndlr.hpp"
+#include "fw/fw_objbehav.hpp"
+#include "fw/fw_procbehav.hpp"
+#include "fw/fw_query.hpp"
+#include "fw/fw_querybehav.hpp"
 #include "fw/fw_saveable.hpp"
 
 namespace flux {
 namespace {
 
 const RoutineList* const routine_lists[] = {
-    &saveable_routines,       &hasahandler_routines, &behavior_routines, &message_routines,
-    &messagehandler_routines, &dsmap_routines,       &fwident_routines,
+    &saveable_routines,      &hasahandler_routines, &behavior_routines,  &delaybehav_routines,
+    &delayargbehav_routines, &funcbehav_routines,   &procbehav_routines, &objbehav_routines,
+    &querybehav_routines,    &message_routines,     &query_routines,     &messagehandler_routines,
+    &dsmap_routines,         &fwident_routines,
 };
 
 // Identifiers first: every identifier is freed whatever its use count; then

@@ -1,0 +1,798 @@
+// The behaviour classes that act when their message arrives: procedure and
+// function behaviours calling program routines, object-method behaviours on
+// program objects, delayed behaviours with and without an argument, and query
+// behaviours answering queries.  Each class: what a delivery does, its
+// refusals (code, text, nothing changed), its deliberate leaks counted
+// exactly, RESTORE, and allocation failures in INIT.
+#include <algorithm>
+#include <optional>
+
+#include "support/messaging_testing.hpp"
+
+namespace {
+
+using msgtest::Messaging;
+using msgtest::Observable;
+using zok::ObjectRef;
+using zok::Value;
+
+// One call of a program routine: who was called, with how many arguments and
+// the first of them.
+struct Called {
+    std::string routine;
+    int32_t argc;
+    Value arg;
+    bool operator==(const Called&) const = default;
+};
+
+class Behaviours : public Messaging {
+protected:
+    Behaviours() {
+        host.add_procedure("RECORD", 0, 1, [this](zok::Call& c) { return note("RECORD", c); });
+        host.add_function("ANSWER", 0, 1, [this](zok::Call& c) {
+            note("ANSWER", c);
+            return Value("an answer nobody reads");
+        });
+        host.add_procedure("UNITIALIZEDPROCEDURE", 1, 1,
+                           [this](zok::Call& c) { return note("UNITIALIZEDPROCEDURE", c); });
+        host.add_function("UNITIALIZEDFUNCEDURE", 1, 1,
+                          [this](zok::Call& c) { return note("UNITIALIZEDFUNCEDURE", c); });
+    }
+    Value note(const std::string& routine, zok::Call& c) {
+        calls.push_back({routine, c.argc(), c.argc() > 0 ? c.arg(0) : Value()});
+        return Value();
+    }
+    // Heap, texts, temporaries and the registry after a collection of unused
+    // identifiers, for "nothing was left behind".
+    Observable settled() {
+        host.call_procedure("FWIDENT_GC");
+        return Observable(host);
+    }
+
+    // Makes the identifier held in `tag` look as a restore leaves it: a new
+    // heap variable with the same text, the object's use of the live one given back.
+    void as_if_restored(ObjectRef obj, const char* tag) {
+        const uint32_t live = host.get_tag(obj, tag).as_pointer().id;
+        const Value text = host.heap_value(live);
+        zok_var* temp = host.make_temp(text);
+        const uint32_t copy =
+            host_heap_var_new(ZOK_HEAP_POINTER, temp, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
+        host_release_temp(temp);
+        flux::fwident_release(live);
+        host.set_tag(obj, tag, zok::PointerRef{copy});
+    }
+
+    std::vector<Called> calls;
+};
+
+std::string upper(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), ::toupper);
+    return text;
+}
+std::string lower_case(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), ::tolower);
+    return text;
+}
+
+// Filing and unfiling a behaviour may reshape a behaviour set's tree, whose
+// nodes are heap variables: all is the same but their links.
+bool same_but_tree_shapes(const Observable& a, const Observable& b) {
+    return a.heap == b.heap && a.texts == b.texts && a.temps == b.temps && a.memory == b.memory &&
+           a.registry == b.registry;
+}
+
+// The two twins differ only in these words.
+struct Twin {
+    const char* cls;
+    const char* keyword;
+    const char* getter;
+    const char* setter;
+    const char* field;
+    const char* version;
+    const char* default_name;
+    const char* setter_text;
+    const char* target;   // a program routine of the twin's kind
+    const char* mismatch; // one of the other kind
+};
+const Twin twins[] = {
+    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "SETPROC", "PROC_STRING", "ZOKFWPROCBEHAV_VERSION",
+     "UnitializedProcedure", "ZOKfwProcBehav::SetProc", "RECORD", "ANSWER"},
+    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "SETFUNC", "FUNC_STRING", "ZOKFWFUNCBEHAV_VERSION",
+     "UnitializedFuncedure", "ZOKfwFuncBehav::SetFunc", "ANSWER", "RECORD"},
+};
+
+TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
+    const ObjectRef h = handler();
+    const ObjectRef tick = message("tick", h);
+    for (const Twin& t : twins) {
+        SCOPED_TRACE(t.cls);
+        const ObjectRef b = host.new_object(
+            t.cls, {},
+            {{"HANDLER", h}, {"MESSAGESTRING", "tick"}, {t.keyword, t.target}, {"REGISTER", 1}});
+        EXPECT_EQ(host.call_method(b, t.getter), Value(t.target));
+        EXPECT_EQ(host.get_tag(b, t.field), Value(t.target));
+        EXPECT_EQ(host.get_tag(b, t.version).as_int(), 1);
+        host.set_var("named", "by reference");
+        const size_t texts = host.live_texts();
+        calls.clear();
+        host.call_method(tick, "SEND", {std::vector<int32_t>{3, 4}});
+        host.call_method(tick, "SEND");
+        host.call_method(b, "EXECUTE");
+        host.call_method(b, "EXECUTE", {zok::Ref{"named"}});
+        EXPECT_EQ(calls, (std::vector<Called>{{t.target, 1, Value(std::vector<int32_t>{3, 4})},
+                                              {t.target, 1, Value()},
+                                              {t.target, 1, Value()},
+                                              {t.target, 1, Value("by reference")}}));
+        EXPECT_EQ(host.live_texts(), texts); // a function's result is not kept
+        EXPECT_EQ(host.live_temps(), 0u);
+
+        // Names are looked up in any case.
+        const std::string lower = lower_case(t.target);
+        host.call_method(b, t.setter, {lower});
+        EXPECT_EQ(host.call_method(b, t.getter), Value(lower));
+        calls.clear();
+        host.call_method(b, "EXECUTE", {1});
+        EXPECT_EQ(calls, (std::vector<Called>{{t.target, 1, 1}}));
+
+        // Without a name, the default one is called.
+        const ObjectRef plain = host.new_object(t.cls);
+        EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
+        calls.clear();
+        host.call_method(plain, "EXECUTE", {7});
+        EXPECT_EQ(calls, (std::vector<Called>{{upper(t.default_name), 1, 7}}));
+        host.destroy(plain);
+        host.destroy(b);
+    }
+    host.erase_var("named");
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Behaviours, RoutineBehavioursRefuseAndReport) {
+    for (const Twin& t : twins) {
+        SCOPED_TRACE(t.cls);
+        const ObjectRef b = host.new_object(t.cls, {}, {{t.keyword, t.target}});
+        const ObjectRef other = host.new_object(
+            std::string(t.cls) == "ZOKFWPROCBEHAV" ? "ZOKFWFUNCBEHAV" : "ZOKFWPROCBEHAV");
+        const std::string wrong_type =
+            "Argument of the wrong type in " + std::string(t.setter_text) + ".";
+        struct Case {
+            zok::Args args;
+            int32_t code;
+            std::string text;
+        };
+        const std::string routine = std::string(t.cls) + "::EXECUTE";
+        auto set_then_execute = [&](const Value& name, const std::string& text, int32_t code) {
+            host.call_method(b, t.setter, {name});
+            const zok::Error e = expect_error(code, [&] { host.call_method(b, "EXECUTE"); });
+            EXPECT_EQ(e.text(), text);
+            EXPECT_TRUE(calls.empty());
+        };
+        calls.clear();
+        // The host reports a name that it does not know, and a routine of the other kind.
+        set_then_execute("NOSUCH",
+                         "Nothing is registered under the name NOSUCH in " + routine + ".",
+                         ZOK_ERR_UNKNOWN_ROUTINE);
+        set_then_execute("", "Nothing is registered under the name  in " + routine + ".",
+                         ZOK_ERR_UNKNOWN_ROUTINE);
+        set_then_execute(t.mismatch,
+                         std::string("Attempt to call undefined ") +
+                             (std::string(t.getter) == "PROC" ? "procedure: " : "function: ") +
+                             t.mismatch + " in " + routine + ".",
+                         ZOK_ERR_UNKNOWN_ROUTINE);
+        host.call_method(b, t.setter, {t.target});
+        const std::vector<Case> cases = {
+            {{b, 7}, ZOK_MSG_ARG_TYPE, wrong_type},
+            {{b, std::vector<std::string>{"RECORD"}}, ZOK_MSG_ARG_TYPE, wrong_type},
+            {{b, b}, ZOK_MSG_ARG_TYPE, wrong_type},
+            {{other, t.target},
+             ZOK_MSG_WRONG_CLASS,
+             "Argument 0 must be an object of class " +
+                 std::string(t.setter_text).substr(0, std::string(t.setter_text).find(':')) + "."},
+        };
+        for (const Case& c : cases) {
+            const Observable before(host);
+            const zok::Error e = expect_error(
+                c.code, [&] { host.call_procedure(std::string(t.cls) + "::" + t.setter, c.args); });
+            EXPECT_EQ(e.text(), c.text);
+            EXPECT_TRUE(Observable(host) == before);
+        }
+        EXPECT_EQ(host.call_method(b, t.getter), Value(t.target));
+        expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(b, "EXECUTE", {1, 2}); });
+        host.destroy(b);
+        host.destroy(other);
+    }
+}
+
+// The setter and INIT's keyword give up the text they replace, deliberately:
+// every other text comes back.
+TEST_F(Behaviours, RoutineBehavioursLeakExactlyTheTextsTheyReplace) {
+    for (const Twin& t : twins) {
+        SCOPED_TRACE(t.cls);
+        const size_t texts = settled().texts;
+        const ObjectRef named = host.new_object(t.cls, {}, {{t.keyword, "FIRST"}}); // 1
+        host.call_method(named, t.setter, {"SECOND"});                              // 2
+        host.call_method(named, t.setter, {"THIRD"});                               // 3
+        const ObjectRef plain = host.new_object(t.cls);
+        host.call_method(plain, t.getter);
+        host.call_method(plain, "EXECUTE", {"an argument"});
+        host.set_tag(plain, t.version, 0);
+        host.set_tag(plain, t.field, "SAVED"); // an upgrading RESTORE gives it back
+        as_if_restored(plain, "MESSIDENT");
+        host.call_method(plain, "RESTORE");
+        EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
+        EXPECT_EQ(host.get_tag(plain, t.version).as_int(), 1);
+        as_if_restored(named, "MESSIDENT");
+        host.call_method(named, "RESTORE"); // a current one keeps its name
+        EXPECT_EQ(host.call_method(named, t.getter), Value("THIRD"));
+        host.destroy(named);
+        host.destroy(plain);
+        EXPECT_EQ(settled().texts, texts + 3);
+        EXPECT_EQ(host.heap_count(), 0u);
+    }
+}
+
+TEST_F(Behaviours, AllocationFailuresInInitLeaveNothingBehind) {
+    const ObjectRef h = handler();
+    host.set_var("h", h);
+    for (const char* cls : {"ZOKFWPROCBEHAV", "ZOKFWFUNCBEHAV"}) {
+        SCOPED_TRACE(cls);
+        host.call_method(h, "SCOPEMESSAGE", {cls}); // so that no default handler is made
+        const Observable before = settled();
+        sweep_allocation_failures(
+            host, 200,
+            [&] {
+                host.set_var("made", host.new_object(cls, {},
+                                                     {{"HANDLER", h},
+                                                      {"MESSAGESTRING", std::string(cls)},
+                                                      {"REGISTER", 1}}));
+            },
+            [&](uint64_t) {
+                EXPECT_EQ(check_all(), "");
+                EXPECT_TRUE(settled() == before);
+            });
+        host.destroy(host.get_var("made").as_object());
+        host.erase_var("made");
+    }
+}
+
+// ---- Object-method behaviours on program objects.
+
+class ObjectBehaviours : public Behaviours {
+protected:
+    ObjectBehaviours() {
+        host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
+        host.define_struct("SUBTARGET", {}, "TARGET");
+        host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& c) {
+            hits.push_back({c.self().id, c.argc(), c.argc() == 2 ? c.arg(1) : Value()});
+            return Value();
+        });
+        host.add_procedure("SUBTARGET::HIT", 1, 2, [this](zok::Call& c) {
+            hits.push_back({c.self().id, -c.argc(), Value()});
+            return Value();
+        });
+        host.add_procedure("TARGET::DIE", 1, 2, [this](zok::Call& c) {
+            host.destroy(c.self());
+            return Value();
+        });
+    }
+    ObjectRef obj_behavior(const std::string& text, ObjectRef target, const std::string& method,
+                           ObjectRef parent = {}) {
+        zok::Keywords kw{{"MESSAGESTRING", text}, {"METHOD", method}, {"REGISTER", 1}};
+        if (target)
+            kw.push_back({"OBJECT", target});
+        if (parent)
+            kw.push_back({"HANDLER", parent});
+        return host.new_object("ZOKFWOBJBEHAV", {}, kw);
+    }
+    int32_t uses(const std::string& name) {
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            if (e.name == name)
+                return e.uses;
+        return 0;
+    }
+
+    struct Hit {
+        uint32_t target;
+        int32_t argc; // negative: the subclass's override ran
+        Value arg;
+        bool operator==(const Hit&) const = default;
+    };
+    std::vector<Hit> hits;
+};
+
+TEST_F(ObjectBehaviours, TheMethodRunsOnTheTargetWithTheSendsArgument) {
+    const ObjectRef h = handler();
+    const ObjectRef target = host.new_object("TARGET");
+    const ObjectRef sub = host.new_object("SUBTARGET");
+    const ObjectRef b = obj_behavior("tick", target, "hit", h);
+    const ObjectRef tick = message("tick", h);
+    EXPECT_EQ(host.call_method(b, "METHOD"), Value("hit"));
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+    host.call_method(tick, "SEND", {"payload"});
+    host.call_method(tick, "SEND");
+    host.call_method(b, "SETOBJECT", {sub}); // resolved by the target's own class
+    host.call_method(tick, "SEND", {1});
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 2, Value("payload")},
+                                      {target.id, 1, Value()},
+                                      {sub.id, -2, Value()}}));
+
+    // A name nobody registered, or an identifier without text, calls nothing.
+    hits.clear();
+    host.call_method(b, "SETMETHOD", {"NOSUCH"});
+    EXPECT_EQ(uses("hit"), 0); // the old name's use was given back
+    EXPECT_EQ(uses("NOSUCH"), 1);
+    host.call_method(tick, "SEND");
+    EXPECT_TRUE(hits.empty());
+    EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 1);
+    // A name the target's class lacks is the host's error.
+    host.call_method(b, "SETMETHOD", {"DESCRIBE"});
+    host.add_procedure("OTHER::DESCRIBE", 1, 1, [](zok::Call&) { return Value(); });
+    const zok::Error e =
+        expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(tick, "SEND"); });
+    EXPECT_EQ(e.text(), "Attempt to call undefined method: SUBTARGET::DESCRIBE in "
+                        "ZOKFWOBJBEHAV::EXECUTE.");
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(ObjectBehaviours, ADeadOrUnsetTargetUnregistersOnItsFirstDelivery) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    const ObjectRef live = host.new_object("TARGET");
+    const ObjectRef doomed = host.new_object("TARGET");
+    const ObjectRef a = obj_behavior("tick", doomed, "HIT", h);
+    const ObjectRef b = obj_behavior("tick", live, "HIT", h);
+    const ObjectRef unset = obj_behavior("tick", {}, "HIT", h);
+    const ObjectRef k = host.new_object("TARGET");
+    const ObjectRef killer = obj_behavior("tick", k, "DIE", h);
+    const ObjectRef after = obj_behavior("tick", k, "HIT", h); // finds k dead in the same send
+    host.destroy(doomed);
+    host.call_method(message("tick", h), "SEND", {5});
+    EXPECT_EQ(hits, (std::vector<Hit>{{live.id, 2, Value(5)}}));
+    EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, killer.id}));
+    for (const ObjectRef gone : {a, unset, after})
+        EXPECT_EQ(host.call_method(gone, "ISREGISTERED").as_int(), 0);
+
+    // The default handler's last behaviour takes the default handler with it.
+    const ObjectRef t = host.new_object("TARGET");
+    const ObjectRef root_behavior = obj_behavior("ping", t, "HIT");
+    const ObjectRef root = default_handler();
+    ASSERT_TRUE(root);
+    host.destroy(t);
+    host.call_method(message("ping"), "SEND");
+    EXPECT_FALSE(host.heap_alive(root.id));
+    EXPECT_EQ(flux::default_handler(), 0u);
+    EXPECT_EQ(host.call_method(root_behavior, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(ObjectBehaviours, RefusalsRestoreAndInitFailures) {
+    const ObjectRef h = handler();
+    const ObjectRef target = host.new_object("TARGET");
+    const ObjectRef b = obj_behavior("tick", target, "HIT", h);
+    const std::string wrong_type = "Argument of the wrong type in ZOKfwObjBehav::SetMethod.";
+    struct Case {
+        const char* routine;
+        zok::Args args;
+        int32_t code;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {"ZOKFWOBJBEHAV::SETMETHOD", {b, 7}, ZOK_MSG_ARG_TYPE, wrong_type},
+        {"ZOKFWOBJBEHAV::SETMETHOD",
+         {b, std::vector<std::string>{"HIT"}},
+         ZOK_MSG_ARG_TYPE,
+         wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT", {b, "HIT"}, ZOK_MSG_ARG_TYPE, wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT",
+         {b, std::vector<ObjectRef>{target}},
+         ZOK_MSG_ARG_TYPE,
+         wrong_type},
+        {"ZOKFWOBJBEHAV::SETOBJECT",
+         {probe("tick", h), target},
+         ZOK_MSG_WRONG_CLASS,
+         "Argument 0 must be an object of class ZOKfwObjBehav."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.routine);
+        const Observable before(host);
+        const zok::Error e = expect_error(c.code, [&] { host.call_procedure(c.routine, c.args); });
+        EXPECT_EQ(e.text(), c.text);
+        EXPECT_TRUE(Observable(host) == before);
+    }
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+
+    // RESTORE: the method identifier is translated; an old layout loses its target.
+    as_if_restored(b, "METH_IDENT");
+    as_if_restored(b, "MESSIDENT");
+    host.call_method(b, "RESTORE");
+    EXPECT_EQ(uses("HIT"), 1);
+    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
+    host.call_method(message("tick", h), "SEND");
+    EXPECT_EQ(hits.size(), 1u);
+    host.set_tag(b, "ZOKFWOBJBEHAV_VERSION", 0);
+    as_if_restored(b, "METH_IDENT");
+    as_if_restored(b, "MESSIDENT");
+    host.call_method(b, "RESTORE");
+    EXPECT_EQ(host.get_tag(b, "ZOKFWOBJBEHAV_VERSION").as_int(), 1);
+    EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
+    EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
+    host.destroy(b);
+
+    // INIT, failing at each allocation in turn.
+    host.call_method(h, "SCOPEMESSAGE", {"tock"});
+    host.set_var("h", h);
+    host.set_var("target", target);
+    const Observable before = settled();
+    sweep_allocation_failures(
+        host, 200, [&] { host.set_var("made", obj_behavior("tock", target, "HIT", h)); },
+        [&](uint64_t) {
+            EXPECT_EQ(check_all(), "");
+            EXPECT_TRUE(settled() == before);
+        });
+    host.destroy(host.get_var("made").as_object());
+    host.erase_var("made");
+    EXPECT_TRUE(settled() == before);
+}
+
+// ---- Queries and query behaviours.
+
+class Queries : public Behaviours {
+protected:
+    ObjectRef query(const std::string& text, ObjectRef parent) {
+        return host.new_object("ZOKFWQUERY", {}, {{"MESSAGESTRING", text}, {"HANDLER", parent}});
+    }
+    ObjectRef answer(const std::string& text, ObjectRef parent, std::optional<Value> response) {
+        zok::Keywords kw{{"MESSAGESTRING", text}, {"HANDLER", parent}, {"REGISTER", 1}};
+        if (response)
+            kw.push_back({"RESPONSE", *response});
+        return host.new_object("ZOKFWQUERYBEHAV", {}, kw);
+    }
+    uint32_t held(ObjectRef obj, const char* tag) { return host.get_tag(obj, tag).as_pointer().id; }
+};
+
+TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
+    const ObjectRef top = handler();
+    const ObjectRef low = handler(handler(top));
+    host.call_method(top, "SCOPEMESSAGE", {"ask"});
+    const ObjectRef qb = answer("ask", top, Value(42));
+    const ObjectRef q = query("ask", low);
+    EXPECT_EQ(host.call_method(q, "RESULT"), Value("UnInitialized Result"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value(42));
+    const uint32_t result = held(q, "QUERY_RESULT");
+    ASSERT_NE(result, 0u);
+
+    // Every later answer lands in the same heap variable, as a copy.
+    const Value list(std::vector<std::string>{"a", "b"});
+    host.call_method(qb, "SETRESPONSE", {list});
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), list);
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), list);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
+    host.call_method(qb, "SETRESPONSE", {"changed later"});
+    EXPECT_EQ(host.call_method(q, "RESULT"), list);
+    host.set_var("named", 7);
+    host.call_method(q, "SETRESULT", {zok::Ref{"named"}});
+    host.set_var("named", 8);
+    EXPECT_EQ(host.call_method(q, "RESULT"), Value(7));
+    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
+
+    // Two answers: each runs, in identifier order, so the later one's stays.
+    const ObjectRef blank = answer("ask", top, std::nullopt);
+    EXPECT_EQ(host.call_method(blank, "RESPONSE"), Value("UnInitialized Response"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value("UnInitialized Response"));
+    host.destroy(blank);
+
+    // Nobody answers: the previous result stays.
+    const ObjectRef lonely = query("nobody", low);
+    EXPECT_EQ(host.call_method(lonely, "SENDQUERY"), Value("UnInitialized Result"));
+    host.call_method(lonely, "SETRESULT", {2.5});
+    EXPECT_EQ(host.call_method(lonely, "SENDQUERY"), Value(2.5));
+
+    // EXECUTE called directly; SETRESPONSE with self alone clears.
+    host.call_method(qb, "EXECUTE", {lonely});
+    host.call_method(qb, "EXECUTE", {lonely});
+    EXPECT_EQ(host.call_method(lonely, "RESULT"), Value("changed later"));
+    const uint32_t response = held(qb, "RESPONSE");
+    host.call_method(qb, "SETRESPONSE");
+    EXPECT_FALSE(host.heap_alive(response));
+    EXPECT_EQ(held(qb, "RESPONSE"), 0u);
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("UnInitialized Response"));
+
+    // CLEANUP frees what each holds.
+    const uint32_t lonely_result = held(lonely, "QUERY_RESULT");
+    host.call_method(qb, "SETRESPONSE", {"x"});
+    const uint32_t last_response = held(qb, "RESPONSE");
+    host.destroy(lonely);
+    host.destroy(qb);
+    EXPECT_FALSE(host.heap_alive(lonely_result));
+    EXPECT_FALSE(host.heap_alive(last_response));
+    host.erase_var("named");
+    EXPECT_EQ(host.live_temps(), 0u);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Queries, RefusalsVanishedValuesAndRestore) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"ask"});
+    const ObjectRef qb = answer("ask", h, Value("yes"));
+    const ObjectRef q = query("ask", h);
+    const ObjectRef plain = message("ask", h);
+    const ObjectRef dead = query("ask", h);
+    host.destroy(dead);
+    struct Case {
+        std::function<void()> call;
+        int32_t code;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {[&] { host.call_method(qb, "EXECUTE", {plain}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 1 must be an object of class ZOKfwQuery."},
+        {[&] { host.call_method(qb, "EXECUTE", {7}); }, ZOK_ERR_NOT_OBJECT, ""},
+        {[&] { host.call_method(qb, "EXECUTE", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
+        {[&] { host.call_method(plain, "SEND"); }, ZOK_ERR_ARG_COUNT, ""},
+        {[&] { host.call_function("ZOKFWQUERY::SENDQUERY", {plain}); }, ZOK_MSG_WRONG_CLASS,
+         "Argument 0 must be an object of class ZOKfwQuery."},
+        {[&] {
+             host.call_procedure("ZOKFWQUERYBEHAV::SETRESPONSE", {q, 1});
+         },
+         ZOK_MSG_WRONG_CLASS, "Argument 0 must be an object of class ZOKfwQueryBehav."},
+        {[&] { host.call_method(q, "SETRESULT"); }, ZOK_ERR_ARG_COUNT, ""},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        const Observable before(host);
+        const zok::Error e = expect_error(cases[i].code, cases[i].call);
+        if (!cases[i].text.empty()) {
+            EXPECT_EQ(e.text(), cases[i].text);
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+
+    // A result or response whose heap variable has gone reads as undefined;
+    // setting it is the host's error.
+    host.call_method(q, "SENDQUERY");
+    host_heap_free(held(q, "QUERY_RESULT"), 0, 0);
+    EXPECT_FALSE(host.call_method(q, "RESULT").defined());
+    expect_error(ZOK_ERR_INVALID_OBJECT, [&] { host.call_method(q, "SETRESULT", {1}); });
+    host_heap_free(held(qb, "RESPONSE"), 0, 0);
+    host.call_method(qb, "EXECUTE", {query("other", h)});
+    host.set_tag(q, "QUERY_RESULT", zok::PointerRef{0});
+
+    // A heap variable that cannot be made leaves no value and no message.
+    host.set_tag(qb, "RESPONSE", zok::PointerRef{0});
+    host.clear_messages();
+    host.fail_label("(heap)");
+    host.call_method(qb, "SETRESPONSE", {1});
+    host.call_method(q, "SETRESULT", {1});
+    host.clear_faults();
+    EXPECT_EQ(held(qb, "RESPONSE"), 0u);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
+
+    // RESTORE: a query of an old layout drops its result (not freed); a
+    // query behaviour always keeps its response.
+    host.call_method(qb, "SETRESPONSE", {"kept"});
+    host.call_method(q, "SENDQUERY");
+    const uint32_t result = held(q, "QUERY_RESULT");
+    for (const ObjectRef obj : {q, qb})
+        as_if_restored(obj, obj == q ? "MESS_IDENT" : "MESSIDENT");
+    host.set_tag(q, "ZOKFWQUERY_VERSION", 0);
+    host.set_tag(qb, "ZOKFWQUERYBEHAV_VERSION", 0);
+    host.call_method(q, "RESTORE");
+    host.call_method(qb, "RESTORE");
+    EXPECT_EQ(host.get_tag(q, "ZOKFWQUERY_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(qb, "ZOKFWQUERYBEHAV_VERSION").as_int(), 1);
+    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
+    EXPECT_TRUE(host.heap_alive(result));
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept"));
+    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value("kept"));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Queries, AllocationFailuresInInitAndSendLeaveNothingBehind) {
+    const ObjectRef h = handler();
+    host.call_method(h, "SCOPEMESSAGE", {"ask"});
+    host.set_var("h", h);
+    host.set_var("qb", answer("ask", h, Value("yes")));
+    host.set_var("qb2", answer("ask", h, Value("yes")));
+    const std::vector<std::function<void()>> attempts = {
+        [&] { host.set_var("made", query("ask", h)); },
+        [&] { host.set_var("made", answer("ask", h, std::nullopt)); },
+        [&] {
+            EXPECT_EQ(host.call_method(host.get_var("q").as_object(), "SENDQUERY"), Value("yes"));
+        },
+    };
+    for (size_t i = 0; i < attempts.size(); ++i) {
+        SCOPED_TRACE("attempt " + std::to_string(i));
+        host.set_var("q", query("ask", h));
+        const Observable before = settled();
+        sweep_allocation_failures(
+            host, 200, attempts[i],
+            [&](uint64_t) {
+                EXPECT_EQ(check_all(), "");
+                EXPECT_TRUE(settled() == before);
+            },
+            1);
+        if (host.has_var("made")) {
+            host.destroy(host.get_var("made").as_object());
+            host.erase_var("made");
+        }
+        host.destroy(host.get_var("q").as_object());
+    }
+}
+
+// ---- Delayed behaviours.
+
+class Delayed : public ObjectBehaviours {
+protected:
+    Delayed() {
+        h = handler();
+        host.call_method(h, "SCOPEMESSAGE", {"arm"});
+        host.call_method(h, "SCOPEMESSAGE", {"fire"});
+        target = host.new_object("TARGET");
+        arm = message("arm", h);
+        fire = message("fire", h);
+    }
+    ObjectRef delayed(const char* cls, ObjectRef object, bool delay_message = true) {
+        zok::Keywords kw{
+            {"HANDLER", h}, {"MESSAGESTRING", "arm"}, {"METHOD", "hit"}, {"REGISTER", 1}};
+        if (object)
+            kw.push_back({"OBJECT", object});
+        if (delay_message)
+            kw.push_back({"DELAYMESSAGESTRING", "fire"});
+        return host.new_object(cls, {}, kw);
+    }
+    ObjectRef inner(ObjectRef d) { return host.get_tag(d, "SUB_BEHAVIOR").as_object(); }
+
+    ObjectRef h, target, arm, fire;
+};
+
+TEST_F(Delayed, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef in = inner(d);
+    EXPECT_EQ(host.class_of(in), "ZOKFWOBJBEHAV");
+    EXPECT_EQ(host.call_method(in, "OBJECT").as_object(), d);
+    EXPECT_EQ(host.call_method(in, "METHOD"), Value("DELAYEXECUTE"));
+    EXPECT_EQ(host.call_method(in, "HANDLER").as_object(), h);
+    EXPECT_EQ(host.call_method(in, "MESSAGESTRING"), Value("fire"));
+    EXPECT_EQ(host.call_method(in, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
+
+    host.call_method(fire, "SEND"); // unarmed: nothing
+    for (int i = 0; i < 3; ++i)
+        host.call_method(arm, "SEND");
+    EXPECT_EQ(filed(h, "fire"), std::vector{in.id});
+    EXPECT_TRUE(hits.empty());
+    host.call_method(fire, "SEND");
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 1, Value()}}));
+    EXPECT_TRUE(filed(h, "fire").empty());
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+
+    // The methods take self alone: a send that carries an argument is refused by the host.
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND", {1}); });
+    host.call_method(d, "SETMETHOD", {"DIE"});
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // the target dies during the deferred call
+    EXPECT_FALSE(host.heap_alive(target.id));
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // now there is no target: unregistered and disarmed
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 0);
+    EXPECT_TRUE(filed(h, "fire").empty());
+    host.call_method(arm, "SEND");
+    EXPECT_TRUE(filed(h, "fire").empty());
+
+    // Without a delay message the inner behaviour keeps its own; it dies with its owner.
+    const ObjectRef plain = delayed("ZOKFWDELAYBEHAV", {}, false);
+    EXPECT_EQ(host.call_method(inner(plain), "MESSAGESTRING"), Value("Generic Message"));
+    host.destroy(d);
+    EXPECT_FALSE(host.heap_alive(in.id));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
+    const ObjectRef d = delayed("ZOKFWDELAYARGBEHAV", target);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYARGBEHAV_VERSION").as_int(), 0);
+    for (const int v : {3, 7, 5})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    host.call_method(d, "DELAYEXECUTE"); // no arming since: 0
+    for (const int v : {-4, -1})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    zok_var* converted = host_convert_var(host.make_temp(7.9), ZOK_T_LONG);
+    const Value expected = host.read(*converted);
+    host.call_method(d, "EXECUTE", {7.9});
+    host.call_method(d, "EXECUTE", {"6"});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 2, Value(7)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, expected}}));
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(d, "EXECUTE"); });
+    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND"); });
+    const Observable before(host);
+    expect_error(ZOK_ERR_CONVERSION, [&] { host.call_method(d, "EXECUTE", {"seven"}); });
+    EXPECT_TRUE(Observable(host) == before);
+    // SETMETHOD and RESTORE are the delayed behaviour's.
+    host.call_method(d, "SETMETHOD", {"NOSUCH"});
+    host.call_method(d, "EXECUTE", {1});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits.size(), 4u);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0); // reset even though nothing was called
+    host.destroy(d);
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, RefusalsRestoreAndAllocationFailures) {
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef in = inner(d);
+    struct Case {
+        zok::Args args;
+        int32_t code;
+    };
+    for (const Case& c :
+         std::vector<Case>{{{d, 7}, ZOK_ERR_NOT_STRING},
+                           {{d, std::vector<std::string>{"HIT"}}, ZOK_ERR_NOT_SIMPLE},
+                           {{in, "HIT"}, ZOK_MSG_WRONG_CLASS}}) {
+        const Observable before(host);
+        const zok::Error e = expect_error(
+            c.code, [&] { host.call_procedure("ZOKFWDELAYBEHAV::SETMETHOD", c.args); });
+        if (c.code == ZOK_MSG_WRONG_CLASS) {
+            EXPECT_EQ(e.text(), "Argument 0 must be an object of class ZOKfwDelayBehav.");
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+
+    // RESTORE restores the inner behaviour once, upgrades the version and
+    // translates the method's identifier.
+    host.call_method(arm, "SEND");
+    as_if_restored(d, "METH_IDENT");
+    as_if_restored(d, "MESSIDENT");
+    as_if_restored(in, "MESSIDENT");
+    host.set_tag(d, "ZOKFWDELAYBEHAV_VERSION", 0);
+    host.call_method(d, "RESTORE");
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(in, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+    EXPECT_EQ(uses("hit"), 1);
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits.size(), 1u);
+    host.destroy(d);
+
+    // INIT of both classes, and an arming and a delay message, failing at
+    // each allocation in turn.
+    host.set_var("h", h);
+    host.set_var("target", target);
+    host.set_var("armed", delayed("ZOKFWDELAYARGBEHAV", target));
+    for (const char* cls : {"ZOKFWDELAYBEHAV", "ZOKFWDELAYARGBEHAV", ""}) {
+        SCOPED_TRACE(cls);
+        const Observable before = settled();
+        sweep_allocation_failures(
+            host, 400,
+            [&] {
+                if (*cls != 0) {
+                    host.set_var("made", delayed(cls, target));
+                    return;
+                }
+                host.call_method(arm, "SEND", {std::string("9")});
+                host.call_method(fire, "SEND");
+            },
+            [&](uint64_t) {
+                EXPECT_EQ(check_all(), "");
+                if (*cls != 0) {
+                    EXPECT_TRUE(same_but_tree_shapes(settled(), before));
+                }
+            },
+            *cls != 0 ? 3 : 1);
+        if (host.has_var("made")) {
+            host.destroy(host.get_var("made").as_object());
+            host.erase_var("made");
+            EXPECT_TRUE(same_but_tree_shapes(settled(), before));
+        }
+    }
+    EXPECT_EQ(hits.back(), (Hit{target.id, 2, Value(9)}));
+}
+
+} // namespace
