@@ -7,17 +7,12 @@
 
 namespace flux {
 
-namespace {
-
-// The identifier of a fixed text, one use counted.
 uint32_t acquire_message_ident(const char* text) {
     // A borrowed descriptor: the registry copies the text when it keeps it.
     const zok_string borrowed{static_cast<uint32_t>(std::strlen(text)), 0, 0,
                               const_cast<char*>(text)};
     return fwident_acquire_name(&borrowed);
 }
-
-} // namespace
 
 uint32_t initial_message_ident(const KeywordFront* keywords, const char* routine) {
     uint32_t ident = acquire_message_ident("Generic Message");

@@ -10,6 +10,9 @@
 
 namespace flux {
 
+// The identifier of a fixed text, one use counted.
+uint32_t acquire_message_ident(const char* text);
+
 // The identifier an INIT starts with: that of "Generic Message", replaced by
 // that of the MESSAGESTRING keyword when it was given; one use counted.
 uint32_t initial_message_ident(const KeywordFront* keywords, const char* routine);
