@@ -43,6 +43,7 @@ struct RoutineRow {
     std::vector<Value> args = {};
 };
 
+// clang-format off
 const RoutineRow routines[] = {
     {"ZOKFWSAVEABLE::INIT", function, 1, 1, 0, ZOK_T_LONG},
     {"ZOKFWSAVEABLE::CLEANUP", procedure, 1, 1},
@@ -64,11 +65,13 @@ const RoutineRow routines[] = {
     {"FWIDENT_RELEASE", procedure, 1, 1},
     {"ZOKFWSAVEABLERESTOREARRAY", procedure, 1, 1},
 };
+// clang-format on
 
 constexpr uint8_t byte = ZOK_T_BYTE, i32 = ZOK_T_LONG, dbl = ZOK_T_DOUBLE, str = ZOK_T_STRING,
                   ptr = ZOK_T_POINTER, obj = ZOK_T_OBJECT, i64 = ZOK_T_LONG64;
 
-// A structure's own tags follow its parent's.
+// A structure's own tags, which follow its parent's, and the module's getter of its
+// definition.
 struct StructRow {
     const char* name;
     const char* parent;
@@ -76,83 +79,48 @@ struct StructRow {
     zok_struct_def* (*definition)();
 };
 
+// clang-format off
 const StructRow structures[] = {
-    {"ZOKFWSAVEABLE",
-     "",
-     {{"ZOKFWSAVEABLE_TOP", dbl}, {"ZOKFWSAVEABLE_VERSION", i32}},
+    {"ZOKFWSAVEABLE", "", {{"ZOKFWSAVEABLE_TOP", dbl}, {"ZOKFWSAVEABLE_VERSION", i32}},
      flux::struct_saveable},
-    {"ZOKFWHASAHANDLER",
-     "ZOKFWSAVEABLE",
-     {{"HASAHANDLER_VERSION", i32}, {"MYHANDLER", obj}},
+    {"ZOKFWHASAHANDLER", "ZOKFWSAVEABLE", {{"HASAHANDLER_VERSION", i32}, {"MYHANDLER", obj}},
      flux::struct_hasahandler},
     {"ZOKDSMAP", "", {{"ZOKDSMAP_VERSION", i32}, {"THE_MAP", ptr}}, flux::struct_dsmap},
-    {"ZOKFWBEHAVIOR",
-     "ZOKFWHASAHANDLER",
+    {"ZOKFWBEHAVIOR", "ZOKFWHASAHANDLER",
      {{"ZOKFWBEHAVIOR_VERSION", i32}, {"IS_REGISTERED", byte}, {"MESSIDENT", ptr}},
      flux::struct_behavior},
-    {"ZOKFWDELAYBEHAV",
-     "ZOKFWBEHAVIOR",
-     {{"ZOKFWDELAYBEHAV_VERSION", i32},
-      {"OBJECT", obj},
-      {"METH_IDENT", ptr},
-      {"SUB_BEHAVIOR", obj}},
-     flux::struct_delaybehav},
-    {"ZOKFWDELAYARGBEHAV",
-     "ZOKFWDELAYBEHAV",
-     {{"ZOKFWDELAYARGBEHAV_VERSION", i32}, {"ARG", i32}},
+    {"ZOKFWDELAYBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWDELAYBEHAV_VERSION", i32}, {"OBJECT", obj}, {"METH_IDENT", ptr},
+      {"SUB_BEHAVIOR", obj}}, flux::struct_delaybehav},
+    {"ZOKFWDELAYARGBEHAV", "ZOKFWDELAYBEHAV", {{"ZOKFWDELAYARGBEHAV_VERSION", i32}, {"ARG", i32}},
      flux::struct_delayargbehav},
-    {"ZOKFWFUNCBEHAV",
-     "ZOKFWBEHAVIOR",
-     {{"ZOKFWFUNCBEHAV_TOP", i64},
-      {"ZOKFWFUNCBEHAV_VERSION", i32},
-      {"FUNC_STRING", str},
-      {"ZOKFWFUNCBEHAV_BOTTOM", i64}},
-     flux::struct_funcbehav},
-    {"ZOKFWMESSAGE",
-     "ZOKFWHASAHANDLER",
-     {{"ZOKFWMESSAGE_VERSION", i32}, {"MESS_IDENT", ptr}},
+    {"ZOKFWFUNCBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWFUNCBEHAV_TOP", i64}, {"ZOKFWFUNCBEHAV_VERSION", i32}, {"FUNC_STRING", str},
+      {"ZOKFWFUNCBEHAV_BOTTOM", i64}}, flux::struct_funcbehav},
+    {"ZOKFWMESSAGE", "ZOKFWHASAHANDLER", {{"ZOKFWMESSAGE_VERSION", i32}, {"MESS_IDENT", ptr}},
      flux::struct_message},
-    {"ZOKFWMESSAGEHANDLER",
-     "ZOKFWHASAHANDLER",
-     {{"ZOKFWMESSAGEHANDLER_VERSION", i32}, {"BEHAVIORS", ptr}},
-     flux::struct_messagehandler},
-    {"ZOKFWOBJBEHAV",
-     "ZOKFWBEHAVIOR",
-     {{"ZOKFWOBJBEHAV_VERSION", i32}, {"OBJECT", obj}, {"METH_IDENT", ptr}},
-     flux::struct_objbehav},
-    {"ZOKFWPROCBEHAV",
-     "ZOKFWBEHAVIOR",
-     {{"ZOKFWPROCBEHAV_TOP", i64},
-      {"ZOKFWPROCBEHAV_VERSION", i32},
-      {"PROC_STRING", str},
-      {"ZOKFWPROCBEHAV_BOTTOM", i64}},
-     flux::struct_procbehav},
-    {"ZOKFWQUERY",
-     "ZOKFWMESSAGE",
-     {{"ZOKFWQUERY_VERSION", i32}, {"QUERY_RESULT", ptr}},
+    {"ZOKFWMESSAGEHANDLER", "ZOKFWHASAHANDLER",
+     {{"ZOKFWMESSAGEHANDLER_VERSION", i32}, {"BEHAVIORS", ptr}}, flux::struct_messagehandler},
+    {"ZOKFWOBJBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWOBJBEHAV_VERSION", i32}, {"OBJECT", obj}, {"METH_IDENT", ptr}}, flux::struct_objbehav},
+    {"ZOKFWPROCBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWPROCBEHAV_TOP", i64}, {"ZOKFWPROCBEHAV_VERSION", i32}, {"PROC_STRING", str},
+      {"ZOKFWPROCBEHAV_BOTTOM", i64}}, flux::struct_procbehav},
+    {"ZOKFWQUERY", "ZOKFWMESSAGE", {{"ZOKFWQUERY_VERSION", i32}, {"QUERY_RESULT", ptr}},
      flux::struct_query},
-    {"ZOKFWQUERYBEHAV",
-     "ZOKFWBEHAVIOR",
-     {{"ZOKFWQUERYBEHAV_VERSION", i32}, {"RESPONSE", ptr}},
+    {"ZOKFWQUERYBEHAV", "ZOKFWBEHAVIOR", {{"ZOKFWQUERYBEHAV_VERSION", i32}, {"RESPONSE", ptr}},
      flux::struct_querybehav},
-    {"ZOK_MAP_RBH_NODE",
-     "",
-     {{"FLINK", ptr},
-      {"BLINK", ptr},
-      {"PARENT", ptr},
-      {"KEY", ptr},
-      {"VAL", ptr},
-      {"STATUS0", byte},
-      {"STATUS1", byte},
-      {"STATUS2", byte},
-      {"STATUS3", byte},
+    {"ZOK_MAP_RBH_NODE", "",
+     {{"FLINK", ptr}, {"BLINK", ptr}, {"PARENT", ptr}, {"KEY", ptr}, {"VAL", ptr},
+      {"STATUS0", byte}, {"STATUS1", byte}, {"STATUS2", byte}, {"STATUS3", byte},
       {"STATUS4", byte}},
      flux::struct_map_rbh_node},
 };
+// clang-format on
 
-// A keyword's type and flags, and its rank in the results record: every record
-// keeps its fields in this order, so that the shared front can be handed to a
-// base class's initialisation.
+// A keyword's type and flags, and its rank in the results record: every record keeps
+// its fields in rank order, so that the shared front can be handed to a base class's
+// initialisation.
 struct Keyword {
     const char* name;
     uint8_t type;
@@ -172,31 +140,27 @@ struct KeywordRow {
     std::vector<Keyword> keywords;
 };
 
+// clang-format off
 const KeywordRow keyword_tables[] = {
     {"ZOKFWHASAHANDLER", flux::handler_keyword_table, {HANDLER}},
     {"ZOKFWMESSAGEHANDLER", flux::handler_keyword_table, {HANDLER}},
     {"ZOKFWBEHAVIOR", flux::behavior_keyword_table, {HANDLER, MESSAGESTRING, REGISTER, SCOPE}},
     {"ZOKFWMESSAGE", flux::message_keyword_table, {HANDLER, MESSAGESTRING, SCOPE}},
     {"ZOKFWQUERY", flux::message_keyword_table, {HANDLER, MESSAGESTRING, SCOPE}},
-    {"ZOKFWFUNCBEHAV",
-     flux::funcbehav_keyword_table,
+    {"ZOKFWFUNCBEHAV", flux::funcbehav_keyword_table,
      {FUNCTION, HANDLER, MESSAGESTRING, REGISTER, SCOPE}},
-    {"ZOKFWPROCBEHAV",
-     flux::procbehav_keyword_table,
+    {"ZOKFWPROCBEHAV", flux::procbehav_keyword_table,
      {HANDLER, MESSAGESTRING, PROCEDURE, REGISTER, SCOPE}},
-    {"ZOKFWOBJBEHAV",
-     flux::objbehav_keyword_table,
+    {"ZOKFWOBJBEHAV", flux::objbehav_keyword_table,
      {HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
-    {"ZOKFWDELAYBEHAV",
-     flux::delaybehav_keyword_table,
+    {"ZOKFWDELAYBEHAV", flux::delaybehav_keyword_table,
      {DELAYMESSAGESTRING, HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
-    {"ZOKFWDELAYARGBEHAV",
-     flux::delaybehav_keyword_table,
+    {"ZOKFWDELAYARGBEHAV", flux::delaybehav_keyword_table,
      {DELAYMESSAGESTRING, HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
-    {"ZOKFWQUERYBEHAV",
-     flux::querybehav_keyword_table,
+    {"ZOKFWQUERYBEHAV", flux::querybehav_keyword_table,
      {HANDLER, MESSAGESTRING, REGISTER, RESPONSE, SCOPE}},
 };
+// clang-format on
 
 struct MessageRow {
     int32_t code;
@@ -293,33 +257,23 @@ TEST_F(Interface, KeywordTablesAreTheRows) {
         const zok_keyword_entry* e = row.table;
         EXPECT_STREQ(e->keyword, "");
         EXPECT_EQ(e->type + e->mask + e->flags + e->given + e->value, 0);
-        std::vector<const zok_keyword_entry*> by_place;
+        std::map<int, const zok_keyword_entry*> by_rank;
         for (const Keyword& k : row.keywords) {
-            ++e;
-            ASSERT_NE(e->keyword, nullptr) << "table ends before " << k.name;
+            ASSERT_NE((++e)->keyword, nullptr) << "the table ends before " << k.name;
             EXPECT_STREQ(e->keyword, k.name);
             EXPECT_EQ(e->type, k.type) << k.name;
             EXPECT_EQ(e->mask, 1) << k.name;
             EXPECT_EQ(e->flags, k.flags) << k.name;
-            const auto [place, fresh] = places.try_emplace(k.name, e->given, e->value);
+            const auto place = places.try_emplace(k.name, e->given, e->value).first;
             EXPECT_EQ(place->second, std::pair(e->given, e->value)) << k.name << " moved";
-            by_place.push_back(e);
+            by_rank[k.rank] = e;
         }
-        EXPECT_EQ((++e)->keyword, nullptr) << "table goes on after its rows";
-        // Fields lie in rank order, each value after its given flag.
-        std::sort(by_place.begin(), by_place.end(),
-                  [](auto* a, auto* b) { return a->given < b->given; });
-        auto rank = [&](const zok_keyword_entry* k) {
-            return std::find_if(row.keywords.begin(), row.keywords.end(),
-                                [&](const Keyword& w) { return w.name == std::string(k->keyword); })
-                ->rank;
-        };
-        for (size_t i = 0; i < by_place.size(); ++i) {
-            EXPECT_GT(by_place[i]->given, i == 0 ? 0 : by_place[i - 1]->value);
-            EXPECT_GT(by_place[i]->value, by_place[i]->given);
-            if (i > 0) {
-                EXPECT_LT(rank(by_place[i - 1]), rank(by_place[i])) << by_place[i]->keyword;
-            }
+        EXPECT_EQ((++e)->keyword, nullptr) << "the table goes on after its rows";
+        int64_t end = 0; // of the leading word
+        for (const auto& [rank, k] : by_rank) {
+            EXPECT_GT(k->given, end) << k->keyword;
+            EXPECT_GT(k->value, k->given) << k->keyword;
+            end = k->value;
         }
     }
 }
