@@ -49,21 +49,21 @@ struct Step {
 // Appending keys in ascending order.
 const Step ascending[] = {
     {10, "10"},
-    {20, "B(10 20)"},                                                   // a red root turns black
-    {30, "B(10 R(20 30))"},                                             // under a black parent
-    {40, "B(R(10 20) R(30 40))"},                                       // right-right: one rotation
-    {50, "B(B(10 20) B(30 R(40 50)))"},                                 // red uncle, up to the root
-    {60, "B(B(10 20) B(R(30 40) R(50 60)))"},                           //
-    {70, "B(B(10 20) R(B(30 40) B(50 R(60 70))))"},                     // red uncle, black above
-    {80, "B(B(10 20) R(B(30 40) B(R(50 60) R(70 80))))"},               //
-    {90, "B(R(B(10 20) B(30 40)) R(B(50 60) B(70 R(80 90))))"},         // red uncle, then rotation
-    {100, "B(R(B(10 20) B(30 40)) R(B(50 60) B(R(70 80) R(90 100))))"}, //
+    {20, "B(10 20)"},                   // a red root turns black
+    {30, "B(10 R(20 30))"},             // under a black parent
+    {40, "B(R(10 20) R(30 40))"},       // right-right: one rotation
+    {50, "B(B(10 20) B(30 R(40 50)))"}, // red uncle, up to the root
+    {60, "B(B(10 20) B(R(30 40) R(50 60)))"},
+    {70, "B(B(10 20) R(B(30 40) B(50 R(60 70))))"}, // red uncle, black above
+    {80, "B(B(10 20) R(B(30 40) B(R(50 60) R(70 80))))"},
+    {90, "B(R(B(10 20) B(30 40)) R(B(50 60) B(70 R(80 90))))"}, // red uncle, then rotation
+    {100, "B(R(B(10 20) B(30 40)) R(B(50 60) B(R(70 80) R(90 100))))"},
     {110, "B(B(B(10 20) B(30 40)) B(B(50 60) R(B(70 80) B(90 R(100 110)))))"}, // twice up
 };
 
 // Each sequence starts with the first `appended` steps above.  Deletion cases are named
-// by x, the leaf's sibling once it has taken its parent's place, p its new parent, w
-// x's sibling; "left" and "right" say on which side of p x hangs.
+// by x, the deleted leaf's sibling once it has taken their parent's place, p its new
+// parent and w x's sibling; "left" and "right" say on which side of p x hangs.
 struct Sequence {
     size_t appended;
     std::vector<Step> steps;
@@ -79,10 +79,12 @@ const Sequence sequences[] = {
          {3, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(40 50)))"}, // left-left
          {35, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 40) 50)))"},
          {37, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // left-right
-         {-3, "B(B(5 R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // leaf x, red p
-         {-5, "B(B(10 20) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"},      // red x turns black
-         {-10, "B(R(B(20 R(25 26)) B(27 30)) B(R(35 37) R(40 50)))"}, // red w, left; far red
-         {-27, "B(B(R(20 25) R(26 30)) B(R(35 37) R(40 50)))"},       // near red, red p, right
+         {-3,
+          "B(B(5 R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // a red parent goes:
+                                                                            // nothing to mend
+         {-5, "B(B(10 20) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"},  // red x turns black
+         {-10, "B(R(B(20 R(25 26)) B(27 30)) B(R(35 37) R(40 50)))"},       // red w, left; far red
+         {-27, "B(B(R(20 25) R(26 30)) B(R(35 37) R(40 50)))"}, // near red, red p, right
          {-20, "B(B(25 R(26 30)) B(R(35 37) R(40 50)))"},
          {-25, "B(B(26 30) B(R(35 37) R(40 50)))"},
          {-40, "B(B(26 30) B(R(35 37) 50))"},
@@ -90,9 +92,9 @@ const Sequence sequences[] = {
          {-26, "B(30 R(35 37))"},       // deficit up to the root
          {-30, "R(35 37)"},             // the root's red child becomes the root, still red
          {40, "B(35 R(37 40))"},        // under a red root
-         {-40, "B(35 37)"},             //
-         {-35, "37"},                   // the root's leaf child becomes the root
-         {-37, ""},                     // the last leaf
+         {-40, "B(35 37)"},
+         {-35, "37"}, // the root's leaf child becomes the root
+         {-37, ""},   // the last leaf
      }},
     {5,
      {
