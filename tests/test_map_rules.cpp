@@ -41,6 +41,7 @@ TEST_F(Rules, SearchAndInsertAtTheEdges) {
     EXPECT_EQ(flux::map_rb_find_ikey_n(head, 5, found), head);
     EXPECT_FALSE(found);
     Rbh rbh;
+    EXPECT_EQ(tree.check() + rbh.check(), "") << "a new head names itself and is flagged";
     EXPECT_EQ(flux::map_rbh_find_key_n(rbh.head, 5, found), rbh.head);
     EXPECT_FALSE(found);
     rbh.free();
