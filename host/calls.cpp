@@ -187,7 +187,9 @@ FrameGuard::~FrameGuard() {
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
                                       "Keyword texts were not freed by " +
                                           frame_.routine->name->text + "; the host freed them.",
-                                      ZOK_ACTION_WARN, frame_.routine->name->text});
+                                      ZOK_ACTION_WARN,
+                                      frame_.routine->name->text,
+                                      {}});
     release_held_keywords(frame_);
     if (failing)
         release_temps_since(frame_.first_temp);

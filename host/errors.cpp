@@ -12,8 +12,8 @@
 
 namespace zok {
 
-Error::Error(int32_t code, std::string text, std::string routine)
-    : code_(code), text_(std::move(text)), routine_(std::move(routine)) {
+Error::Error(int32_t code, std::string text, std::string routine, std::string block)
+    : code_(code), text_(std::move(text)), routine_(std::move(routine)), block_(std::move(block)) {
     what_ = routine_.empty() ? text_ : routine_ + ": " + text_;
 }
 
@@ -60,12 +60,12 @@ std::string where() {
     return r.empty() ? std::string() : " in " + r;
 }
 
-void raise(int32_t code, int32_t action, std::string text) {
+void raise(int32_t code, int32_t action, std::string text, std::string block) {
     State& s = state();
     std::string routine = running_routine();
-    s.messages.push_back(Message{code, text, action, routine});
+    s.messages.push_back(Message{code, text, action, routine, block});
     if (action == ZOK_ACTION_ERROR && !s.errors_return)
-        throw Error(code, std::move(text), std::move(routine));
+        throw Error(code, std::move(text), std::move(routine), std::move(block));
 }
 
 const char* type_name(uint8_t type) {
@@ -238,7 +238,7 @@ void host_message_from_block(const zok_message_block* block, int32_t code, int32
                   ".");
         return;
     }
-    raise(code, action, block->messages[static_cast<size_t>(index)].text);
+    raise(code, action, block->messages[static_cast<size_t>(index)].text, block->name);
 }
 
 } // extern "C"

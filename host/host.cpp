@@ -27,7 +27,7 @@ namespace {
 // Records an error of the program API and throws it, whatever errors_return says.
 [[noreturn]] void api_error(int32_t code, std::string text) {
     State& s = state();
-    s.messages.push_back(Message{code, text, ZOK_ACTION_ERROR, {}});
+    s.messages.push_back(Message{code, text, ZOK_ACTION_ERROR, {}, {}});
     throw Error(code, std::move(text), {});
 }
 
@@ -396,6 +396,15 @@ std::vector<std::string> Host::tags_of(std::string_view name) const {
     return out;
 }
 
+std::vector<TagSpec> Host::tag_specs(std::string_view name) const {
+    StructInfo* info = detail::find_struct(name);
+    std::vector<TagSpec> out;
+    if (info)
+        for (const StructInfo::Tag& t : info->tags)
+            out.push_back({t.name, t.type});
+    return out;
+}
+
 std::vector<std::string> Host::struct_names() const {
     std::vector<std::string> out;
     for (const auto& [name, info] : state_->structs)
@@ -611,6 +620,16 @@ const std::vector<Message>& Host::messages() const {
 
 void Host::clear_messages() {
     state_->messages.clear();
+}
+
+std::map<std::string, std::vector<MessageDef>> Host::message_blocks() const {
+    std::map<std::string, std::vector<MessageDef>> out;
+    for (const auto& [name, block] : state_->blocks) {
+        std::vector<MessageDef>& defs = out[name];
+        for (const zok_message_def& m : block->messages)
+            defs.push_back({m.name, m.text});
+    }
+    return out;
 }
 
 void Host::set_errors_return(bool on) {

@@ -29,7 +29,7 @@ namespace zok {
 // A message raised with the error action, as the program sees it.
 class Error : public std::exception {
 public:
-    Error(int32_t code, std::string text, std::string routine);
+    Error(int32_t code, std::string text, std::string routine, std::string block = {});
     ~Error() override;
     const char* what() const noexcept override;
 
@@ -38,11 +38,14 @@ public:
     // The registered routine that was running when the message was raised
     // (empty when none was).
     const std::string& routine() const { return routine_; }
+    // The message block the message came from (empty for the host's own).
+    const std::string& block() const { return block_; }
 
 private:
     int32_t code_;
     std::string text_;
     std::string routine_;
+    std::string block_;
     std::string what_;
 };
 
@@ -52,6 +55,13 @@ struct Message {
     std::string text;
     int32_t action = 0;
     std::string routine;
+    std::string block; // empty for the host's own messages
+};
+
+// One message of a module's message block: its name and text.
+struct MessageDef {
+    std::string name;
+    std::string text;
 };
 
 // Heap references, kept apart from integers so that they cannot be confused.
@@ -346,6 +356,8 @@ public:
     zok_struct_def* find_struct(std::string_view name) const;
     // Tag names of a structure in instance order (inherited first).
     std::vector<std::string> tags_of(std::string_view name) const;
+    // The same with each tag's type code.
+    std::vector<TagSpec> tag_specs(std::string_view name) const;
     // Every defined structure's name, in byte order, and a structure's parent
     // ("" for none).
     std::vector<std::string> struct_names() const;
@@ -413,6 +425,9 @@ public:
     // ---- Messages
     const std::vector<Message>& messages() const;
     void clear_messages();
+    // Every defined message block by name, its messages in code order (code
+    // 0 first, then -1, -2, ...).
+    std::map<std::string, std::vector<MessageDef>> message_blocks() const;
     // Test hook: the error action records and returns instead of raising.
     void set_errors_return(bool on);
 

@@ -13,31 +13,6 @@ using namespace maptest;
 
 class Rules : public TreeTest {
 protected:
-    // An rb tree of the integer keys given, inserted in that order.
-    RbNode* rb_tree(const std::vector<int32_t>& keys) {
-        RbNode* head = flux::map_rb_new_tree();
-        for (int32_t k : keys)
-            flux::map_insert_ikey(head, k, 0);
-        return head;
-    }
-    uint32_t rbh_tree(const std::vector<uint32_t>& keys) {
-        uint32_t head = flux::map_rbh_new_tree();
-        for (uint32_t k : keys)
-            flux::maph_insert_key(head, k, 0);
-        return head;
-    }
-    std::vector<int32_t> rb_keys(RbNode* head) {
-        std::vector<int32_t> keys;
-        for (RbNode* e = flux::map_first(head); e != head; e = flux::map_next(e))
-            keys.push_back(static_cast<int32_t>(e->key));
-        return keys;
-    }
-    std::vector<uint32_t> rbh_keys(uint32_t head) {
-        std::vector<uint32_t> keys;
-        for (uint32_t e = flux::maph_first(head); e != head; e = flux::maph_next(e))
-            keys.push_back(flux::maph_node_key(e));
-        return keys;
-    }
     // The messages raised since the last call, as code and text.
     std::vector<std::string> raised() {
         std::vector<std::string> texts;
@@ -56,65 +31,45 @@ protected:
     }
 };
 
-TEST_F(Rules, EmptyTreeAndItsOnlyLeaf) {
-    RbNode* rb = flux::map_rb_new_tree();
-    uint32_t rbh = flux::map_rbh_new_tree();
-    auto names_itself = [&] {
-        const flux::RbhNodeData* head = flux::map_rbh_node(rbh);
-        return rb->left == rb && rb->right == rb && rb->parent == rb && head->flink == rbh &&
-               head->blink == rbh && head->parent == rbh && head->status[4] == 1;
-    };
-    EXPECT_TRUE(names_itself());
-    bool found = true, hfound = true;
-    EXPECT_EQ(flux::map_rb_find_ikey_n(rb, 5, found), rb);
-    EXPECT_EQ(flux::map_rbh_find_key_n(rbh, 5, hfound), rbh);
-    EXPECT_FALSE(found || hfound);
-    // Inserting at the head makes a single black root leaf.
-    RbNode* leaf = flux::map_rb_insert_b(rb, 5, 50);
-    uint32_t hleaf = flux::map_rbh_insert_b(rbh, 5, 50);
-    EXPECT_EQ(rb->parent, leaf);
-    EXPECT_EQ(flux::map_rbh_node(rbh)->parent, hleaf);
-    EXPECT_EQ(flux::map_rb_nblack(leaf) + flux::map_rbh_nblack(hleaf), 2);
-    EXPECT_EQ(flux::map_rb_check(rb, int_order) + flux::map_rbh_check(rbh, unsigned_order), "");
-    flux::map_rb_delete_node(leaf);
-    flux::map_rbh_delete_node(hleaf);
-    EXPECT_TRUE(names_itself());
-    EXPECT_EQ(host.frees("map_rb_delete_node"), 1u);
-    EXPECT_FALSE(host.heap_alive(hleaf));
-    flux::map_rb_free_tree(rb);
-    flux::map_rbh_free_tree(rbh);
-    EXPECT_EQ(host.frees("map_rb_free_tree"), 1u);
-    EXPECT_EQ(plain_blocks() + heap_vars(), 0u);
-}
-
-TEST_F(Rules, SearchInsertAndDeleteAtTheEdges) {
-    // 1, 2, 3 appended: a black root over leaf 1 and a red node over leaves 2 and 3.
-    RbNode* head = rb_tree({1, 2, 3});
+// Searching an empty tree gives the head; a key above every key gives the head, one equal
+// to the greatest gives the last leaf without a descent; an equal key goes before the one
+// found.  Nodes go back under the names of the routines that free them.
+TEST_F(Rules, SearchAndInsertAtTheEdges) {
+    Rb tree;
+    RbNode* head = tree.head;
     bool found = true;
+    EXPECT_EQ(flux::map_rb_find_ikey_n(head, 5, found), head);
+    EXPECT_FALSE(found);
+    Rbh rbh;
+    EXPECT_EQ(tree.check() + rbh.check(), "") << "a new head names itself and is flagged";
+    EXPECT_EQ(flux::map_rbh_find_key_n(rbh.head, 5, found), rbh.head);
+    EXPECT_FALSE(found);
+    rbh.free();
+    for (int32_t k : {1, 2, 3})
+        tree.insert(k);
     EXPECT_EQ(flux::map_rb_find_ikey_n(head, 4, found), head);
     EXPECT_FALSE(found);
     EXPECT_EQ(flux::map_rb_find_ikey_n(head, 3, found), head->right);
     EXPECT_TRUE(found);
-    // Deleting a child of the root lifts its sibling, whose red stays.
-    flux::map_rb_delete_node(flux::map_rb_find_ikey(head, 1));
-    EXPECT_EQ(flux::map_rb_outline(head, int_text), "R I\n  B L 2\n  B L 3\n");
-    EXPECT_EQ(flux::map_rb_check(head, int_order), "");
-    // An equal key goes before the one found.
     RbNode* two = flux::map_rb_find_ikey(head, 2);
     EXPECT_EQ(flux::map_rb_insert_b(two, 2, 0)->left, two);
-    EXPECT_EQ(rb_keys(head), (std::vector<int32_t>{2, 2, 3}));
-    EXPECT_EQ(flux::map_rb_check(head, int_order), "");
-    flux::map_rb_free_tree(head);
+    EXPECT_EQ(tree.keys(), (std::vector<int64_t>{1, 2, 2, 3}));
+    EXPECT_EQ(tree.check(), "");
+    flux::map_rb_delete_node(two);
+    tree.free();
+    EXPECT_EQ(host.frees("map_rb_delete_node"), nodes_for(4) - 1) << "all but the head";
+    EXPECT_EQ(host.frees("map_rb_free_tree"), 1u);
+    EXPECT_EQ(plain_blocks() + heap_vars(), 0u);
 }
 
 TEST_F(Rules, HeapKeysAreUnsigned) {
-    uint32_t head = rbh_tree({4294967295u, 0, 2147483648u, 1, 2147483647u});
-    EXPECT_EQ(rbh_keys(head), (std::vector<uint32_t>{0, 1, 2147483647u, 2147483648u, 4294967295u}));
+    Rbh tree{4294967295, 0, 2147483648, 1, 2147483647};
+    EXPECT_EQ(tree.keys(), (std::vector<int64_t>{0, 1, 2147483647, 2147483648, 4294967295}));
     bool found;
-    EXPECT_EQ(flux::map_rbh_find_key_n(head, 4294967295u, found), flux::maph_last(head));
+    EXPECT_EQ(flux::map_rbh_find_key_n(tree.head, 4294967295u, found), flux::maph_last(tree.head));
     EXPECT_TRUE(found);
-    EXPECT_EQ(flux::map_rbh_check(head, unsigned_order), "");
-    flux::maph_free(head);
+    EXPECT_EQ(tree.check(), "");
+    tree.free();
 }
 
 TEST_F(Rules, PutReplacesAndNullsAreHarmless) {
@@ -144,7 +99,8 @@ TEST_F(Rules, PutReplacesAndNullsAreHarmless) {
 
 // Each misuse raises its text and, when the error returns, goes on as documented.
 TEST_F(Rules, MisuseIsReportedAndHarmless) {
-    RbNode* head = rb_tree({1, 2, 3, 4});
+    Rb tree{1, 2, 3, 4};
+    RbNode* head = tree.head;
     RbNode* leaf = head->left;
     RbNode* inner = head->parent;
     host.set_errors_return(true);
@@ -167,10 +123,11 @@ TEST_F(Rules, MisuseIsReportedAndHarmless) {
                             "ERROR: map_rb_map_rb_plength called on a non-external node",
                             "ERROR: map_rb_free_tree called on a non-head node",
                         }));
-    EXPECT_EQ(flux::map_rb_check(head, int_order), "");
-    EXPECT_EQ(rb_keys(head), (std::vector<int32_t>{1, 2, 3, 4}));
+    EXPECT_EQ(tree.check(), "");
+    EXPECT_EQ(tree.keys(), (std::vector<int64_t>{1, 2, 3, 4}));
 
-    uint32_t map = rbh_tree({1, 2, 3, 4});
+    Rbh rbh{1, 2, 3, 4};
+    const uint32_t map = rbh.head;
     uint32_t hleaf = flux::maph_first(map);
     uint32_t hinner = flux::map_rbh_node(map)->parent;
     flux::map_rbh_find_key_n(hleaf, 1, found);
@@ -189,124 +146,86 @@ TEST_F(Rules, MisuseIsReportedAndHarmless) {
                             "ERROR: map_rbh_plength called on a non-external node " + hex(map),
                             "ERROR: map_rbh_free_tree called on a non-head node",
                         }));
-    EXPECT_EQ(flux::map_rbh_check(map, unsigned_order), "");
-    EXPECT_EQ(rbh_keys(map), (std::vector<uint32_t>{1, 2, 3, 4}));
+    EXPECT_EQ(rbh.check(), "");
+    EXPECT_EQ(rbh.keys(), (std::vector<int64_t>{1, 2, 3, 4}));
 
     // Raised for real, the error ends the call with the same text.
     host.set_errors_return(false);
-    try {
-        flux::map_rbh_delete_node(map);
-        ADD_FAILURE() << "deleting the head did not raise";
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), ZOK_MSG_TEXT);
-        EXPECT_EQ(e.text(), "Cannot delete the head of an map_rbh_tree: " + hex(map));
-    }
-    flux::map_rb_free_tree(head);
-    flux::maph_free(map);
+    expect_error(ZOK_MSG_TEXT, "Cannot delete the head of an map_rbh_tree: " + hex(map),
+                 [&] { flux::map_rbh_delete_node(map); });
+    tree.free();
+    rbh.free();
 }
 
-// Deletion meets states no sound tree has only when colours are broken from outside;
-// it still reports them and leaves linked nodes behind.
-TEST_F(Rules, BrokenColoursAreReportedByDeletion) {
-    host.set_errors_return(true);
-    // A black root over leaf 1 and a red node over 2 and 3; painting that node black makes
-    // leaf 1 the lighter sibling once 2 goes.
-    RbNode* head = rb_tree({1, 2, 3});
-    head->parent->right->status &= ~1u;
-    flux::map_rb_delete_node(flux::map_rb_find_ikey(head, 2));
-    EXPECT_EQ(raised(), std::vector<std::string>{"DELETION ERROR: sibling not internal"});
-    EXPECT_EQ(rb_keys(head), (std::vector<int32_t>{1, 3}));
-    flux::map_rb_free_tree(head);
-
-    // A red internal sibling painted black, under a parent that is not the root: an insert
-    // beside the right leaf of a black node over two leaves makes that sibling.
-    std::vector<int32_t> keys;
-    for (int32_t k = 10; k <= 600; k += 10)
-        keys.push_back(k);
-    head = rb_tree(keys);
-    RbNode* victim = nullptr;
-    for (RbNode* x = head->left; x != head && !victim; x = x->left) {
-        RbNode* p = x->parent;
-        if (x->status == 4 && p->right->status == 0 && p->status == 2) {
-            flux::map_insert_ikey(head, static_cast<int32_t>(p->right->key) - 5, 0);
-            p->right->status &= ~1u;
-            victim = x;
+// Every allocation of an insertion, and of a put that replaces an entry, fails in turn:
+// null or 0.  A failed insertion changes nothing; a failed put has already deleted the
+// entry it replaces, so its key is gone.  Either way the tree is sound and no node is lost
+// or leaked.  A tree that cannot be made is null or 0 and leaves nothing behind.
+template <class Tree>
+void sweep_insert_and_put() {
+    zok::Host& host = zok::Host::current();
+    const std::vector<int64_t> keys = {10, 20, 30, 40};
+    for (bool put : {false, true}) {
+        for (int64_t key : {25, 50, 20}) {
+            if (!put && key == 20)
+                continue;
+            for (uint64_t nth = 1;; ++nth) {
+                Tree tree{10, 20, 30, 40};
+                const size_t nodes = Tree::nodes();
+                host.fail_allocation(nth);
+                const bool made = put ? tree.put(key) : tree.insert(key);
+                host.clear_faults();
+                if (!made) {
+                    const bool lost = put && key == 20;
+                    std::vector<int64_t> left = keys;
+                    std::erase(left, lost ? 20 : 0);
+                    EXPECT_EQ(tree.keys(), left) << key << " at allocation " << nth;
+                    EXPECT_EQ(tree.check(), "");
+                    EXPECT_EQ(Tree::nodes(), nodes - (lost ? 2 : 0));
+                    EXPECT_EQ(host.live_temps(), 0u);
+                }
+                tree.free();
+                if (made) {
+                    ASSERT_GT(nth, 2u) << "an entry is two nodes";
+                    break;
+                }
+            }
         }
     }
-    ASSERT_NE(victim, nullptr) << flux::map_rb_dump(head, int_text);
-    flux::map_rb_delete_node(victim);
-    EXPECT_EQ(raised().at(0), "DELETION PROB -- sib is black, internal");
-    flux::map_rb_free_tree(head);
-    EXPECT_EQ(plain_blocks(), 0u);
+    for (uint64_t nth = 1;; ++nth) {
+        host.fail_allocation(nth);
+        Tree tree;
+        host.clear_faults();
+        if (tree.head) {
+            tree.free();
+            break;
+        }
+        ASSERT_EQ(Tree::nodes() + host.live_temps(), 0u);
+    }
+    EXPECT_EQ(Tree::nodes(), 0u);
 }
 
-// Every allocation of an insertion fails in turn: null or 0, no node lost or leaked, the
-// tree unchanged and sound.
-TEST_F(Rules, AllocationFailureInInsertionChangesNothing) {
-    RbNode* head = rb_tree({10, 20, 30, 40});
-    size_t blocks = plain_blocks();
-    size_t insert_frees = host.frees("map_rb_insert_b");
-    for (int32_t key : {25, 50}) {
-        for (uint64_t nth = 1;; ++nth) {
-            host.fail_allocation(nth);
-            RbNode* leaf = flux::map_insert_ikey(head, key, 0);
-            host.clear_faults();
-            if (leaf) {
-                ASSERT_GT(nth, 2u) << "an insertion makes two nodes";
-                flux::map_rb_delete_node(leaf);
-                break;
-            }
-            ASSERT_EQ(flux::map_rb_check(head, int_order), "") << flux::map_rb_dump(head, int_text);
-            ASSERT_EQ(rb_keys(head), (std::vector<int32_t>{10, 20, 30, 40}));
-            ASSERT_EQ(plain_blocks(), blocks);
-        }
-    }
-    EXPECT_EQ(host.frees("map_rb_insert_b"), insert_frees + 2) << "one freed leaf per key";
-    flux::map_rb_free_tree(head);
+TEST_F(Rules, RbAllocationFailuresInInsertAndPut) {
+    sweep_insert_and_put<Rb>();
+    EXPECT_EQ(host.frees("map_rb_insert_b"), 5u) << "a leaf freed per failed internal node";
+}
 
-    uint32_t map = rbh_tree({10, 20, 30, 40});
-    size_t vars = heap_vars();
-    size_t temps = host.live_temps();
-    for (uint32_t key : {25u, 50u}) {
-        for (uint64_t nth = 1;; ++nth) {
-            // Making a heap variable may fail with a null result or with the host's error.
-            host.fail_allocation(nth);
-            uint32_t leaf = 0;
-            try {
-                leaf = flux::maph_insert_key(map, key, 0);
-            } catch (const zok::Error& e) {
-                EXPECT_EQ(e.code(), ZOK_ERR_NO_MEMORY);
-            }
-            host.clear_faults();
-            if (leaf) {
-                flux::maph_remove_node(leaf);
-                break;
-            }
-            ASSERT_LT(nth, 20u);
-            ASSERT_EQ(flux::map_rbh_check(map, unsigned_order), "") << flux::map_rbh_dump(map);
-            ASSERT_EQ(rbh_keys(map), (std::vector<uint32_t>{10, 20, 30, 40}));
-            ASSERT_EQ(heap_vars(), vars);
-            ASSERT_EQ(host.live_temps(), temps);
-        }
-    }
-    host.fail_label(zok::kPlainLabel);
-    EXPECT_EQ(flux::map_rb_new_tree(), nullptr);
-    host.clear_faults();
-    flux::maph_free(map);
-    EXPECT_EQ(heap_vars(), 0u);
+TEST_F(Rules, RbhAllocationFailuresInInsertAndPut) {
+    sweep_insert_and_put<Rbh>();
 }
 
 // The checker is only worth its runs if it sees damage: each fault below is made, found
 // and undone on a sound tree.
 TEST_F(Rules, CheckerFindsEveryKindOfDamage) {
-    RbNode* head = rb_tree({5, 1, 9, 3, 7, 2, 8, 4, 6});
-    ASSERT_EQ(flux::map_rb_check(head, int_order), "");
+    Rb tree{5, 1, 9, 3, 7, 2, 8, 4, 6};
+    RbNode* head = tree.head;
+    ASSERT_EQ(tree.check(), "");
     RbNode* root = head->parent;
     RbNode* leaf = flux::map_rb_find_ikey(head, 4);
     auto damaged = [&](const char* what, auto&& field, auto bad) {
         auto good = field;
         field = bad;
-        EXPECT_NE(flux::map_rb_check(head, int_order), "") << what << " went unnoticed";
+        EXPECT_NE(tree.check(), "") << what << " went unnoticed";
         field = good;
     };
     damaged("a red leaf", leaf->status, leaf->status | 1u);
@@ -321,49 +240,15 @@ TEST_F(Rules, CheckerFindsEveryKindOfDamage) {
     damaged("a shared child", root->left, root->right);
     damaged("unequal black heights", root->left->status, root->left->status ^ 1u);
     EXPECT_EQ(flux::map_rb_check(head, nullptr), "");
-    flux::map_rb_free_tree(head);
+    tree.free();
 
-    uint32_t map = rbh_tree({5, 1, 9, 3});
-    flux::RbhNodeData* node = flux::map_rbh_node(flux::maph_first(map));
+    Rbh rbh{5, 1, 9, 3};
+    flux::RbhNodeData* node = flux::map_rbh_node(flux::maph_first(rbh.head));
     node->status[0] = 2;
-    EXPECT_NE(flux::map_rbh_check(map, unsigned_order), "");
+    EXPECT_NE(rbh.check(), "");
     node->status[0] = 0;
-    EXPECT_EQ(flux::map_rbh_check(map, unsigned_order), "");
-    flux::maph_free(map);
-}
-
-TEST_F(Rules, DumpsFollowTheirFormats) {
-    RbNode* empty = flux::map_rb_new_tree();
-    char line[64];
-    std::snprintf(line, sizeof line, "tree 0x%lx is empty\n",
-                  reinterpret_cast<unsigned long>(empty));
-    EXPECT_EQ(flux::map_rb_dump(empty), line);
-    flux::map_rb_free_tree(empty);
-
-    uint32_t map = rbh_tree({7, 3});
-    const flux::RbhNodeData* h = flux::map_rbh_node(map);
-    uint32_t root = h->parent, first = h->flink, last = h->blink;
-    std::string expected =
-        "Head: " + hex(map) + ".  Root = " + hex(root) + ", < = " + hex(first) +
-        ", > = " + hex(last) + "\n" + "Int node " + hex(root) + ": B,T: l=" + hex(first) +
-        ", r=" + hex(last) + ", p=" + hex(map) + ", lr=(3,7)\n" + "Ext node " + hex(first) +
-        ": B,L: p=" + hex(root) + ", <=" + hex(map) + ", >=" + hex(last) + " k=3\n" + "Ext node " +
-        hex(last) + ": B,R: p=" + hex(root) + ", <=" + hex(first) + ", >=" + hex(map) + " k=7\n";
-    EXPECT_EQ(flux::map_rbh_dump(map), expected);
-
-    // The picture: one dashed arrow per routing word, the ring dotted all the way round.
-    std::string dot = flux::map_rbh_dot(map);
-    auto count = [&](const std::string& what) {
-        size_t n = 0;
-        for (size_t at = dot.find(what); at != std::string::npos; at = dot.find(what, at + 1))
-            ++n;
-        return n;
-    };
-    EXPECT_EQ(count("style=dashed"), 2u);
-    EXPECT_EQ(count("style=dotted"), 3u);
-    EXPECT_EQ(count("shape=box"), 2u);
-    EXPECT_EQ(dot.rfind("}\n"), dot.size() - 2);
-    flux::maph_free(map);
+    EXPECT_EQ(rbh.check(), "");
+    rbh.free();
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "host.hpp"
+#include "support/testing.hpp"
 
 extern "C" int32_t ZOK_Load();
 extern "C" void ZOK_ResetSession();
@@ -96,12 +97,12 @@ TEST_F(RestorePass, DeadElementEndsTheFirstLoopAndIsSkippedInTheSecond) {
     const ObjectRef dead = linked();
     host.destroy(dead);
     host.set_tag(a, "ZOKFWSAVEABLE_TOP", 1.0);
-    try {
-        pass({a, dead});
-        FAIL() << "no error";
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), ZOK_ERR_INVALID_OBJECT);
-    }
+    expect_error(ZOK_ERR_INVALID_OBJECT,
+                 "Invalid object reference: no live heap variable has identifier " +
+                     std::to_string(dead.id) + " in ZOKFWSAVEABLERESTOREARRAY.",
+                 [&] {
+                     pass({a, dead});
+                 });
     EXPECT_EQ(flag(a), 0.0); // reset before the pass ended
     EXPECT_EQ(runs[a.id], 0);
 
@@ -122,14 +123,17 @@ TEST_F(RestorePass, FailingRestoreStopsThePass) {
     const ObjectRef a = linked();
     const ObjectRef f = host.new_object("FAILING");
     const ObjectRef b = linked();
-    EXPECT_THROW(pass({a, f, b}), zok::Error);
+    const zok::Error e = expect_error(ZOK_MSG_TEXT, "restore failed", [&] { pass({a, f, b}); });
+    EXPECT_EQ(e.routine(), "FAILING::RESTORE");
     EXPECT_EQ(flag(a), 1.0);
     EXPECT_EQ(flag(b), 0.0);
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
 TEST_F(RestorePass, NonObjectArrayIsRefused) {
-    EXPECT_THROW(host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {"objects"}), zok::Error);
+    expect_error(ZOK_ERR_NOT_OBJECT,
+                 "Object reference required in ZOKFWSAVEABLERESTOREARRAY: got STRING (temporary).",
+                 [&] { host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {"objects"}); });
 }
 
 TEST_F(RestorePass, VersionsBelowOneComeBackAsOne) {

@@ -1,0 +1,369 @@
+// The module's interface as a host sees it, written down once as data: every
+// registered routine (33 functions, 59 procedures), every structure with its
+// tags, every INIT keyword table and the message block.  The tests fail for a
+// registered routine without a row and for a row whose routine is not
+// registered.
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "frame/keywords.hpp"
+#include "frame/routines.hpp"
+#include "frame/structs.hpp"
+#include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using zok::PointerRef;
+using zok::TagSpec;
+using zok::Value;
+
+enum Kind { function, procedure };
+constexpr int32_t keywords = ZOK_RT_KEYWORDS;
+
+// A function's result is checked on a fresh object of its class (or with `args`
+// alone for a routine that is no method): its type code and whether it is an
+// array.  `args` follow self and make the call valid.
+struct RoutineRow {
+    const char* name;
+    Kind kind;
+    uint16_t min_args;
+    uint16_t max_args;
+    int32_t flags = 0;
+    uint8_t result = ZOK_T_UNDEFINED;
+    bool array = false;
+    std::vector<Value> args = {};
+};
+
+// clang-format off
+const RoutineRow routines[] = {
+    {"ZOKFWSAVEABLE::INIT", function, 1, 1, 0, ZOK_T_LONG},
+    {"ZOKFWSAVEABLE::CLEANUP", procedure, 1, 1},
+    {"ZOKFWSAVEABLE::DORESTORE", procedure, 1, 1},
+    {"ZOKFWSAVEABLE::RESETRESTORED", procedure, 1, 1},
+    {"ZOKFWSAVEABLE::RESTORE", procedure, 1, 1},
+    {"ZOKFWHASAHANDLER::HANDLER", function, 1, 1, 0, ZOK_T_OBJECT},
+    {"ZOKFWHASAHANDLER::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWHASAHANDLER::CLEANUP", procedure, 1, 1},
+    {"ZOKFWHASAHANDLER::RESTORE", procedure, 1, 1},
+    {"ZOKFWHASAHANDLER::SETHANDLER", procedure, 2, 2},
+    {"ZOKFWBEHAVIOR::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWBEHAVIOR::ISREGISTERED", function, 1, 1, 0, ZOK_T_BYTE},
+    {"ZOKFWBEHAVIOR::MESSAGESTRING", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWBEHAVIOR::CLEANUP", procedure, 1, 1, keywords},
+    {"ZOKFWBEHAVIOR::EXECUTE", procedure, 1, 2},
+    {"ZOKFWBEHAVIOR::REGISTER", procedure, 1, 1},
+    {"ZOKFWBEHAVIOR::RESTORE", procedure, 1, 1},
+    {"ZOKFWBEHAVIOR::SETMESSAGESTRING", procedure, 2, 2},
+    {"ZOKFWBEHAVIOR::UNREGISTER", procedure, 1, 1},
+    {"ZOKFWDELAYBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWDELAYBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWDELAYBEHAV::DELAYEXECUTE", procedure, 1, 1},
+    {"ZOKFWDELAYBEHAV::EXECUTE", procedure, 1, 1},
+    {"ZOKFWDELAYBEHAV::RESTORE", procedure, 1, 1},
+    {"ZOKFWDELAYBEHAV::SETMETHOD", procedure, 2, 2},
+    {"ZOKFWDELAYARGBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWDELAYARGBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWDELAYARGBEHAV::DELAYEXECUTE", procedure, 1, 1},
+    {"ZOKFWDELAYARGBEHAV::EXECUTE", procedure, 2, 2},
+    {"ZOKFWFUNCBEHAV::FUNC", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWFUNCBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWFUNCBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWFUNCBEHAV::EXECUTE", procedure, 1, 2},
+    {"ZOKFWFUNCBEHAV::RESTORE", procedure, 1, 1},
+    {"ZOKFWFUNCBEHAV::SETFUNC", procedure, 2, 2},
+    {"ZOKFWPROCBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWPROCBEHAV::PROC", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWPROCBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWPROCBEHAV::EXECUTE", procedure, 1, 2},
+    {"ZOKFWPROCBEHAV::RESTORE", procedure, 1, 1},
+    {"ZOKFWPROCBEHAV::SETPROC", procedure, 2, 2},
+    {"ZOKFWOBJBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWOBJBEHAV::METHOD", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWOBJBEHAV::OBJECT", function, 1, 1, 0, ZOK_T_OBJECT},
+    {"ZOKFWOBJBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWOBJBEHAV::EXECUTE", procedure, 1, 2},
+    {"ZOKFWOBJBEHAV::RESTORE", procedure, 1, 1},
+    {"ZOKFWOBJBEHAV::SETMETHOD", procedure, 2, 2},
+    {"ZOKFWOBJBEHAV::SETOBJECT", procedure, 2, 2},
+    {"ZOKFWQUERYBEHAV::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWQUERYBEHAV::RESPONSE", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWQUERYBEHAV::CLEANUP", procedure, 1, 1},
+    {"ZOKFWQUERYBEHAV::EXECUTE", procedure, 2, 2},
+    {"ZOKFWQUERYBEHAV::RESTORE", procedure, 1, 1},
+    {"ZOKFWQUERYBEHAV::SETRESPONSE", procedure, 1, 2},
+    {"ZOKFWMESSAGE::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWMESSAGE::MESSAGESTRING", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWMESSAGE::CLEANUP", procedure, 1, 1, keywords},
+    {"ZOKFWMESSAGE::RESTORE", procedure, 1, 1},
+    {"ZOKFWMESSAGE::SEND", procedure, 1, 2},
+    {"ZOKFWMESSAGE::SETMESSAGESTRING", procedure, 2, 2},
+    {"ZOKFWQUERY::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWQUERY::RESULT", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWQUERY::SENDQUERY", function, 1, 1, 0, ZOK_T_STRING},
+    {"ZOKFWQUERY::CLEANUP", procedure, 1, 1},
+    {"ZOKFWQUERY::RESTORE", procedure, 1, 1},
+    {"ZOKFWQUERY::SETRESULT", procedure, 2, 2},
+    {"ZOKFWMESSAGEHANDLER::BEHAVIORS", function, 2, 2, 0, ZOK_T_OBJECT, false, {"message"}},
+    {"ZOKFWMESSAGEHANDLER::INIT", function, 1, 1, keywords, ZOK_T_LONG},
+    {"ZOKFWMESSAGEHANDLER::ISSCOPED", function, 2, 2, 0, ZOK_T_SHORT, false, {"message"}},
+    {"ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", function, 1, 1, 0, ZOK_T_STRING, true},
+    {"ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", procedure, 2, 3},
+    {"ZOKFWMESSAGEHANDLER::CLEANUP", procedure, 1, 1},
+    {"ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", procedure, 2, 3},
+    {"ZOKFWMESSAGEHANDLER::RESTORE", procedure, 1, 1},
+    {"ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", procedure, 2, 2},
+    {"ZOKFWMESSAGEHANDLER::SENDMESSAGE", procedure, 2, 3},
+    {"ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", procedure, 2, 2},
+    {"ZOKDSMAP::GETDATA", function, 2, 2, 0, ZOK_T_UNDEFINED, false, {"absent"}},
+    {"ZOKDSMAP::GETKEYS", function, 1, 2, 0, ZOK_T_STRING},
+    {"ZOKDSMAP::GETSIZE", function, 1, 1, 0, ZOK_T_LONG},
+    {"ZOKDSMAP::INIT", function, 1, 1, 0, ZOK_T_LONG},
+    {"ZOKDSMAP::KEYEXISTS", function, 2, 2, 0, ZOK_T_BYTE, false, {"absent"}},
+    {"ZOKDSMAP::CLEANUP", procedure, 1, 1},
+    {"ZOKDSMAP::INSERT", procedure, 3, 3},
+    {"ZOKDSMAP::REMOVE", procedure, 2, 2},
+    {"GET_FWIDENT", function, 1, 1, 0, ZOK_T_POINTER, false, {"name"}},
+    {"ROLLOVER_FWIDENT", function, 1, 1, 0, ZOK_T_POINTER, false, {PointerRef{}}},
+    {"FWIDENT_ACQUIRE", procedure, 1, 1},
+    {"FWIDENT_GC", procedure, 0, 1},
+    {"FWIDENT_RELEASE", procedure, 1, 1},
+    {"ZOKFWSAVEABLERESTOREARRAY", procedure, 1, 1},
+};
+// clang-format on
+
+constexpr uint8_t byte = ZOK_T_BYTE, i32 = ZOK_T_LONG, dbl = ZOK_T_DOUBLE, str = ZOK_T_STRING,
+                  ptr = ZOK_T_POINTER, obj = ZOK_T_OBJECT, i64 = ZOK_T_LONG64;
+
+// A structure's own tags, which follow its parent's, and the module's getter of its
+// definition.
+struct StructRow {
+    const char* name;
+    const char* parent;
+    std::vector<TagSpec> tags;
+    zok_struct_def* (*definition)();
+};
+
+// clang-format off
+const StructRow structures[] = {
+    {"ZOKFWSAVEABLE", "", {{"ZOKFWSAVEABLE_TOP", dbl}, {"ZOKFWSAVEABLE_VERSION", i32}},
+     flux::struct_saveable},
+    {"ZOKFWHASAHANDLER", "ZOKFWSAVEABLE", {{"HASAHANDLER_VERSION", i32}, {"MYHANDLER", obj}},
+     flux::struct_hasahandler},
+    {"ZOKDSMAP", "", {{"ZOKDSMAP_VERSION", i32}, {"THE_MAP", ptr}}, flux::struct_dsmap},
+    {"ZOKFWBEHAVIOR", "ZOKFWHASAHANDLER",
+     {{"ZOKFWBEHAVIOR_VERSION", i32}, {"IS_REGISTERED", byte}, {"MESSIDENT", ptr}},
+     flux::struct_behavior},
+    {"ZOKFWDELAYBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWDELAYBEHAV_VERSION", i32}, {"OBJECT", obj}, {"METH_IDENT", ptr},
+      {"SUB_BEHAVIOR", obj}}, flux::struct_delaybehav},
+    {"ZOKFWDELAYARGBEHAV", "ZOKFWDELAYBEHAV", {{"ZOKFWDELAYARGBEHAV_VERSION", i32}, {"ARG", i32}},
+     flux::struct_delayargbehav},
+    {"ZOKFWFUNCBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWFUNCBEHAV_TOP", i64}, {"ZOKFWFUNCBEHAV_VERSION", i32}, {"FUNC_STRING", str},
+      {"ZOKFWFUNCBEHAV_BOTTOM", i64}}, flux::struct_funcbehav},
+    {"ZOKFWMESSAGE", "ZOKFWHASAHANDLER", {{"ZOKFWMESSAGE_VERSION", i32}, {"MESS_IDENT", ptr}},
+     flux::struct_message},
+    {"ZOKFWMESSAGEHANDLER", "ZOKFWHASAHANDLER",
+     {{"ZOKFWMESSAGEHANDLER_VERSION", i32}, {"BEHAVIORS", ptr}}, flux::struct_messagehandler},
+    {"ZOKFWOBJBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWOBJBEHAV_VERSION", i32}, {"OBJECT", obj}, {"METH_IDENT", ptr}}, flux::struct_objbehav},
+    {"ZOKFWPROCBEHAV", "ZOKFWBEHAVIOR",
+     {{"ZOKFWPROCBEHAV_TOP", i64}, {"ZOKFWPROCBEHAV_VERSION", i32}, {"PROC_STRING", str},
+      {"ZOKFWPROCBEHAV_BOTTOM", i64}}, flux::struct_procbehav},
+    {"ZOKFWQUERY", "ZOKFWMESSAGE", {{"ZOKFWQUERY_VERSION", i32}, {"QUERY_RESULT", ptr}},
+     flux::struct_query},
+    {"ZOKFWQUERYBEHAV", "ZOKFWBEHAVIOR", {{"ZOKFWQUERYBEHAV_VERSION", i32}, {"RESPONSE", ptr}},
+     flux::struct_querybehav},
+    {"ZOK_MAP_RBH_NODE", "",
+     {{"FLINK", ptr}, {"BLINK", ptr}, {"PARENT", ptr}, {"KEY", ptr}, {"VAL", ptr},
+      {"STATUS0", byte}, {"STATUS1", byte}, {"STATUS2", byte}, {"STATUS3", byte},
+      {"STATUS4", byte}},
+     flux::struct_map_rbh_node},
+};
+// clang-format on
+
+// A keyword's type and flags, and its rank in the results record: every record keeps
+// its fields in rank order, so that the shared front can be handed to a base class's
+// initialisation.
+struct Keyword {
+    const char* name;
+    uint8_t type;
+    uint16_t flags;
+    int rank;
+};
+constexpr Keyword HANDLER{"HANDLER", obj, 0, 0}, MESSAGESTRING{"MESSAGESTRING", str, 0, 1},
+    SCOPE{"SCOPE", i32, 0x4000, 2}, REGISTER{"REGISTER", i32, 0x4000, 3},
+    FUNCTION{"FUNCTION", str, 0, 4}, PROCEDURE{"PROCEDURE", str, 0, 4}, METHOD{"METHOD", str, 0, 4},
+    RESPONSE{"RESPONSE", ZOK_T_UNDEFINED, 0x3000, 4}, OBJECT{"OBJECT", obj, 0, 5},
+    DELAYMESSAGESTRING{"DELAYMESSAGESTRING", str, 0, 6};
+
+// The keywords of each class's INIT, in table order.
+struct KeywordRow {
+    const char* init_of;
+    const zok_keyword_entry* table;
+    std::vector<Keyword> keywords;
+};
+
+// clang-format off
+const KeywordRow keyword_tables[] = {
+    {"ZOKFWHASAHANDLER", flux::handler_keyword_table, {HANDLER}},
+    {"ZOKFWMESSAGEHANDLER", flux::handler_keyword_table, {HANDLER}},
+    {"ZOKFWBEHAVIOR", flux::behavior_keyword_table, {HANDLER, MESSAGESTRING, REGISTER, SCOPE}},
+    {"ZOKFWMESSAGE", flux::message_keyword_table, {HANDLER, MESSAGESTRING, SCOPE}},
+    {"ZOKFWQUERY", flux::message_keyword_table, {HANDLER, MESSAGESTRING, SCOPE}},
+    {"ZOKFWFUNCBEHAV", flux::funcbehav_keyword_table,
+     {FUNCTION, HANDLER, MESSAGESTRING, REGISTER, SCOPE}},
+    {"ZOKFWPROCBEHAV", flux::procbehav_keyword_table,
+     {HANDLER, MESSAGESTRING, PROCEDURE, REGISTER, SCOPE}},
+    {"ZOKFWOBJBEHAV", flux::objbehav_keyword_table,
+     {HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
+    {"ZOKFWDELAYBEHAV", flux::delaybehav_keyword_table,
+     {DELAYMESSAGESTRING, HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
+    {"ZOKFWDELAYARGBEHAV", flux::delaybehav_keyword_table,
+     {DELAYMESSAGESTRING, HANDLER, MESSAGESTRING, METHOD, OBJECT, REGISTER, SCOPE}},
+    {"ZOKFWQUERYBEHAV", flux::querybehav_keyword_table,
+     {HANDLER, MESSAGESTRING, REGISTER, RESPONSE, SCOPE}},
+};
+// clang-format on
+
+struct MessageRow {
+    int32_t code;
+    const char* name;
+    const char* text;
+};
+constexpr const char* message_block = "ZOK_MBLK_FLUXTOOLS";
+constexpr MessageRow messages[] = {
+    {0, "ZOK_M_FLUXTOOLS_DSMAP_HEAPDEREFERR", "ZOKdsMap heap dereference error"},
+    {-1, "ZOK_M_FLUXTOOLS_FWMSG_IDCORRUPT", "FWIdent corruption"},
+};
+
+std::string class_of(const std::string& routine) {
+    const size_t colons = routine.find("::");
+    return colons == std::string::npos ? "" : routine.substr(0, colons);
+}
+
+class Interface : public ::testing::Test {
+protected:
+    void SetUp() override { host.load_module(ZOK_Load, ZOK_ResetSession); }
+    zok::Host host;
+};
+
+TEST_F(Interface, RegisteredRoutinesAreTheRows) {
+    std::map<std::string, zok::RoutineInfo> registered;
+    for (const zok::RoutineInfo& r : host.routines())
+        registered[r.name] = r;
+    std::set<std::string> with_rows;
+    for (const RoutineRow& row : routines) {
+        SCOPED_TRACE(row.name);
+        with_rows.insert(row.name);
+        const auto it = registered.find(row.name);
+        ASSERT_NE(it, registered.end()) << "not registered";
+        const zok::RoutineInfo& r = it->second;
+        EXPECT_EQ(r.is_function, row.kind == function);
+        EXPECT_EQ(r.min_args, row.min_args);
+        EXPECT_EQ(r.max_args, row.max_args);
+        EXPECT_EQ(r.keywords, row.flags == keywords);
+        // An INIT that takes keywords has a keyword table.
+        const bool has_table =
+            std::any_of(std::begin(keyword_tables), std::end(keyword_tables),
+                        [&](const KeywordRow& k) { return class_of(row.name) == k.init_of; });
+        if (std::string(row.name).ends_with("::INIT")) {
+            EXPECT_EQ(has_table, r.keywords);
+        }
+    }
+    for (const auto& [name, r] : registered)
+        EXPECT_TRUE(with_rows.count(name)) << name << " is registered but has no row";
+    EXPECT_EQ(flux::function_table().size(), 33u);
+    EXPECT_EQ(flux::procedure_table().size(), 59u);
+    // The module hands over each table in byte order of name.
+    for (auto table : {flux::function_table(), flux::procedure_table()})
+        EXPECT_TRUE(std::is_sorted(table.begin(), table.end(), [](const auto& a, const auto& b) {
+            return std::strcmp(a.name, b.name) < 0;
+        }));
+}
+
+TEST_F(Interface, FunctionsReturnTheirResultTypes) {
+    for (const RoutineRow& row : routines) {
+        if (row.kind != function)
+            continue;
+        SCOPED_TRACE(row.name);
+        const std::string cls = class_of(row.name);
+        const zok::Args args(row.args.begin(), row.args.end());
+        const Value result = cls.empty() ? host.call_function(row.name, args)
+                                         : host.call_method(host.new_object(cls), row.name, args);
+        EXPECT_EQ(result.type(), row.result) << result.to_string();
+        EXPECT_EQ(result.is_array(), row.array);
+    }
+}
+
+TEST_F(Interface, StructuresAreTheRows) {
+    std::set<std::string> names;
+    for (const StructRow& row : structures) {
+        SCOPED_TRACE(row.name);
+        names.insert(row.name);
+        EXPECT_EQ(host.parent_of(row.name), row.parent);
+        std::vector<TagSpec> expected = host.tag_specs(row.parent);
+        expected.insert(expected.end(), row.tags.begin(), row.tags.end());
+        const std::vector<TagSpec> tags = host.tag_specs(row.name);
+        ASSERT_EQ(tags.size(), expected.size());
+        for (size_t i = 0; i < tags.size(); ++i) {
+            EXPECT_EQ(tags[i].name, expected[i].name);
+            EXPECT_EQ(tags[i].type, expected[i].type) << tags[i].name;
+        }
+        EXPECT_EQ(row.definition(), host.find_struct(row.name));
+    }
+    const std::vector<std::string> defined = host.struct_names();
+    EXPECT_EQ(std::set<std::string>(defined.begin(), defined.end()), names);
+}
+
+TEST_F(Interface, KeywordTablesAreTheRows) {
+    std::map<std::string, std::pair<int64_t, int64_t>> places; // keyword -> (given, value)
+    for (const KeywordRow& row : keyword_tables) {
+        SCOPED_TRACE(row.init_of);
+        const zok_keyword_entry* e = row.table;
+        EXPECT_STREQ(e->keyword, "");
+        EXPECT_EQ(e->type + e->mask + e->flags + e->given + e->value, 0);
+        std::map<int, const zok_keyword_entry*> by_rank;
+        for (const Keyword& k : row.keywords) {
+            ASSERT_NE((++e)->keyword, nullptr) << "the table ends before " << k.name;
+            EXPECT_STREQ(e->keyword, k.name);
+            EXPECT_EQ(e->type, k.type) << k.name;
+            EXPECT_EQ(e->mask, 1) << k.name;
+            EXPECT_EQ(e->flags, k.flags) << k.name;
+            const auto place = places.try_emplace(k.name, e->given, e->value).first;
+            EXPECT_EQ(place->second, std::pair(e->given, e->value)) << k.name << " moved";
+            by_rank[k.rank] = e;
+        }
+        EXPECT_EQ((++e)->keyword, nullptr) << "the table goes on after its rows";
+        int64_t end = 0; // of the leading word
+        for (const auto& [rank, k] : by_rank) {
+            EXPECT_GT(k->given, end) << k->keyword;
+            EXPECT_GT(k->value, k->given) << k->keyword;
+            end = k->value;
+        }
+    }
+}
+
+TEST_F(Interface, MessageBlockIsTheRows) {
+    const auto blocks = host.message_blocks();
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks.begin()->first, message_block);
+    const std::vector<zok::MessageDef>& defined = blocks.begin()->second;
+    ASSERT_EQ(defined.size(), std::size(messages));
+    for (const MessageRow& m : messages) {
+        // Code 0 is the first message of the block, -1 the second.
+        EXPECT_EQ(defined[static_cast<size_t>(-m.code)].name, m.name);
+        EXPECT_EQ(defined[static_cast<size_t>(-m.code)].text, m.text);
+    }
+}
+
+} // namespace

@@ -1,0 +1,285 @@
+// The exact shapes that both trees grow: fixed sequences of inserts and deletes that
+// pass through every insertion fix-up and every deletion case, each side, checked
+// step by step against shapes worked out by hand; the states that only broken colours
+// reach; and the two text dumps, line by line.
+#include <cstdio>
+#include <sstream>
+#include <vector>
+
+#include "support/map_testing.hpp"
+
+namespace {
+
+using flux::RbNode;
+using namespace maptest;
+
+class Shapes : public TreeTest {};
+
+// An outline on one line: a leaf is its key, an internal node its colour and its two
+// children, as in "B(10 R(20 30))"; the empty tree is "".
+std::string shape(const std::string& outline) {
+    std::istringstream in(outline);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line.substr(line.find_first_not_of(' ')));
+    size_t at = 0;
+    auto node = [&](auto& self) -> std::string {
+        if (at == lines.size())
+            return "?";
+        const std::string line = lines[at++];
+        if (line == "empty")
+            return "";
+        if (line.size() > 2 && line.substr(1, 2) == " I") {
+            const std::string left = self(self);
+            return line.substr(0, 1) + "(" + left + " " + self(self) + ")";
+        }
+        if (line.starts_with("B L "))
+            return line.substr(4);
+        return "<" + line + ">";
+    };
+    return node(node);
+}
+
+// A key to insert, or minus a key to delete, and the shape after it.
+struct Step {
+    int32_t key;
+    const char* shape;
+};
+
+// Appending keys in ascending order.
+const Step ascending[] = {
+    {10, "10"},
+    {20, "B(10 20)"},                   // a red root turns black
+    {30, "B(10 R(20 30))"},             // under a black parent
+    {40, "B(R(10 20) R(30 40))"},       // right-right: one rotation
+    {50, "B(B(10 20) B(30 R(40 50)))"}, // red uncle, up to the root
+    {60, "B(B(10 20) B(R(30 40) R(50 60)))"},
+    {70, "B(B(10 20) R(B(30 40) B(50 R(60 70))))"}, // red uncle, black above
+    {80, "B(B(10 20) R(B(30 40) B(R(50 60) R(70 80))))"},
+    {90, "B(R(B(10 20) B(30 40)) R(B(50 60) B(70 R(80 90))))"}, // red uncle, then rotation
+    {100, "B(R(B(10 20) B(30 40)) R(B(50 60) B(R(70 80) R(90 100))))"},
+    {110, "B(B(B(10 20) B(30 40)) B(B(50 60) R(B(70 80) B(90 R(100 110)))))"}, // twice up
+};
+
+// Each sequence starts with the first `appended` steps above.  Deletion cases are named
+// by x, the deleted leaf's sibling once it has taken their parent's place, p its new
+// parent and w x's sibling; "left" and "right" say on which side of p x hangs.
+struct Sequence {
+    size_t appended;
+    std::vector<Step> steps;
+};
+
+const Sequence sequences[] = {
+    {5,
+     {
+         {25, "B(B(10 20) B(R(25 30) R(40 50)))"},
+         {27, "B(B(10 20) R(B(25 R(27 30)) B(40 50)))"},       // red uncle on the right
+         {26, "B(B(10 20) R(B(R(25 26) R(27 30)) B(40 50)))"}, // right-left: two rotations
+         {5, "B(B(R(5 10) 20) R(B(R(25 26) R(27 30)) B(40 50)))"},
+         {3, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(40 50)))"}, // left-left
+         {35, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 40) 50)))"},
+         {37, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // left-right
+         {-3,
+          "B(B(5 R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // a red parent goes:
+                                                                            // nothing to mend
+         {-5, "B(B(10 20) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"},  // red x turns black
+         {-10, "B(R(B(20 R(25 26)) B(27 30)) B(R(35 37) R(40 50)))"},       // red w, left; far red
+         {-27, "B(B(R(20 25) R(26 30)) B(R(35 37) R(40 50)))"}, // near red, red p, right
+         {-20, "B(B(25 R(26 30)) B(R(35 37) R(40 50)))"},
+         {-25, "B(B(26 30) B(R(35 37) R(40 50)))"},
+         {-40, "B(B(26 30) B(R(35 37) 50))"},
+         {-50, "B(B(26 30) B(35 37))"}, // red x turns black, right
+         {-26, "B(30 R(35 37))"},       // deficit up to the root
+         {-30, "R(35 37)"},             // the root's red child becomes the root, still red
+         {40, "B(35 R(37 40))"},        // under a red root
+         {-40, "B(35 37)"},
+         {-35, "37"}, // the root's leaf child becomes the root
+         {-37, ""},   // the last leaf
+     }},
+    {5,
+     {
+         {-20, "B(B(10 30) B(40 50))"}, // far red, black p, left
+         {5, "B(B(R(5 10) 30) B(40 50))"},
+         {-50, "B(B(5 10) B(30 40))"}, // far red, black p, right
+         {25, "B(B(5 10) B(R(25 30) 40))"},
+         {-10, "B(B(5 25) B(30 40))"}, // near red, black p, left
+         {7, "B(B(5 R(7 25)) B(30 40))"},
+         {-40, "B(B(5 7) B(25 30))"}, // near red, black p, right
+         {40, "B(B(5 7) B(25 R(30 40)))"},
+         {50, "B(B(5 7) B(R(25 30) R(40 50)))"},
+         {60, "B(B(5 7) R(B(25 30) B(40 R(50 60))))"},
+         {-5, "B(B(7 R(25 30)) B(40 R(50 60)))"}, // red w, left; both nephews black, left
+         {27, "B(B(R(7 25) R(27 30)) B(40 R(50 60)))"},
+         {26, "B(R(B(7 25) B(R(26 27) 30)) B(40 R(50 60)))"},
+         {-50, "B(R(B(7 25) B(R(26 27) 30)) B(40 60))"},
+         {-60, "B(B(7 25) R(B(26 27) B(30 40)))"}, // red w, right; far red, red p, right
+         {-30, "B(B(7 25) B(R(26 27) 40))"},       // both nephews black, right
+     }},
+    {11,
+     {
+         {-10, "B(B(B(20 R(30 40)) B(50 60)) B(B(70 80) B(90 R(100 110))))"}, // up, then far red
+         {-30, "B(B(B(20 40) B(50 60)) B(B(70 80) B(90 R(100 110))))"},
+         {-50, "B(B(R(20 40) 60) R(B(70 80) B(90 R(100 110))))"}, // up twice to the root
+         {-100, "B(B(R(20 40) 60) R(B(70 80) B(90 110)))"},
+         {-70, "B(B(R(20 40) 60) B(80 R(90 110)))"},
+     }},
+    {8,
+     {
+         {-70, "B(B(10 20) R(B(30 40) B(R(50 60) 80)))"},
+         {-30, "B(B(10 20) B(R(40 50) R(60 80)))"}, // near red, red p, left
+         {-60, "B(B(10 20) B(R(40 50) 80))"},
+         {-80, "B(B(10 20) B(40 50))"},
+         {-50, "B(R(10 20) 40)"},
+         {-40, "R(10 20)"}, // the root's red child on the left becomes the root
+         {-20, "10"},
+         {-10, ""},
+     }},
+};
+
+template <class Tree>
+void grow_every_sequence() {
+    for (size_t s = 0; s < std::size(sequences); ++s) {
+        Tree tree;
+        std::vector<Step> steps(ascending, ascending + sequences[s].appended);
+        steps.insert(steps.end(), sequences[s].steps.begin(), sequences[s].steps.end());
+        for (const Step& step : steps) {
+            SCOPED_TRACE("sequence " + std::to_string(s) + ", step " + std::to_string(step.key));
+            if (step.key > 0)
+                tree.insert(step.key);
+            else
+                tree.erase(-step.key);
+            ASSERT_EQ(shape(tree.outline()), step.shape) << tree.outline();
+            ASSERT_EQ(tree.check(), "");
+        }
+        tree.free();
+    }
+    EXPECT_EQ(Tree::nodes(), 0u);
+}
+
+TEST_F(Shapes, RbGrowsTheGoldenShapes) {
+    grow_every_sequence<Rb>();
+}
+
+TEST_F(Shapes, RbhGrowsTheGoldenShapes) {
+    grow_every_sequence<Rbh>();
+}
+
+// Colours broken from outside lead deletion into states no sound tree has: each is
+// reported with the host's text message and deletion goes on as documented.
+template <class Tree>
+void report_broken_colours(zok::Host& host) {
+    struct Case {
+        size_t appended;
+        std::vector<std::pair<const char*, bool>> paint;
+        int32_t erased;
+        const char* message;
+        const char* shape;
+    };
+    const Case cases[] = {
+        {3, {{"r", false}}, 20, "DELETION ERROR: sibling not internal", "B(10 30)"},
+        {5, {{"rr", false}}, 30, "DELETION PROB -- sib is black, internal", "B(R(10 20) B(40 50))"},
+        // A red w under a red p: reported, and p still turns black.
+        {6,
+         {{"r", true}, {"rl", false}},
+         30,
+         "DELETION ERROR: 2.3c not quite right",
+         "B(B(10 20) B(40 R(50 60)))"},
+    };
+    host.set_errors_return(true);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        Tree tree;
+        for (size_t i = 0; i < c.appended; ++i)
+            tree.insert(ascending[i].key);
+        for (const auto& [path, red] : c.paint)
+            tree.paint(path, red);
+        host.clear_messages();
+        tree.erase(c.erased);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].code, ZOK_MSG_TEXT);
+        EXPECT_EQ(host.messages()[0].action, ZOK_ACTION_ERROR);
+        EXPECT_EQ(host.messages()[0].text, c.message);
+        EXPECT_EQ(shape(tree.outline()), c.shape);
+        tree.free();
+    }
+    EXPECT_EQ(Tree::nodes(), 0u);
+}
+
+TEST_F(Shapes, RbReportsBrokenColours) {
+    report_broken_colours<Rb>(host);
+}
+
+TEST_F(Shapes, RbhReportsBrokenColours) {
+    report_broken_colours<Rbh>(host);
+}
+
+template <class... T>
+std::string line(const char* format, T... values) {
+    char text[200];
+    std::snprintf(text, sizeof text, format, values...);
+    return text;
+}
+
+// Addresses print in full.
+unsigned long long at(const RbNode* n) {
+    return reinterpret_cast<std::uintptr_t>(n);
+}
+
+TEST_F(Shapes, RbDumpFollowsItsFormat) {
+    Rb tree;
+    EXPECT_EQ(flux::map_rb_dump(tree.head), line("tree 0x%llx is empty\n", at(tree.head)));
+    for (const char* k : {"a", "b", "c"})
+        flux::map_insert_key(tree.head, k, 0);
+    const RbNode* root = tree.head->parent;
+    const RbNode* a = tree.head->left;
+    const RbNode* inner = root->right;
+    const RbNode* b = inner->left;
+    const RbNode* c = inner->right;
+    EXPECT_EQ(flux::map_rb_dump(tree.head),
+              line("Head: 0x%llx.  Root = 0x%llx\n", at(tree.head), at(root)) +
+                  line("Int node 0x%llx: B,T: l=0x%llx, r=0x%llx, p=0x%llx, lr=(a,b)\n", at(root),
+                       at(a), at(inner), at(tree.head)) +
+                  line("Ext node 0x%llx: B,L: p=0x%llx, k=a\n", at(a), at(root)) +
+                  line("Int node 0x%llx: R,R: l=0x%llx, r=0x%llx, p=0x%llx, lr=(b,c)\n", at(inner),
+                       at(b), at(c), at(root)) +
+                  line("Ext node 0x%llx: B,L: p=0x%llx, k=b\n", at(b), at(inner)) +
+                  line("Ext node 0x%llx: B,R: p=0x%llx, k=c\n", at(c), at(inner)));
+    tree.free();
+}
+
+TEST_F(Shapes, RbhDumpFollowsItsFormat) {
+    Rbh tree;
+    const uint32_t h = tree.head;
+    EXPECT_EQ(flux::map_rbh_dump(h), line("tree 0x%x is empty\n", h));
+    for (int32_t k : {3, 5, 7})
+        tree.insert(k);
+    const uint32_t root = flux::map_rbh_node(h)->parent;
+    const uint32_t inner = flux::map_rbh_node(root)->blink;
+    const uint32_t l3 = flux::maph_first(h);
+    const uint32_t l5 = flux::maph_next(l3);
+    const uint32_t l7 = flux::maph_last(h);
+    EXPECT_EQ(
+        flux::map_rbh_dump(h),
+        line("Head: 0x%x.  Root = 0x%x, < = 0x%x, > = 0x%x\n", h, root, l3, l7) +
+            line("Int node 0x%x: B,T: l=0x%x, r=0x%x, p=0x%x, lr=(3,5)\n", root, l3, inner, h) +
+            line("Ext node 0x%x: B,L: p=0x%x, <=0x%x, >=0x%x k=3\n", l3, root, h, l5) +
+            line("Int node 0x%x: R,R: l=0x%x, r=0x%x, p=0x%x, lr=(5,7)\n", inner, l5, l7, root) +
+            line("Ext node 0x%x: B,L: p=0x%x, <=0x%x, >=0x%x k=5\n", l5, inner, l3, l7) +
+            line("Ext node 0x%x: B,R: p=0x%x, <=0x%x, >=0x%x k=7\n", l7, inner, l5, h));
+
+    // The picture: one dashed arrow per routing word, the ring dotted all the way round.
+    const std::string dot = flux::map_rbh_dot(h);
+    auto count = [&](const std::string& what) {
+        size_t n = 0;
+        for (size_t at = dot.find(what); at != std::string::npos; at = dot.find(what, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("style=dashed"), 4u);
+    EXPECT_EQ(count("style=dotted"), 4u);
+    EXPECT_EQ(count("shape=box"), 3u);
+    EXPECT_EQ(dot.rfind("}\n"), dot.size() - 2);
+    tree.free();
+}
+
+} // namespace
