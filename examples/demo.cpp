@@ -139,6 +139,99 @@ void tour_messaging(zok::Host& host, const char* dot_path) {
             std::printf("  CHECK FAILED: %s\n", fault.c_str());
 }
 
+// Behaviours that call program code, put calls off, and answer queries.
+void tour_behaviors(zok::Host& host) {
+    std::printf("\nBehaviours call a program's procedures, functions and methods:\n");
+    const ObjectRef app = host.new_object("ZOKFWMESSAGEHANDLER");
+    const ObjectRef view = host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", app}});
+    host.call_method(app, "SCOPEMESSAGE", {"save"});
+    host.add_procedure("LOG_SAVE", 1, 1, [](zok::Call& call) {
+        std::printf("      procedure LOG_SAVE given %s\n", call.arg(0).to_string().c_str());
+        return zok::Value();
+    });
+    host.add_function("COUNT_SAVES", 1, 1, [](zok::Call&) {
+        static int32_t saves = 0;
+        std::printf("      function COUNT_SAVES returns %d (dropped)\n", ++saves);
+        return zok::Value(saves);
+    });
+    host.define_struct("DOCUMENT", {{"TITLE", ZOK_T_STRING}});
+    host.add_procedure("DOCUMENT::SAVE", 1, 2, [&host](zok::Call& call) {
+        std::printf("      method SAVE of \"%s\" given %s\n",
+                    host.get_tag(call.self(), "TITLE").as_string().c_str(),
+                    call.argc() == 2 ? call.arg(1).to_string().c_str() : "nothing");
+        return zok::Value();
+    });
+    host.add_procedure("DOCUMENT::REDRAW", 1, 1, [&host](zok::Call& call) {
+        std::printf("      method REDRAW of \"%s\"\n",
+                    host.get_tag(call.self(), "TITLE").as_string().c_str());
+        return zok::Value();
+    });
+    host.add_procedure("DOCUMENT::PROGRESS", 2, 2, [](zok::Call& call) {
+        std::printf("      method PROGRESS given %s\n", call.arg(1).to_string().c_str());
+        return zok::Value();
+    });
+    const ObjectRef doc = host.new_object("DOCUMENT");
+    host.set_tag(doc, "TITLE", "notes.txt");
+    const zok::Keywords at_app{{"HANDLER", app}, {"MESSAGESTRING", "save"}, {"REGISTER", 1}};
+    auto with = [](zok::Keywords kw, zok::Keyword extra) {
+        kw.push_back(std::move(extra));
+        return kw;
+    };
+    host.new_object("ZOKFWPROCBEHAV", {}, with(at_app, {"PROCEDURE", "LOG_SAVE"}));
+    host.new_object("ZOKFWFUNCBEHAV", {}, with(at_app, {"FUNCTION", "COUNT_SAVES"}));
+    zok::Keywords on_doc = with(at_app, {"METHOD", "SAVE"});
+    on_doc.push_back({"OBJECT", doc});
+    const ObjectRef saver = host.new_object("ZOKFWOBJBEHAV", {}, on_doc);
+    const ObjectRef save =
+        host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", view}, {"MESSAGESTRING", "save"}});
+    std::printf("    \"save\" sent from the view with \"draft\":\n");
+    host.call_method(save, "SEND", {std::string("draft")});
+    host.destroy(doc);
+    std::printf("    the document is destroyed; \"save\" sent again:\n");
+    host.call_method(save, "SEND");
+    std::printf("    the method behaviour unregistered itself: ISREGISTERED = %lld\n",
+                static_cast<long long>(host.call_method(saver, "ISREGISTERED").as_int()));
+
+    std::printf("  Delayed behaviours turn many arming messages into one call:\n");
+    const ObjectRef page = host.new_object("DOCUMENT");
+    host.set_tag(page, "TITLE", "page 1");
+    auto delayed = [&](const char* cls, const char* arming, const char* method) {
+        host.new_object(cls, {},
+                        {{"HANDLER", view},
+                         {"MESSAGESTRING", arming},
+                         {"DELAYMESSAGESTRING", "idle"},
+                         {"OBJECT", page},
+                         {"METHOD", method},
+                         {"REGISTER", 1}});
+    };
+    delayed("ZOKFWDELAYBEHAV", "changed", "REDRAW");
+    delayed("ZOKFWDELAYARGBEHAV", "progress", "PROGRESS");
+    auto send = [&](const char* text, const zok::Args& args) {
+        const ObjectRef m =
+            host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", view}, {"MESSAGESTRING", text}});
+        host.call_method(m, "SEND", args);
+        host.destroy(m);
+    };
+    for (int i = 0; i < 5; ++i)
+        send("changed", {});
+    for (const int percent : {10, 40, 25})
+        send("progress", {percent});
+    std::printf("    five \"changed\" and progress 10, 40, 25 sent; then \"idle\":\n");
+    send("idle", {});
+    std::printf("    \"idle\" again (nothing armed):\n");
+    send("idle", {});
+
+    std::printf("  A query climbs the chain and brings back a copy of the answer:\n");
+    host.new_object(
+        "ZOKFWQUERYBEHAV", {},
+        {{"HANDLER", app}, {"MESSAGESTRING", "title?"}, {"RESPONSE", "Untitled"}, {"REGISTER", 1}});
+    const ObjectRef ask =
+        host.new_object("ZOKFWQUERY", {}, {{"HANDLER", view}, {"MESSAGESTRING", "title?"}});
+    std::printf("    before: %s\n", host.call_method(ask, "RESULT").to_string().c_str());
+    std::printf("    SENDQUERY from the view: %s\n",
+                host.call_method(ask, "SENDQUERY").to_string().c_str());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -180,6 +273,7 @@ int main(int argc, char** argv) {
                     host.heap_alive(other.as_pointer().id) ? "alive" : "freed");
 
         tour_messaging(host, argc > 1 ? argv[1] : "handlers.dot");
+        tour_behaviors(host);
         return 0;
     } catch (const zok::Error& e) {
         std::fprintf(stderr, "error %d: %s\n", e.code(), e.text().c_str());
