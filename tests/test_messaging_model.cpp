@@ -1,5 +1,6 @@
 // The messaging classes against a small reference model of handlers, chains,
-// scopes and filed behaviours, over seeded random sequences of operations.
+// scopes and filed behaviours (probes, procedure behaviours and method
+// behaviours whose targets may die), over seeded random sequences of operations.
 // After every step: who each send reached and in which order, what every
 // handler scopes and files, each behaviour's registration and handler,
 // whether the default handler exists, the registry's use counts, and every
@@ -32,10 +33,14 @@ struct Model {
         uint32_t my = 0;
         std::map<std::string, std::set<uint32_t>> scopes;
     };
+    // A PROBE, a procedure behaviour calling CALL_<id>, or a method behaviour
+    // calling HIT on a target of its own.
     struct Behavior {
         uint32_t my = 0;
         std::string text = kGeneric;
         bool registered = false;
+        uint32_t target = 0;
+        bool target_alive = true;
     };
     struct Message {
         uint32_t my = 0;
@@ -145,7 +150,14 @@ struct Model {
         delivered.clear();
         for (; h != 0; h = up(h)) {
             if (const auto* set = scope(h, text)) {
-                delivered.assign(set->begin(), set->end());
+                const std::set<uint32_t> snapshot = *set;
+                // A method behaviour whose target has died unregisters itself instead.
+                for (const uint32_t b : snapshot) {
+                    if (behaviors.at(b).target != 0 && !behaviors.at(b).target_alive)
+                        do_unregister(b);
+                    else
+                        delivered.push_back(b);
+                }
                 return;
             }
         }
@@ -190,6 +202,14 @@ struct Model {
 
 class MessagingModel : public Messaging {
 protected:
+    MessagingModel() {
+        host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
+        host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& call) {
+            executed.push_back(owner_of.at(call.self().id));
+            return Value();
+        });
+    }
+
     uint32_t real(uint32_t key) const {
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
@@ -221,6 +241,7 @@ protected:
 
     std::mt19937 rng;
     Model model;
+    std::map<uint32_t, uint32_t> owner_of; // target -> its method behaviour
 };
 
 void MessagingModel::step() {
@@ -239,13 +260,29 @@ void MessagingModel::step() {
         const std::string t = text();
         const int scope = rng() % 4 == 0;
         const int reg = rng() % 4 != 0;
-        const uint32_t id = host.new_object("PROBE", {},
-                                            {{"HANDLER", ObjectRef{parent}},
-                                             {"MESSAGESTRING", t},
-                                             {"SCOPE", scope},
-                                             {"REGISTER", reg}})
-                                .id;
-        model.behaviors[id] = {parent, t, false};
+        zok::Keywords kw{{"HANDLER", ObjectRef{parent}},
+                         {"MESSAGESTRING", t},
+                         {"SCOPE", scope},
+                         {"REGISTER", reg}};
+        uint32_t target = 0;
+        const int kind = rng() % 3;
+        if (kind == 2) {
+            target = host.new_object("TARGET").id;
+            kw.push_back({"OBJECT", ObjectRef{target}});
+            kw.push_back({"METHOD", "HIT"});
+        }
+        const char* classes[] = {"PROBE", "ZOKFWPROCBEHAV", "ZOKFWOBJBEHAV"};
+        const uint32_t id = host.new_object(classes[kind], {}, kw).id;
+        if (kind == 1) {
+            const std::string routine = "CALL_" + std::to_string(id);
+            host.add_procedure(routine, 1, 1, [this, id](zok::Call&) {
+                executed.push_back(id);
+                return Value();
+            });
+            host.call_method(ObjectRef{id}, "SETPROC", {routine});
+        }
+        owner_of[target] = id;
+        model.behaviors[id] = {parent, t, false, target};
         if (scope)
             model.scope_message(model.behavior_handler(id), t);
         if (reg)
@@ -345,7 +382,13 @@ void MessagingModel::step() {
         }
         break;
     case 14:
-        if (b != 0 && !model.would_stay_filed(b)) {
+        if (b != 0 && model.behaviors.at(b).target_alive && rng() % 3 == 0) {
+            // Only method behaviours have one; a probe's or a procedure's is 0.
+            if (const uint32_t target = model.behaviors.at(b).target) {
+                host.destroy(ObjectRef{target});
+                model.behaviors.at(b).target_alive = false;
+            }
+        } else if (b != 0 && !model.would_stay_filed(b)) {
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
         } else if (m != 0) {
@@ -382,6 +425,8 @@ void MessagingModel::compare() {
     }
     for (const auto& [id, behavior] : model.behaviors) {
         uses[behavior.text] += 1;
+        if (behavior.target != 0)
+            uses["HIT"] += 1; // the method's name
         EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered)
             << "behaviour " << id;
         EXPECT_EQ(host.get_tag(ObjectRef{id}, "MYHANDLER").as_object().id, behavior.my);
