@@ -27,6 +27,10 @@ const ModuleCheck checks[] = {
     fwident_check,
 };
 
+const ClassCheck object_checks[] = {
+    {"ZOKDSMAP", dsmap_check},
+};
+
 } // namespace
 
 std::span<const ModuleCheck> module_checks() {
@@ -34,7 +38,7 @@ std::span<const ModuleCheck> module_checks() {
 }
 
 std::span<const ClassCheck> class_checks() {
-    return {};
+    return object_checks;
 }
 
 std::span<const LoadForget> load_forgets() {
