@@ -196,18 +196,6 @@ TEST_F(Registry, IdentifiersSurviveTheHostsCollection) {
     EXPECT_EQ(get("kept"), id);
 }
 
-TEST_F(Registry, WrongArgumentTypesAreRefusedBeforeAnythingChanges) {
-    get("x");
-    const auto before = flux::fwident_entries();
-    expect_error(ZOK_ERR_NOT_STRING, [&] { host.call_function("GET_FWIDENT", {42}); });
-    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_function("ROLLOVER_FWIDENT", {"x"}); });
-    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_procedure("FWIDENT_ACQUIRE", {7}); });
-    expect_error(ZOK_ERR_NOT_POINTER, [&] { host.call_procedure("FWIDENT_RELEASE", {"x"}); });
-    const auto after = flux::fwident_entries();
-    ASSERT_EQ(after.size(), before.size());
-    EXPECT_EQ(after[0].uses, before[0].uses);
-}
-
 TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
     const uint32_t a = get("a");
     const uint32_t b = get("b");
@@ -221,25 +209,6 @@ TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
     } catch (const zok::Error& e) {
         EXPECT_EQ(e.text(), "FWIdent corruption");
     }
-}
-
-// Every allocation of making an identifier may fail; each failure leaves the
-// registry as it was and nothing behind.
-TEST_F(Registry, AllocationFailuresLeaveNothingBehind) {
-    get("present");
-    const auto entries = flux::fwident_entries();
-    const size_t heap = host.heap_count();
-    const size_t texts = host.live_texts();
-    sweep_allocation_failures(
-        host, 50, [&] { get("fresh"); },
-        [&](uint64_t nth) {
-            EXPECT_EQ(flux::fwident_entries().size(), entries.size()) << nth;
-            EXPECT_EQ(host.heap_count(), heap) << nth;
-            EXPECT_EQ(host.live_texts(), texts) << nth;
-            EXPECT_EQ(host.memory("FW_Ident key").blocks, 1u) << nth;
-            EXPECT_EQ(host.memory("FW_Ident data").blocks, 1u) << nth;
-            EXPECT_EQ(flux::fwident_check(), "");
-        });
 }
 
 } // namespace

@@ -128,8 +128,12 @@ TEST_F(RestorePass, FailingRestoreStopsThePass) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
-TEST_F(RestorePass, NonObjectArrayIsRefused) {
-    EXPECT_THROW(host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {"objects"}), zok::Error);
+// A single reference is read as an array of one: that object is restored.
+TEST_F(RestorePass, ASingleReferenceRestoresThatObject) {
+    const ObjectRef a = linked();
+    host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {a});
+    EXPECT_EQ(runs[a.id], 1);
+    EXPECT_EQ(flag(a), 1.0);
 }
 
 TEST_F(RestorePass, VersionsBelowOneComeBackAsOne) {

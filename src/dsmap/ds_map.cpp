@@ -47,8 +47,7 @@ struct DsMap {
 };
 
 const zok_var* key_argument(zok_var** argv) {
-    if (argv[1]->type != ZOK_T_STRING)
-        host_require_string(argv[1], ZOK_ACTION_ERROR);
+    string_argument(argv[1]);
     return argv[1];
 }
 
@@ -91,8 +90,10 @@ void free_if_alive(uint32_t heap_id) {
 
 zok_var* dsmap_init(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = resolve_object(argv[0], DSMAP_ANCHOR);
+    // The result first: failing to make it must not leave a map behind.
+    TempGuard result(host_temp_long(1));
     self.fields<DsMapFields>().the_map = maph_new();
-    return host_temp_long(1);
+    return result.release();
 }
 
 void dsmap_cleanup(int32_t, zok_var** argv, zok_keywords*) {

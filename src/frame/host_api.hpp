@@ -140,9 +140,9 @@ inline void hold_heap_var(uint32_t heap_id) {
 }
 
 // The INIT of a class that takes keywords: process the keywords into a
-// results record (which opens with the host's 64-bit leading word), flag
-// self's heap variable as module-held, run the class's initialisation and
-// return its status as a temporary integer.
+// results record (which opens with the host's 64-bit leading word), resolve
+// self, flag its heap variable as module-held, run the class's initialisation
+// and return its status as a temporary integer.
 template <class Results, class Init>
 zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                       const zok_keyword_entry* table, Init&& init) {
@@ -160,10 +160,12 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                 host_keywords_free();
         }
     } keywords_guard{results};
-    hold_heap_var(object_argument(plain[0]));
     const Self self = framework_self(plain.data());
-    const int32_t status = init(self, results);
-    return host_temp_long(status);
+    // The result before any change: failing to make it leaves self as it was.
+    TempGuard result(host_temp_long(0));
+    hold_heap_var(self.heap_id);
+    result->value.long_val = init(self, results);
+    return result.release();
 }
 
 } // namespace flux

@@ -33,27 +33,3 @@ zok::Error expect_error(int32_t code, F&& f) {
     }
     return zok::Error(0, "", "");
 }
-
-// Fails the 1st, 2nd, ... allocation of `attempt` in turn until it succeeds;
-// after each failure the faults are cleared and `after_failure(nth)` checks that
-// nothing changed.  Expects success within `limit` tries and at least a few
-// failures on the way, so that the sweep did reach the failure paths.
-template <typename Attempt, typename Check>
-void sweep_allocation_failures(zok::Host& host, uint64_t limit, Attempt&& attempt,
-                               Check&& after_failure) {
-    int failures = 0;
-    for (uint64_t nth = 1; nth < limit; ++nth) {
-        host.fail_allocation(nth);
-        try {
-            attempt();
-            host.clear_faults();
-            EXPECT_GT(failures, 2) << "the sweep reached too few failure paths";
-            return;
-        } catch (const zok::Error&) {
-            ++failures;
-        }
-        host.clear_faults();
-        after_failure(nth);
-    }
-    ADD_FAILURE() << "no success within " << limit << " allocations";
-}
