@@ -182,6 +182,9 @@ uint32_t fwident_rollover(uint32_t ident) {
 }
 
 void fwident_collect(bool all) {
+    // The name index is made here too, and kept: the one step that can fail
+    // comes before anything is freed.
+    made_index(name_index).commit();
     if (rollover_index != nullptr) {
         RbNode* parked = rollover_index;
         rollover_index = nullptr;
@@ -189,8 +192,6 @@ void fwident_collect(bool all) {
             free_ident_heap_var(static_cast<uint32_t>(map_node_key(e)));
         map_free(parked);
     }
-    if (name_index == nullptr)
-        return; // nothing was ever named
     RbNode* index = name_index;
     for (RbNode* e = map_first(index); e != index; e = map_next(e)) {
         if (!all && record_of(e)->uses > 0)
