@@ -8,6 +8,8 @@
 // in ascending order.  A record's address does not change while it lives.
 #include "state.hpp"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,7 @@ namespace zok::detail {
 namespace {
 
 constexpr size_t kDirEntries = size_t{1} << (32 - HeapTable::kPageBits);
+constexpr size_t kDirBytes = kDirEntries * sizeof(void*);
 constexpr uint64_t kIdLimit = uint64_t{1} << 32;
 
 // A dead slot's record is poisoned in a sanitizer build, so a module that
@@ -33,10 +36,13 @@ void unpoison_record(HeapSlot* s) {
 } // namespace
 
 HeapTable::HeapTable() {
-    // calloc of a large block maps zero pages lazily: untouched parts cost nothing.
-    dir_ = static_cast<Page**>(std::calloc(kDirEntries, sizeof(Page*)));
-    if (!dir_)
+    // Mapped straight from the system, the directory's pages are zero and cost
+    // nothing until touched, whatever allocator (or sanitizer) is in use.
+    void* dir = mmap(nullptr, kDirBytes, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (dir == MAP_FAILED)
         throw std::bad_alloc();
+    dir_ = static_cast<Page**>(dir);
 }
 
 HeapTable::~HeapTable() {
@@ -48,7 +54,7 @@ HeapTable::~HeapTable() {
         unpoison(page, sizeof(Page));
         std::free(page);
     }
-    std::free(dir_);
+    munmap(dir_, kDirBytes);
 }
 
 HeapSlot* HeapTable::create() {

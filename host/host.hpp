@@ -298,6 +298,28 @@ struct MemStats {
     friend bool operator==(const MemStats&, const MemStats&) = default;
 };
 
+// Everything a host program can observe of the host at one moment: every heap
+// variable (identifier, kind, heap flags, value), the counts of live texts and
+// temporaries, live memory by label, and the program variables.  A call that
+// raised an error must leave it as it was.
+struct Observation {
+    struct HeapVar {
+        uint32_t id = 0;
+        int32_t kind = 0;
+        uint32_t flags = 0;
+        Value value;
+    };
+    std::vector<HeapVar> heap; // in identifier order
+    size_t texts = 0;
+    size_t temps = 0;
+    std::map<std::string, MemStats> memory;
+    std::map<std::string, Value> vars;
+};
+
+// The first difference between two observations, in words, or "" when there
+// is none.  Floating values compare by their bits, so a NaN equals itself.
+std::string difference(const Observation& before, const Observation& after);
+
 // Registration operations that fault injection can make refuse.
 enum class Operation { DefineMessageBlock, AddRoutines };
 
@@ -399,6 +421,8 @@ public:
     // Checks the heap table's invariants; throws std::logic_error naming the first
     // broken one.
     void check_heap() const;
+    // What a program can observe of the host now.
+    Observation observe() const;
 
     // ---- Temporaries, texts, memory
     size_t live_temps() const;

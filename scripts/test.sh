@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the default build, the sanitizer build, and a
-# bounded run of each fuzz target.  FUZZ_SECONDS sets the fuzzing time per
-# target (default 60; 0 skips fuzzing).
+# bounded run of each fuzz target, seeded from fuzz/corpus/<target> when the
+# tree has one.  FUZZ_SECONDS sets the fuzzing time per target (default 60; 0
+# skips fuzzing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
@@ -25,7 +26,10 @@ if [ "$fuzz_seconds" -gt 0 ]; then
         [ -x "$target" ] || continue
         name=$(basename "$target")
         mkdir -p "build/fuzz/corpus/$name"
+        seeds=()
+        [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
         echo "== fuzzing $name for ${fuzz_seconds}s"
-        "$target" -max_total_time="$fuzz_seconds" -max_len=4096 -print_final_stats=1 "build/fuzz/corpus/$name"
+        "$target" -max_total_time="$fuzz_seconds" -max_len=4096 -print_final_stats=1 \
+            -artifact_prefix="build/fuzz/$name-" "build/fuzz/corpus/$name" "${seeds[@]}"
     done
 fi

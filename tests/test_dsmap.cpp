@@ -1,6 +1,7 @@
 // ZOKDSMAP against std::map<std::string, value> over random inserts,
 // replacements, removals and look-ups; key order is the host's string order;
-// values are copies; bad keys change nothing; nothing outlives the object.
+// values are copies; nothing outlives the object; the class check names each
+// way a map can be broken.
 #include <map>
 #include <random>
 #include <set>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dsmap/ds_map.hpp"
 #include "host.hpp"
 #include "support/testing.hpp"
 
@@ -205,6 +207,40 @@ TEST_F(DsMap, AllocationFailuresDuringInsertLeaveTheMapAsItWas) {
                           "ZOKDSMAP::INSERT.",
                           "-3: ZOKdsMap::Insert: out of memory",
                       }));
+}
+
+// The class check passes a sound map and names each way an entry or the map
+// itself can be broken behind the class's back.
+TEST_F(DsMap, CheckNamesEachBrokenPart) {
+    call("INSERT", {"a", 1});
+    call("INSERT", {"b", 2});
+    EXPECT_EQ(flux::dsmap_check(map.id), "");
+    auto heap_var_holding = [&](const Value& v) {
+        for (const uint32_t id : host.heap_ids(ZOK_HEAP_POINTER))
+            if (host.heap_value(id) == v)
+                return host_heap_var(id);
+        ADD_FAILURE() << "no heap variable holds " << v.to_string();
+        return static_cast<zok_heap_record*>(nullptr);
+    };
+    zok_heap_record* a = heap_var_holding("a");
+    zok_heap_record* b = heap_var_holding("b");
+    auto expect_fault = [&](const std::string& ending) {
+        const std::string fault = flux::dsmap_check(map.id);
+        EXPECT_TRUE(fault.ends_with(ending)) << fault;
+    };
+    std::swap(a->var.value.str, b->var.value.str);
+    expect_fault(": keys not in ascending order");
+    std::swap(a->var.value.str, b->var.value.str);
+    const zok_var text = a->var;
+    a->var.type = ZOK_T_LONG;
+    expect_fault(": the key is no string heap variable");
+    a->var = text;
+    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
+    host.set_tag(map, "THE_MAP", zok::PointerRef{a->id});
+    expect_fault(": the head names no node");
+    host.set_tag(map, "THE_MAP", zok::PointerRef{the_map});
+    host_heap_free(heap_var_holding(2)->id, 0, 0);
+    expect_fault(": the value heap variable is gone");
 }
 
 } // namespace

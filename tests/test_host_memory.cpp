@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <set>
 #include <string>
@@ -265,6 +266,46 @@ TEST(HostMemoryDeathTest, WriteIntoAFreedNodeStopsThePool) {
         "freed block was written to");
 }
 #endif
+
+// An observation sees each kind of change a call could leave behind, names the
+// first, and sees no change where there is none (a NaN included).
+TEST(HostObservation, NamesEachKindOfChange) {
+    zok::Host host;
+    host.set_var("x", std::numeric_limits<double>::quiet_NaN());
+    zok::Observation before = host.observe();
+    auto expect_change = [&](const std::string& expected) {
+        const zok::Observation now = host.observe();
+        EXPECT_EQ(zok::difference(before, now), expected);
+        EXPECT_EQ(zok::difference(now, host.observe()), "");
+        before = now;
+    };
+    zok_var seven{};
+    seven.type = ZOK_T_LONG;
+    seven.value.long_val = 7;
+    zok_heap_record* rec =
+        host_heap_var_new(ZOK_HEAP_POINTER, &seven, ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR);
+    expect_change("heap variable 1 appeared");
+    rec->flags |= ZOK_HEAP_HELD;
+    expect_change("heap variable 1: flags 0x0 -> 0x40");
+    rec->var.value.long_val = 8;
+    expect_change("heap variable 1: value 7 -> 8");
+    host_heap_free(rec->id, 0, 0);
+    expect_change("heap variable 1 vanished");
+    zok_string text{};
+    host_string_store(&text, "t");
+    expect_change("live texts 0 -> 1");
+    zok_var* temp = host_temp_var();
+    expect_change("live temporaries 0 -> 1");
+    void* block = host_mem_alloc(8, "L");
+    expect_change("memory under \"L\": 0 blocks, 0 bytes -> 1 blocks, 8 bytes");
+    host.set_var("x", -0.0);
+    expect_change("variable X: nan -> -0");
+    host.set_var("y", 1);
+    expect_change("variable Y appeared");
+    host_mem_free(block);
+    host_release_temp(temp);
+    host_string_release(&text, 1);
+}
 
 TEST(HostFaults, TheNthAllocationOfAnyKindFails) {
     // Runs one sequence of mixed allocations with each step failing in turn:

@@ -136,6 +136,14 @@ TEST_F(RestorePass, NonObjectArrayIsRefused) {
                  [&] { host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {"objects"}); });
 }
 
+// A single reference is read as an array of one: that object is restored.
+TEST_F(RestorePass, ASingleReferenceRestoresThatObject) {
+    const ObjectRef a = linked();
+    host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {a});
+    EXPECT_EQ(runs[a.id], 1);
+    EXPECT_EQ(flag(a), 1.0);
+}
+
 TEST_F(RestorePass, VersionsBelowOneComeBackAsOne) {
     const ObjectRef a = host.new_object("ZOKFWSAVEABLE");
     EXPECT_EQ(host.get_tag(a, "ZOKFWSAVEABLE_VERSION").as_int(), 1);

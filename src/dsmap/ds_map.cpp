@@ -8,6 +8,8 @@
 // dereference error", as does a key or value heap variable that has gone.
 #include "dsmap/ds_map.hpp"
 
+#include <set>
+
 #include "frame/host_api.hpp"
 #include "maps/maph.hpp"
 
@@ -45,8 +47,7 @@ struct DsMap {
 };
 
 const zok_var* key_argument(zok_var** argv) {
-    if (argv[1]->type != ZOK_T_STRING)
-        host_require_string(argv[1], ZOK_ACTION_ERROR);
+    string_argument(argv[1]);
     return argv[1];
 }
 
@@ -89,8 +90,10 @@ void free_if_alive(uint32_t heap_id) {
 
 zok_var* dsmap_init(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = resolve_object(argv[0], DSMAP_ANCHOR);
+    // The result first: failing to make it must not leave a map behind.
+    TempGuard result(host_temp_long(1));
     self.fields<DsMapFields>().the_map = maph_new();
-    return host_temp_long(1);
+    return result.release();
 }
 
 void dsmap_cleanup(int32_t, zok_var** argv, zok_keywords*) {
@@ -205,5 +208,40 @@ constexpr zok_routine_entry procedures[] = {
 } // namespace
 
 const RoutineList dsmap_routines{functions, procedures};
+
+std::string dsmap_check(uint32_t object) {
+    const zok_heap_record* rec = host_heap_var(object);
+    if (rec == nullptr)
+        return "object " + std::to_string(object) + " is gone";
+    const auto* fields =
+        static_cast<const DsMapFields*>(host_struct_tag_data(&rec->var, DSMAP_ANCHOR, 0, 0, 0));
+    const uint32_t map = fields->the_map;
+    if (map == 0 || host_heap_var(map) == nullptr)
+        return ""; // never made, or freed by CLEANUP
+    const std::string where = "map " + std::to_string(map) + " of object " + std::to_string(object);
+    // The tree's shape first, so that the walk below runs over a sound ring;
+    // the walk then checks the key order strictly, one entry per key.
+    if (const std::string tree = map_rbh_check(map, nullptr); !tree.empty())
+        return where + ": " + tree;
+    std::set<uint32_t> owned;
+    const zok_string* previous = nullptr;
+    for (uint32_t e = maph_first(map); e != map; e = maph_next(e)) {
+        const uint32_t key_id = maph_node_key(e);
+        const uint32_t value_id = maph_node_value(e);
+        const zok_heap_record* key = host_heap_var(key_id);
+        const std::string entry = where + ", entry " + std::to_string(e);
+        if (key == nullptr || key->var.type != ZOK_T_STRING ||
+            (key->var.flags & ZOK_VF_NOT_SIMPLE) != 0)
+            return entry + ": the key is no string heap variable";
+        if (host_heap_var(value_id) == nullptr)
+            return entry + ": the value heap variable is gone";
+        if (key_id == value_id || !owned.insert(key_id).second || !owned.insert(value_id).second)
+            return entry + ": a key or value heap variable serves twice";
+        if (previous != nullptr && host_string_compare(previous, &key->var.value.str) >= 0)
+            return entry + ": keys not in ascending order";
+        previous = &key->var.value.str;
+    }
+    return "";
+}
 
 } // namespace flux

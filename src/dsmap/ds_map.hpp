@@ -2,6 +2,8 @@
 // in key order.
 #pragma once
 
+#include <string>
+
 #include "frame/routines.hpp"
 
 namespace flux {
@@ -13,5 +15,10 @@ struct DsMapFields {
 };
 
 extern const RoutineList dsmap_routines;
+
+// The first broken invariant of a ZOKDSMAP object's map, or "" when it is
+// sound: the tree, and its entries in strictly ascending key order, each with
+// a string key and a value heap variable of its own.
+std::string dsmap_check(uint32_t object);
 
 } // namespace flux

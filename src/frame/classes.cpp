@@ -45,6 +45,7 @@ const ModuleCheck checks[] = {
 
 const ClassCheck object_checks[] = {
     {"ZOKFWMESSAGEHANDLER", messagehandler_check_structure},
+    {"ZOKDSMAP", dsmap_check},
 };
 
 } // namespace

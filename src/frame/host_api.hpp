@@ -163,9 +163,9 @@ inline void hold_heap_var(uint32_t heap_id) {
 }
 
 // The INIT of a class that takes keywords: process the keywords into a
-// results record (which opens with the host's 64-bit leading word), flag
-// self's heap variable as module-held, run the class's initialisation on self
-// (which must be of `cls`) and return its status as a temporary integer.
+// results record (which opens with the host's 64-bit leading word), resolve
+// self (which must be of `cls`), flag its heap variable as module-held, run the
+// class's initialisation and return its status as a temporary integer.
 template <class Results, class Init>
 zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
                       const zok_keyword_entry* table, const ClassRef& cls, Init&& init) {
@@ -184,12 +184,12 @@ zok_var* keyword_init(int32_t argc, zok_var** argv, zok_keywords* kw,
         }
     } keywords_guard{results};
     const Self self = class_self(plain.data(), cls);
+    // The result before any change: failing to make it leaves self as it was,
+    // and an INIT that raises has the host free the object without its CLEANUP.
+    TempGuard result(host_temp_long(0));
     hold_heap_var(self.heap_id);
-    // The result exists before the object takes anything: when INIT raises,
-    // the host frees the object without its CLEANUP.
-    TempGuard status(host_temp_long(0));
-    status->value.long_val = init(self, results);
-    return status.release();
+    result->value.long_val = init(self, results);
+    return result.release();
 }
 
 } // namespace flux

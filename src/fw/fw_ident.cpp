@@ -35,10 +35,18 @@ int compare_idents(RbWord key, RbWord leaf_key) {
     return static_cast<int32_t>(static_cast<uint32_t>(key) - static_cast<uint32_t>(leaf_key));
 }
 
-RbNode* ensure_map(RbNode*& map, const char* routine) {
-    if (map == nullptr && (map = map_new()) == nullptr)
-        raise_no_memory(routine);
-    return map;
+// Makes `index` on first use.  The guard it returns frees an index made here
+// again unless committed, so that an error which unwinds leaves none behind.
+auto made_index(RbNode*& index) {
+    const bool fresh = index == nullptr;
+    if (fresh && (index = map_new()) == nullptr)
+        raise_no_memory("FW_Ident");
+    return Undo([&index, fresh] {
+        if (fresh) {
+            map_free(index);
+            index = nullptr;
+        }
+    });
 }
 
 IdentRecord* record_of(RbNode* entry) {
@@ -49,8 +57,9 @@ zok_string* key_of(RbNode* entry) {
 }
 
 IdentRecord* find_record(const zok_string* name) {
-    RbNode* entry =
-        map_find(ensure_map(name_index, "FW_Ident"), reinterpret_cast<RbWord>(name), compare_names);
+    if (name_index == nullptr)
+        return nullptr;
+    RbNode* entry = map_find(name_index, reinterpret_cast<RbWord>(name), compare_names);
     return entry == nullptr ? nullptr : record_of(entry);
 }
 
@@ -60,17 +69,20 @@ void free_ident_heap_var(uint32_t ident) {
 }
 
 // Makes the entry for a text that has none: its key, its heap variable and its
-// record, all given back if any step fails.
+// record (and the index itself on first use), all given back if any step fails.
 IdentRecord* make_entry(const zok_string* name) {
+    auto drop_index = made_index(name_index);
     auto* key = static_cast<zok_string*>(host_mem_alloc(sizeof(zok_string), "FW_Ident key"));
     if (key == nullptr)
         raise_no_memory("FW_Ident");
-    *key = *name;
-    host_string_duplicate(key, 1);
+    *key = zok_string{};
     Undo drop_key([key] {
         host_string_release(key, 1);
         host_mem_free(key);
     });
+    zok_string own = *name; // the caller's text until the duplicate is made
+    host_string_duplicate(&own, 1);
+    *key = own;
 
     TempGuard text(host_temp_var());
     text->type = ZOK_T_STRING;
@@ -94,6 +106,7 @@ IdentRecord* make_entry(const zok_string* name) {
     drop_record.commit();
     drop_heap_var.commit();
     drop_key.commit();
+    drop_index.commit();
     return record;
 }
 
@@ -147,17 +160,31 @@ uint32_t fwident_rollover(uint32_t ident) {
     if (text == nullptr)
         return 0;
     const zok_string name = *text; // the stale variable stays alive until a collection
-    const uint32_t live = fwident_acquire_name(&name);
-    if (live == ident)
-        return live;
-    RbNode* parked = ensure_map(rollover_index, "FW_Ident");
-    if (map_find(parked, ident, compare_idents) == nullptr &&
-        map_put(parked, ident, 0, compare_idents) == nullptr)
+    if (IdentRecord* record = find_record(&name); record != nullptr && record->ident == ident) {
+        record->uses += 1;
+        return ident;
+    }
+    // A stale identifier is parked before the live one is acquired, and taken
+    // back out if that fails.
+    auto drop_index = made_index(rollover_index);
+    RbNode* parked = map_find(rollover_index, ident, compare_idents);
+    const bool parked_here = parked == nullptr;
+    if (parked_here && (parked = map_put(rollover_index, ident, 0, compare_idents)) == nullptr)
         raise_no_memory("FW_Ident");
+    Undo unpark([parked, parked_here] {
+        if (parked_here)
+            map_remove_node(parked);
+    });
+    const uint32_t live = fwident_acquire_name(&name);
+    unpark.commit();
+    drop_index.commit();
     return live;
 }
 
 void fwident_collect(bool all) {
+    // The name index is made here too, and kept: the one step that can fail
+    // comes before anything is freed.
+    made_index(name_index).commit();
     if (rollover_index != nullptr) {
         RbNode* parked = rollover_index;
         rollover_index = nullptr;
@@ -165,7 +192,7 @@ void fwident_collect(bool all) {
             free_ident_heap_var(static_cast<uint32_t>(map_node_key(e)));
         map_free(parked);
     }
-    RbNode* index = ensure_map(name_index, "FW_Ident");
+    RbNode* index = name_index;
     for (RbNode* e = map_first(index); e != index; e = map_next(e)) {
         if (!all && record_of(e)->uses > 0)
             continue;
@@ -256,34 +283,28 @@ zok_var* pointer_result(Acquire&& acquire) {
     return result.release();
 }
 
-const zok_var* pointer_argument(zok_var** argv) {
-    if (argv[0]->type != ZOK_T_POINTER)
-        host_require_pointer(argv[0], ZOK_ACTION_ERROR);
-    return argv[0];
-}
-
 zok_var* get_fwident(int32_t, zok_var** argv, zok_keywords*) {
-    if (argv[0]->type != ZOK_T_STRING)
-        host_require_string(argv[0], ZOK_ACTION_ERROR);
-    return pointer_result([&] { return fwident_acquire_name(&argv[0]->value.str); });
+    const zok_string* name = string_argument(argv[0]);
+    return pointer_result([name] { return fwident_acquire_name(name); });
 }
 
 zok_var* rollover_fwident(int32_t, zok_var** argv, zok_keywords*) {
-    const uint32_t ident = pointer_argument(argv)->value.heap_id;
-    return pointer_result([&] { return fwident_rollover(ident); });
+    const uint32_t ident = pointer_argument(argv[0]);
+    return pointer_result([ident] { return fwident_rollover(ident); });
 }
 
 void fwident_acquire_routine(int32_t, zok_var** argv, zok_keywords*) {
-    fwident_acquire(pointer_argument(argv)->value.heap_id);
+    fwident_acquire(pointer_argument(argv[0]));
 }
 
 void fwident_release_routine(int32_t, zok_var** argv, zok_keywords*) {
-    fwident_release(pointer_argument(argv)->value.heap_id);
+    fwident_release(pointer_argument(argv[0]));
 }
 
 void fwident_gc(int32_t argc, zok_var** argv, zok_keywords*) {
     bool all = false;
     if (argc == 1) {
+        require_scalar(argv[0]);
         TempGuard converted(host_convert_var(argv[0], ZOK_T_LONG));
         all = converted->value.long_val == 1;
     }

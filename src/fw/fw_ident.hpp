@@ -16,7 +16,8 @@ namespace flux {
 // The text of an identifier: its heap variable's string, or null when it has
 // no heap variable or the variable holds no single string.
 const zok_string* fwident_text(uint32_t ident);
-// Finds or makes the identifier of `name` and counts one use of it.
+// Finds or makes the identifier of `name` and counts one use of it.  When
+// memory runs out the registry is left as it was.
 uint32_t fwident_acquire_name(const zok_string* name);
 // Count one more / one fewer use of the identifier's text; an identifier whose
 // heap variable is gone, or whose text has no entry, is ignored.
@@ -24,7 +25,7 @@ void fwident_acquire(uint32_t ident);
 void fwident_release(uint32_t ident);
 // The live identifier for the text of `ident` (one use counted), or 0 when
 // `ident` names no heap variable.  A stale `ident` is parked and freed by the
-// next collection.
+// next collection.  When memory runs out the registry is left as it was.
 uint32_t fwident_rollover(uint32_t ident);
 // Frees parked stale identifiers and every identifier whose use count is 0 or
 // less (every identifier when `all`).

@@ -38,9 +38,11 @@ namespace {
 
 zok_var* saveable_init(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = framework_self(argv);
-    const int32_t status = saveable_initialise(self);
+    // The result before any change: failing to make it leaves self as it was.
+    TempGuard result(host_temp_long(0));
+    result->value.long_val = saveable_initialise(self);
     hold_heap_var(self.heap_id);
-    return host_temp_long(status);
+    return result.release();
 }
 
 void saveable_cleanup_method(int32_t, zok_var** argv, zok_keywords*) {
@@ -64,6 +66,8 @@ double* restored_flag_of(zok_heap_record* rec) {
     return static_cast<double*>(host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0));
 }
 
+// Takes an array of object references; a single reference is taken as an
+// array of one, so passing one object restores that object.
 void saveable_restore_array(int32_t, zok_var** argv, zok_keywords*) {
     const zok_var* array = argv[0];
     if (array->type != ZOK_T_OBJECT)

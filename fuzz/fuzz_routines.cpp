@@ -1,0 +1,579 @@
+// Reads its input as a host program that calls the module's routines with
+// whatever a program might hand over, and checks after every step that the
+// module neither crashed nor broke anything, and that a step which raised an
+// error changed nothing a program can observe.
+//
+// The routines are the ones in the host's routine table after the module has
+// loaded, and the classes those with a routine CLASS::INIT, so that routines
+// registered later join without changes here.  A step is one of:
+//   - a call of a registered routine, with an argument count inside or outside
+//     its range and perhaps keywords (known names, prefixes that are unique or
+//     ambiguous, lower case, unknown names).  A method is called by its full
+//     name, so its self may be a live object of its class or of another, a
+//     dead one, an object of a program class, or any value at all;
+//   - making an object of a class (its INIT, with such arguments), or
+//     destroying one (its CLEANUP);
+//   - assigning a program variable;
+//   - the host's collection of unreachable heap variables, or a session reset;
+//   - one of the above with an allocation failure armed: the nth allocation,
+//     or every allocation under a label.
+// An argument is undefined, a scalar or an array of any type code, a
+// structure or an array of structures of any defined structure, an object or
+// pointer reference (null, dead, live of either kind, out of range), a text
+// (empty, long, holding NUL), a number at the limits of its type, passed as a
+// temporary or as a named program variable.  References are only those the
+// program has held: objects it made and references that calls gave back.
+//
+// After every step: the host's heap check and the module's checks pass (the
+// module-wide ones, and each class's on every live object of that class), no
+// temporary is left, no host operation was misused, and a step that raised an
+// error left the host's observation as it was.  At the end: destroying every
+// object and resetting the session leaves no unreachable heap variable, and
+// gives back every block of module memory and every text.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "frame/module.hpp"
+#include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using zok::ObjectRef;
+using zok::PointerRef;
+using zok::Value;
+
+constexpr size_t kMaxSteps = 256;
+constexpr const char* kForeignClass = "FUZZ_FOREIGN";
+const char* const kVariables[] = {"V0", "V1", "V2", "V3"};
+
+// The keyword names of the module's INIT methods.
+const char* const kKeywordNames[] = {
+    "DELAYMESSAGESTRING", "FUNCTION", "HANDLER",  "MESSAGESTRING", "METHOD", "OBJECT",
+    "PROCEDURE",          "REGISTER", "RESPONSE", "SCOPE"};
+
+const uint8_t kTypes[] = {ZOK_T_BYTE,   ZOK_T_SHORT,  ZOK_T_LONG,    ZOK_T_FLOAT,  ZOK_T_DOUBLE,
+                          ZOK_T_STRING, ZOK_T_STRUCT, ZOK_T_POINTER, ZOK_T_OBJECT, ZOK_T_USHORT,
+                          ZOK_T_ULONG,  ZOK_T_LONG64, ZOK_T_ULONG64};
+
+// The least and greatest value of each integer type.
+std::pair<int64_t, int64_t> limits_of(uint8_t type) {
+    switch (type) {
+    case ZOK_T_BYTE:
+        return {0, 255};
+    case ZOK_T_SHORT:
+        return {INT16_MIN, INT16_MAX};
+    case ZOK_T_USHORT:
+        return {0, UINT16_MAX};
+    case ZOK_T_LONG:
+        return {INT32_MIN, INT32_MAX};
+    case ZOK_T_ULONG:
+        return {0, UINT32_MAX};
+    case ZOK_T_ULONG64:
+        return {0, -1}; // all ones: the greatest
+    default:
+        return {INT64_MIN, INT64_MAX};
+    }
+}
+
+const double kDoubles[] = {0.0,
+                           -0.0,
+                           1.0,
+                           -1.0,
+                           0.5,
+                           2147483648.0,
+                           4294967296.0,
+                           1e19,
+                           std::numeric_limits<double>::max(),
+                           std::numeric_limits<double>::denorm_min(),
+                           std::numeric_limits<double>::infinity(),
+                           -std::numeric_limits<double>::infinity(),
+                           std::numeric_limits<double>::quiet_NaN()};
+
+// The input as a stream of bytes, zeros once it runs out.
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+    bool more() const { return at_ < size_; }
+    uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
+    // A number below n (0 when n is 0).  It takes its byte whatever n is, so
+    // that the bytes after it mean the same in any state.
+    size_t below(size_t n) {
+        size_t v = byte();
+        if (n > 256)
+            v = v << 8 | byte();
+        return n == 0 ? 0 : v % n;
+    }
+
+private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t at_ = 0;
+};
+
+class Program {
+public:
+    explicit Program(Input& in) : in_(in) {
+        host_.load_module(ZOK_Load, ZOK_ResetSession);
+        routines_ = host_.routines();
+        for (const zok::RoutineInfo& r : routines_)
+            if (r.name.ends_with("::INIT"))
+                classes_.push_back(r.name.substr(0, r.name.size() - 6));
+        host_.define_struct(kForeignClass, {{"N", ZOK_T_LONG},
+                                            {"TEXT", ZOK_T_STRING},
+                                            {"PEER", ZOK_T_OBJECT},
+                                            {"DATA", ZOK_T_POINTER}});
+        classes_.push_back(kForeignClass);
+        for (const std::string& name : host_.struct_names()) {
+            zok_var* instance = host_temp_struct(host_.find_struct(name));
+            structs_.push_back(host_.read(*instance).as_struct());
+            host_release_temp(instance);
+        }
+        for (const char* v : kVariables)
+            host_.set_var(v, Value());
+        host_.reset_session();
+        baseline_ = host_.observe();
+    }
+
+    void run() {
+        for (size_t n = 0; n < kMaxSteps && in_.more(); ++n)
+            step();
+        finish();
+    }
+
+private:
+    void step() {
+        switch (in_.byte() % 16) {
+        case 9:
+        case 10:
+            return make_object();
+        case 11:
+            return destroy_object();
+        case 12:
+            return assign_variable();
+        case 13:
+            return with_failing_allocation();
+        case 14:
+            return perform("collect", [&] { host_.collect(); });
+        case 15:
+            if (in_.byte() < 16)
+                return perform("reset session", [&] { host_.reset_session(); });
+            return call_routine();
+        default:
+            return call_routine();
+        }
+    }
+
+    void with_failing_allocation() {
+        const uint8_t how = in_.byte();
+        if (how % 2 == 0) {
+            const uint64_t nth = 1 + how / 2 % 32;
+            log_.push_back("fail allocation " + std::to_string(nth));
+            host_.fail_allocation(nth);
+        } else {
+            std::vector<std::string> labels = {zok::kPlainLabel};
+            for (const auto& [label, stats] : host_.memory_by_label())
+                labels.push_back(label);
+            const std::string& label = labels[in_.below(labels.size())];
+            log_.push_back("fail label " + label);
+            host_.fail_label(label);
+        }
+        if (in_.byte() % 4 == 0)
+            make_object();
+        else
+            call_routine();
+    }
+
+    // ---- Steps
+
+    void call_routine() {
+        const zok::RoutineInfo& r = routines_[in_.below(routines_.size())];
+        const size_t colons = r.name.find("::");
+        const int argc = argument_count(r.min_args, r.max_args);
+        zok::Args args;
+        for (int i = 0; i < argc; ++i)
+            args.push_back(i == 0 && colons != std::string::npos ? self(r.name.substr(0, colons))
+                                                                 : argument());
+        const zok::Keywords kw = keywords();
+        std::vector<uint32_t> restored;
+        if (r.name == "ZOKFWSAVEABLERESTOREARRAY" && !args.empty())
+            restored = objects_in(args[0]);
+        const bool init = r.name.ends_with("::INIT");
+        perform(
+            describe(r.name, args, kw),
+            [&] {
+                if (r.is_function)
+                    harvest(host_.call_function(r.name, args, kw));
+                else
+                    host_.call_procedure(r.name, args, kw);
+                // A second INIT of a live object replaces what the first made.
+                reinit_ = reinit_ || init;
+            },
+            restored);
+    }
+
+    void make_object() {
+        const std::string& cls = classes_[in_.below(classes_.size())];
+        zok::Args args;
+        for (int n = argument_count(0, 1); n > 0; --n)
+            args.push_back(argument());
+        const zok::Keywords kw = keywords();
+        perform("new " + describe(cls, args, kw), [&] {
+            if (const ObjectRef made = host_.new_object(cls, args, kw))
+                objects_.push_back(made.id);
+        });
+    }
+
+    void destroy_object() {
+        const uint32_t id = reference_id(ZOK_T_OBJECT);
+        perform("destroy " + std::to_string(id), [&] { host_.destroy(ObjectRef{id}); });
+    }
+
+    void assign_variable() {
+        const char* name = kVariables[in_.below(std::size(kVariables))];
+        const Value v = value();
+        perform(std::string(name) + " = " + v.to_string(), [&] { host_.set_var(name, v); });
+    }
+
+    // ---- Arguments
+
+    int argument_count(int least, int most) {
+        const uint8_t b = in_.byte();
+        if (b < 224)
+            return least + b % (most - least + 1);
+        return b % (most + 3); // outside the range now and then
+    }
+
+    zok::Arg self(const std::string& cls) {
+        std::vector<uint32_t> of_class;
+        for (const uint32_t id : live(objects_))
+            if (host_.heap_kind(id) == ZOK_HEAP_OBJECT && host_.isa(ObjectRef{id}, cls))
+                of_class.push_back(id);
+        const uint8_t how = in_.byte() % 8;
+        const size_t pick = in_.byte();
+        if (how < 6 && !of_class.empty())
+            return Value(ObjectRef{of_class[pick % of_class.size()]});
+        if (how == 6 && !of_class.empty())
+            return Value(std::vector<ObjectRef>(1 + pick % 2, ObjectRef{of_class[0]}));
+        if (how < 7)
+            return Value(ObjectRef{reference_id(ZOK_T_OBJECT)});
+        return argument();
+    }
+
+    zok::Arg argument() {
+        if (in_.byte() % 8 == 0)
+            return zok::Ref{kVariables[in_.below(std::size(kVariables))]};
+        return value();
+    }
+
+    // One byte: its low bits pick the type, weighted towards what routines
+    // take (texts, references, integers), every type code coming up; its top
+    // bits make it an array of that type now and then, so that one change of
+    // that byte turns a value a routine takes into an array of the right type.
+    Value value() {
+        static const uint8_t types[16] = {
+            ZOK_T_STRING,  ZOK_T_STRING,  ZOK_T_STRING,    ZOK_T_STRING,
+            ZOK_T_STRING,  ZOK_T_OBJECT,  ZOK_T_OBJECT,    ZOK_T_OBJECT,
+            ZOK_T_POINTER, ZOK_T_POINTER, ZOK_T_POINTER,   ZOK_T_LONG,
+            ZOK_T_LONG,    ZOK_T_STRUCT,  ZOK_T_UNDEFINED, ZOK_T_UNDEFINED};
+        const uint8_t b = in_.byte();
+        uint8_t type = types[b % 16];
+        if (type == ZOK_T_UNDEFINED) {
+            if (b % 2 == 0)
+                return Value();
+            type = kTypes[in_.below(std::size(kTypes))];
+        }
+        return b >= 224 ? array(type) : scalar(type);
+    }
+
+    Value scalar(uint8_t type) {
+        switch (type) {
+        case ZOK_T_STRING:
+            return text();
+        case ZOK_T_STRUCT:
+            return structure(structs_[in_.below(structs_.size())]);
+        case ZOK_T_POINTER:
+            return Value(PointerRef{reference_id(type)});
+        case ZOK_T_OBJECT:
+            return Value(ObjectRef{reference_id(type)});
+        case ZOK_T_FLOAT:
+        case ZOK_T_DOUBLE:
+            return Value::number(type, kDoubles[in_.below(std::size(kDoubles))]);
+        default: {
+            const auto [least, most] = limits_of(type);
+            const int64_t picks[] = {0, 1, 2, -1, least, most, in_.byte()};
+            return Value::integer(type, picks[in_.below(std::size(picks))]);
+        }
+        }
+    }
+
+    Value array(uint8_t type) {
+        std::vector<Value> elements;
+        if (type == ZOK_T_STRUCT) {
+            const zok::StructValue& kind = structs_[in_.below(structs_.size())];
+            for (size_t n = 1 + in_.below(2); n > 0; --n)
+                elements.push_back(structure(kind));
+        } else {
+            for (size_t n = in_.below(4); n > 0; --n)
+                elements.push_back(scalar(type));
+        }
+        return Value::array(type, std::move(elements));
+    }
+
+    // A structure of the template's kind with a few of its fields set.
+    Value structure(zok::StructValue st) {
+        for (size_t n = in_.below(3); n > 0 && !st.fields.empty(); --n) {
+            Value& field = st.fields[in_.below(st.fields.size())].second;
+            field = scalar(field.type());
+        }
+        return Value(std::move(st));
+    }
+
+    Value text() {
+        switch (in_.byte() % 8) {
+        case 0:
+            return "";
+        case 1:
+            return std::string(300 + in_.byte(), 'x');
+        case 2:
+            return std::string("k\0k", 3);
+        case 3:
+            return " 1 ";
+        case 4: {
+            std::string t;
+            for (size_t n = in_.below(16); n > 0; --n)
+                t += static_cast<char>(in_.byte());
+            return t;
+        }
+        default: {
+            static const char* const words[] = {"k", "K", "a", "\xff", "1"};
+            return words[in_.below(std::size(words))];
+        }
+        }
+    }
+
+    // An identifier the program may hand over for a reference of `type`: most
+    // often a live one of that kind that it holds, else one of the other kind,
+    // one it held that has died, null, or one out of any range.
+    uint32_t reference_id(uint8_t type) {
+        const std::vector<uint32_t> same = live(type == ZOK_T_OBJECT ? objects_ : pointers_);
+        const std::vector<uint32_t> other = live(type == ZOK_T_OBJECT ? pointers_ : objects_);
+        const uint8_t how = in_.byte() % 16;
+        const size_t pick = in_.byte();
+        if (how < 10 && !same.empty())
+            return same[pick % same.size()];
+        if (how < 12 && !other.empty())
+            return other[pick % other.size()];
+        if (how < 14) {
+            std::vector<uint32_t> dead;
+            for (const auto* held : {&objects_, &pointers_})
+                for (const uint32_t id : *held)
+                    if (!host_.heap_alive(id))
+                        dead.push_back(id);
+            return dead.empty() ? host_.next_heap_id() : dead[pick % dead.size()];
+        }
+        return how == 14 ? UINT32_MAX : 0;
+    }
+
+    std::vector<uint32_t> live(const std::vector<uint32_t>& held) const {
+        std::vector<uint32_t> out;
+        for (const uint32_t id : held)
+            if (host_.heap_alive(id))
+                out.push_back(id);
+        return out;
+    }
+
+    zok::Keywords keywords() {
+        const uint8_t b = in_.byte();
+        zok::Keywords kw;
+        if (b % 8 != 0)
+            return kw;
+        for (size_t n = 1 + b / 8 % 3; n > 0; --n) {
+            std::string name = kKeywordNames[in_.below(std::size(kKeywordNames))];
+            switch (in_.byte() % 6) {
+            case 0:
+                name = name.substr(0, 1 + in_.below(name.size() - 1)); // a prefix
+                break;
+            case 1:
+                for (char& c : name)
+                    c = static_cast<char>(c - 'A' + 'a');
+                break;
+            case 2:
+                name = "NOSUCH";
+                break;
+            case 3:
+                name = "";
+                break;
+            default:
+                break;
+            }
+            kw.push_back({name, argument()});
+        }
+        return kw;
+    }
+
+    // The identifiers of the objects an argument names (for the restore pass).
+    std::vector<uint32_t> objects_in(const zok::Arg& arg) const {
+        const Value v = arg.is_ref() ? host_.get_var(arg.ref()) : arg.value();
+        std::vector<uint32_t> ids;
+        if (v.type() == ZOK_T_OBJECT)
+            for (const Value& e : v.elements())
+                ids.push_back(e.as_object().id);
+        return ids;
+    }
+
+    // Keeps the references a call gave back.
+    void harvest(const Value& result) {
+        for (const Value& e : result.elements()) {
+            if (e.type() == ZOK_T_OBJECT && e.as_object())
+                objects_.push_back(e.as_object().id);
+            if (e.type() == ZOK_T_POINTER && e.as_pointer())
+                pointers_.push_back(e.as_pointer().id);
+        }
+    }
+
+    static std::string describe(const std::string& name, const zok::Args& args,
+                                const zok::Keywords& kw) {
+        std::string out = name + "(";
+        auto shown = [](const zok::Arg& a) {
+            return a.is_ref() ? "var " + a.ref() : a.value().to_string();
+        };
+        for (size_t i = 0; i < args.size(); ++i)
+            out += (i ? ", " : "") + shown(args[i]);
+        for (const zok::Keyword& k : kw)
+            out += ", /" + k.name + "=" + shown(k.arg);
+        return out + ")";
+    }
+
+    // ---- Checks
+
+    template <class Step>
+    void perform(std::string what, Step&& step, const std::vector<uint32_t>& restored = {}) {
+        log_.push_back(std::move(what));
+        const zok::Observation before = host_.observe();
+        bool raised = false;
+        try {
+            step();
+        } catch (const zok::Error& e) {
+            raised = true;
+            log_.back() += " -> " + std::string(e.what());
+        }
+        host_.clear_faults();
+        verify();
+        if (raised) {
+            const zok::Observation after = host_.observe();
+            const std::string changed = zok::difference(forgive(before, after, restored), after);
+            if (!changed.empty())
+                fail("the step raised an error, yet changed the state: " + changed);
+        }
+    }
+
+    // The restore pass resets the flags of the array's objects before it looks
+    // at the next, so one that ends with the host's error at a bad element has
+    // already reset the flags of the elements before it.  That reset (to 0.0)
+    // is forgiven; nothing else is.
+    static zok::Observation forgive(zok::Observation before, const zok::Observation& after,
+                                    const std::vector<uint32_t>& restored) {
+        const std::set<uint32_t> ids(restored.begin(), restored.end());
+        auto now = after.heap.begin();
+        for (zok::Observation::HeapVar& was : before.heap) {
+            while (now != after.heap.end() && now->id < was.id)
+                ++now;
+            if (now == after.heap.end() || now->id != was.id || !ids.count(was.id) ||
+                was.value.type() != ZOK_T_STRUCT || now->value.type() != ZOK_T_STRUCT)
+                continue;
+            zok::StructValue st = was.value.as_struct();
+            const auto& fields = now->value.as_struct().fields;
+            for (size_t i = 0; i < st.fields.size() && i < fields.size(); ++i)
+                if (st.fields[i].first == "ZOKFWSAVEABLE_TOP" && fields[i].second == Value(0.0))
+                    st.fields[i].second = fields[i].second;
+            was.value = Value(std::move(st));
+        }
+        return before;
+    }
+
+    void verify() {
+        try {
+            host_.check_heap();
+        } catch (const std::exception& e) {
+            fail(std::string("heap check: ") + e.what());
+        }
+        try {
+            for (const flux::ModuleCheck check : flux::module_checks())
+                if (const std::string fault = check(); !fault.empty())
+                    fail("module check: " + fault);
+            for (const uint32_t id : host_.heap_ids(ZOK_HEAP_OBJECT))
+                for (const flux::ClassCheck& c : flux::class_checks())
+                    if (host_.isa(ObjectRef{id}, c.class_name))
+                        if (const std::string fault = c.check(id); !fault.empty())
+                            fail(std::string(c.class_name) + " check: " + fault);
+        } catch (const zok::Error& e) {
+            fail(std::string("a check raised: ") + e.what());
+        }
+        if (host_.live_temps() != 0 || host_.leftover_temps() != 0)
+            fail("temporaries left behind");
+        for (const zok::Message& m : host_.messages())
+            if (!m.routine.empty() &&
+                (m.code == ZOK_ERR_BAD_FREE || m.code == ZOK_ERR_BAD_ARGUMENT))
+                fail("a host operation was misused: " + m.text);
+        host_.clear_messages();
+    }
+
+    void finish() {
+        log_.push_back("finish");
+        host_.clear_faults();
+        for (const uint32_t id : host_.heap_ids(ZOK_HEAP_OBJECT)) {
+            try {
+                host_.destroy(ObjectRef{id});
+            } catch (const zok::Error& e) {
+                fail("destroying object " + std::to_string(id) + " raised: " + e.what());
+            }
+        }
+        verify();
+        ZOK_ResetSession();
+        for (const char* v : kVariables)
+            host_.erase_var(v);
+        if (!reinit_)
+            if (const size_t garbage = host_.collect())
+                fail(std::to_string(garbage) + " heap variables were left that nothing reaches");
+        host_.reset_session();
+        if (host_.memory_by_label() != baseline_.memory)
+            fail("module memory was not all given back");
+        if (host_.live_texts() != baseline_.texts)
+            fail("texts were not all given back");
+    }
+
+    [[noreturn]] void fail(const std::string& what) const {
+        for (const std::string& line : log_)
+            std::fprintf(stderr, "  %s\n", line.c_str());
+        std::fprintf(stderr, "%s\n", what.c_str());
+        std::abort();
+    }
+
+    Input& in_;
+    zok::Host host_;
+    std::vector<zok::RoutineInfo> routines_;
+    std::vector<std::string> classes_;
+    std::vector<zok::StructValue> structs_; // a zeroed instance of every structure
+    std::vector<uint32_t> objects_;         // object references the program has held
+    std::vector<uint32_t> pointers_;        // pointer references calls gave back
+    std::vector<std::string> log_;
+    zok::Observation baseline_;
+    bool reinit_ = false;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Input in(data, size);
+    Program program(in);
+    program.run();
+    return 0;
+}
