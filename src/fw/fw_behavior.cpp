@@ -159,17 +159,20 @@ void behavior_unregister_method(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(behavior_init, "ZOKFWBEHAVIOR::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(behavior_isregistered, "ZOKFWBEHAVIOR::ISREGISTERED", 1, 1),
-    function_entry(behavior_messagestring, "ZOKFWBEHAVIOR::MESSAGESTRING", 1, 1),
+    function_entry(messaging_routine<behavior_init>, "ZOKFWBEHAVIOR::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<behavior_isregistered>, "ZOKFWBEHAVIOR::ISREGISTERED", 1, 1),
+    function_entry(messaging_routine<behavior_messagestring>, "ZOKFWBEHAVIOR::MESSAGESTRING", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(behavior_cleanup_method, "ZOKFWBEHAVIOR::CLEANUP", 1, 1, ZOK_RT_KEYWORDS),
-    procedure_entry(behavior_execute, "ZOKFWBEHAVIOR::EXECUTE", 1, 2),
-    procedure_entry(behavior_register_method, "ZOKFWBEHAVIOR::REGISTER", 1, 1),
-    procedure_entry(behavior_restore_method, "ZOKFWBEHAVIOR::RESTORE", 1, 1),
-    procedure_entry(behavior_setmessagestring, "ZOKFWBEHAVIOR::SETMESSAGESTRING", 2, 2),
-    procedure_entry(behavior_unregister_method, "ZOKFWBEHAVIOR::UNREGISTER", 1, 1),
+    procedure_entry(messaging_routine<behavior_cleanup_method>, "ZOKFWBEHAVIOR::CLEANUP", 1, 1,
+                    ZOK_RT_KEYWORDS),
+    procedure_entry(messaging_routine<behavior_execute>, "ZOKFWBEHAVIOR::EXECUTE", 1, 2),
+    procedure_entry(messaging_routine<behavior_register_method>, "ZOKFWBEHAVIOR::REGISTER", 1, 1),
+    procedure_entry(messaging_routine<behavior_restore_method>, "ZOKFWBEHAVIOR::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<behavior_setmessagestring>, "ZOKFWBEHAVIOR::SETMESSAGESTRING",
+                    2, 2),
+    procedure_entry(messaging_routine<behavior_unregister_method>, "ZOKFWBEHAVIOR::UNREGISTER", 1,
+                    1),
 };
 
 } // namespace

@@ -2,6 +2,8 @@
 // (fw_delayargbehav) shares.
 #include "fw/fw_delaybehav.hpp"
 
+#include "fw/fw_messhndlr.hpp"
+
 #include <cstring>
 
 #include "fw/fw_ident.hpp"
@@ -157,14 +159,16 @@ void delaybehav_setmethod(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(delaybehav_init, "ZOKFWDELAYBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<delaybehav_init>, "ZOKFWDELAYBEHAV::INIT", 1, 1,
+                   ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(delaybehav_cleanup_method, "ZOKFWDELAYBEHAV::CLEANUP", 1, 1),
-    procedure_entry(delaybehav_delayexecute, "ZOKFWDELAYBEHAV::DELAYEXECUTE", 1, 1),
-    procedure_entry(delaybehav_execute, "ZOKFWDELAYBEHAV::EXECUTE", 1, 1),
-    procedure_entry(delaybehav_restore, "ZOKFWDELAYBEHAV::RESTORE", 1, 1),
-    procedure_entry(delaybehav_setmethod, "ZOKFWDELAYBEHAV::SETMETHOD", 2, 2),
+    procedure_entry(messaging_routine<delaybehav_cleanup_method>, "ZOKFWDELAYBEHAV::CLEANUP", 1, 1),
+    procedure_entry(messaging_routine<delaybehav_delayexecute>, "ZOKFWDELAYBEHAV::DELAYEXECUTE", 1,
+                    1),
+    procedure_entry(messaging_routine<delaybehav_execute>, "ZOKFWDELAYBEHAV::EXECUTE", 1, 1),
+    procedure_entry(messaging_routine<delaybehav_restore>, "ZOKFWDELAYBEHAV::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<delaybehav_setmethod>, "ZOKFWDELAYBEHAV::SETMETHOD", 2, 2),
 };
 
 } // namespace

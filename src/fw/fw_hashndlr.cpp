@@ -79,13 +79,17 @@ void hasahandler_sethandler(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(hasahandler_handler, "ZOKFWHASAHANDLER::HANDLER", 1, 1),
-    function_entry(hasahandler_init, "ZOKFWHASAHANDLER::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<hasahandler_handler>, "ZOKFWHASAHANDLER::HANDLER", 1, 1),
+    function_entry(messaging_routine<hasahandler_init>, "ZOKFWHASAHANDLER::INIT", 1, 1,
+                   ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(hasahandler_cleanup_method, "ZOKFWHASAHANDLER::CLEANUP", 1, 1),
-    procedure_entry(hasahandler_restore_method, "ZOKFWHASAHANDLER::RESTORE", 1, 1),
-    procedure_entry(hasahandler_sethandler, "ZOKFWHASAHANDLER::SETHANDLER", 2, 2),
+    procedure_entry(messaging_routine<hasahandler_cleanup_method>, "ZOKFWHASAHANDLER::CLEANUP", 1,
+                    1),
+    procedure_entry(messaging_routine<hasahandler_restore_method>, "ZOKFWHASAHANDLER::RESTORE", 1,
+                    1),
+    procedure_entry(messaging_routine<hasahandler_sethandler>, "ZOKFWHASAHANDLER::SETHANDLER", 2,
+                    2),
 };
 
 } // namespace

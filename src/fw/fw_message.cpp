@@ -123,14 +123,16 @@ void message_setmessagestring(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(message_init, "ZOKFWMESSAGE::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(message_messagestring, "ZOKFWMESSAGE::MESSAGESTRING", 1, 1),
+    function_entry(messaging_routine<message_init>, "ZOKFWMESSAGE::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<message_messagestring>, "ZOKFWMESSAGE::MESSAGESTRING", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(message_cleanup_method, "ZOKFWMESSAGE::CLEANUP", 1, 1, ZOK_RT_KEYWORDS),
-    procedure_entry(message_restore_method, "ZOKFWMESSAGE::RESTORE", 1, 1),
-    procedure_entry(message_send_method, "ZOKFWMESSAGE::SEND", 1, 2),
-    procedure_entry(message_setmessagestring, "ZOKFWMESSAGE::SETMESSAGESTRING", 2, 2),
+    procedure_entry(messaging_routine<message_cleanup_method>, "ZOKFWMESSAGE::CLEANUP", 1, 1,
+                    ZOK_RT_KEYWORDS),
+    procedure_entry(messaging_routine<message_restore_method>, "ZOKFWMESSAGE::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<message_send_method>, "ZOKFWMESSAGE::SEND", 1, 2),
+    procedure_entry(messaging_routine<message_setmessagestring>, "ZOKFWMESSAGE::SETMESSAGESTRING",
+                    2, 2),
 };
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "fw/fw_messhndlr.hpp"
 
 #include <cstdio>
+#include <exception>
 #include <map>
 #include <set>
 
@@ -462,6 +463,21 @@ std::string handler_chain_dot(std::span<const uint32_t> handlers) {
     return out + "}\n";
 }
 
+DefaultHandlerGuard::DefaultHandlerGuard()
+    : before_(the_default), unwinding_(std::uncaught_exceptions()) {}
+
+DefaultHandlerGuard::~DefaultHandlerGuard() {
+    if (std::uncaught_exceptions() <= unwinding_ || the_default == 0 || the_default == before_)
+        return;
+    const MessageHandlerFields* f = live_handler(the_default);
+    if (f == nullptr || (f->behaviors != 0 && !maph_is_empty(f->behaviors)))
+        return;
+    const uint32_t table = f->behaviors;
+    host_heap_free(the_default, 0, 0);
+    maph_free(table);
+    the_default = 0;
+}
+
 void messagehandler_session_reset() {
     the_default = 0;
 }
@@ -659,19 +675,30 @@ void messagehandler_unscopemessage(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messagehandler_behaviors, "ZOKFWMESSAGEHANDLER::BEHAVIORS", 2, 2),
-    function_entry(messagehandler_init, "ZOKFWMESSAGEHANDLER::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(messagehandler_isscoped, "ZOKFWMESSAGEHANDLER::ISSCOPED", 2, 2),
-    function_entry(messagehandler_scopedmessages, "ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1),
+    function_entry(messaging_routine<messagehandler_behaviors>, "ZOKFWMESSAGEHANDLER::BEHAVIORS", 2,
+                   2),
+    function_entry(messaging_routine<messagehandler_init>, "ZOKFWMESSAGEHANDLER::INIT", 1, 1,
+                   ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<messagehandler_isscoped>, "ZOKFWMESSAGEHANDLER::ISSCOPED", 2,
+                   2),
+    function_entry(messaging_routine<messagehandler_scopedmessages>,
+                   "ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messagehandler_addbehavior, "ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3),
-    procedure_entry(messagehandler_cleanup_method, "ZOKFWMESSAGEHANDLER::CLEANUP", 1, 1),
-    procedure_entry(messagehandler_removebehavior, "ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3),
-    procedure_entry(messagehandler_restore_method, "ZOKFWMESSAGEHANDLER::RESTORE", 1, 1),
-    procedure_entry(messagehandler_scopemessage, "ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2),
-    procedure_entry(messagehandler_sendmessage, "ZOKFWMESSAGEHANDLER::SENDMESSAGE", 2, 3),
-    procedure_entry(messagehandler_unscopemessage, "ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2),
+    procedure_entry(messaging_routine<messagehandler_addbehavior>,
+                    "ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3),
+    procedure_entry(messaging_routine<messagehandler_cleanup_method>,
+                    "ZOKFWMESSAGEHANDLER::CLEANUP", 1, 1),
+    procedure_entry(messaging_routine<messagehandler_removebehavior>,
+                    "ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3),
+    procedure_entry(messaging_routine<messagehandler_restore_method>,
+                    "ZOKFWMESSAGEHANDLER::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<messagehandler_scopemessage>,
+                    "ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2),
+    procedure_entry(messaging_routine<messagehandler_sendmessage>,
+                    "ZOKFWMESSAGEHANDLER::SENDMESSAGE", 2, 3),
+    procedure_entry(messaging_routine<messagehandler_unscopemessage>,
+                    "ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2),
 };
 
 } // namespace

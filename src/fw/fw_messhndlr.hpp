@@ -74,6 +74,28 @@ std::string messagehandler_check_structure(uint32_t handler);
 // the behaviours filed in each; nothing is made or changed to draw it.
 std::string handler_chain_dot(std::span<const uint32_t> handlers);
 
+// Every routine of the messaging classes runs inside one of these: a default
+// handler that the routine made on its way (it is made on first need) and that
+// files nothing is given back when the routine ends with an error, so that a
+// failed call leaves the host as it found it.
+class DefaultHandlerGuard {
+public:
+    DefaultHandlerGuard();
+    ~DefaultHandlerGuard();
+    DefaultHandlerGuard(const DefaultHandlerGuard&) = delete;
+    DefaultHandlerGuard& operator=(const DefaultHandlerGuard&) = delete;
+
+private:
+    uint32_t before_;
+    int unwinding_;
+};
+
+template <auto Routine>
+auto messaging_routine(int32_t argc, zok_var** argv, zok_keywords* kw) {
+    const DefaultHandlerGuard guard;
+    return Routine(argc, argv, kw);
+}
+
 void messagehandler_session_reset();
 void messagehandler_forget();
 

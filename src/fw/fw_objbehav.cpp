@@ -2,6 +2,8 @@
 // delivery finds out whether it still lives.
 #include "fw/fw_objbehav.hpp"
 
+#include "fw/fw_messhndlr.hpp"
+
 #include <string>
 
 #include "fw/fw_ident.hpp"
@@ -140,16 +142,16 @@ void objbehav_setobject(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(objbehav_init, "ZOKFWOBJBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(objbehav_method, "ZOKFWOBJBEHAV::METHOD", 1, 1),
-    function_entry(objbehav_object, "ZOKFWOBJBEHAV::OBJECT", 1, 1),
+    function_entry(messaging_routine<objbehav_init>, "ZOKFWOBJBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<objbehav_method>, "ZOKFWOBJBEHAV::METHOD", 1, 1),
+    function_entry(messaging_routine<objbehav_object>, "ZOKFWOBJBEHAV::OBJECT", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(objbehav_cleanup_method, "ZOKFWOBJBEHAV::CLEANUP", 1, 1),
-    procedure_entry(objbehav_execute_method, "ZOKFWOBJBEHAV::EXECUTE", 1, 2),
-    procedure_entry(objbehav_restore_method, "ZOKFWOBJBEHAV::RESTORE", 1, 1),
-    procedure_entry(objbehav_setmethod, "ZOKFWOBJBEHAV::SETMETHOD", 2, 2),
-    procedure_entry(objbehav_setobject, "ZOKFWOBJBEHAV::SETOBJECT", 2, 2),
+    procedure_entry(messaging_routine<objbehav_cleanup_method>, "ZOKFWOBJBEHAV::CLEANUP", 1, 1),
+    procedure_entry(messaging_routine<objbehav_execute_method>, "ZOKFWOBJBEHAV::EXECUTE", 1, 2),
+    procedure_entry(messaging_routine<objbehav_restore_method>, "ZOKFWOBJBEHAV::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<objbehav_setmethod>, "ZOKFWOBJBEHAV::SETMETHOD", 2, 2),
+    procedure_entry(messaging_routine<objbehav_setobject>, "ZOKFWOBJBEHAV::SETOBJECT", 2, 2),
 };
 
 } // namespace

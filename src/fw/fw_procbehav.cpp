@@ -2,6 +2,8 @@
 // ZOKFWFUNCBEHAV (fw_funcbehav).
 #include "fw/fw_procbehav.hpp"
 
+#include "fw/fw_messhndlr.hpp"
+
 #include <string>
 
 namespace flux {
@@ -91,14 +93,15 @@ using Routines =
                          &ProcBehavKeywords::procedure>;
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(Routines::init, "ZOKFWPROCBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(Routines::name, "ZOKFWPROCBEHAV::PROC", 1, 1),
+    function_entry(messaging_routine<Routines::init>, "ZOKFWPROCBEHAV::INIT", 1, 1,
+                   ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<Routines::name>, "ZOKFWPROCBEHAV::PROC", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(Routines::cleanup, "ZOKFWPROCBEHAV::CLEANUP", 1, 1),
-    procedure_entry(Routines::execute, "ZOKFWPROCBEHAV::EXECUTE", 1, 2),
-    procedure_entry(Routines::restore, "ZOKFWPROCBEHAV::RESTORE", 1, 1),
-    procedure_entry(Routines::set_name, "ZOKFWPROCBEHAV::SETPROC", 2, 2),
+    procedure_entry(messaging_routine<Routines::cleanup>, "ZOKFWPROCBEHAV::CLEANUP", 1, 1),
+    procedure_entry(messaging_routine<Routines::execute>, "ZOKFWPROCBEHAV::EXECUTE", 1, 2),
+    procedure_entry(messaging_routine<Routines::restore>, "ZOKFWPROCBEHAV::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<Routines::set_name>, "ZOKFWPROCBEHAV::SETPROC", 2, 2),
 };
 
 } // namespace

@@ -2,6 +2,8 @@
 // RESTORE.
 #include "fw/fw_querybehav.hpp"
 
+#include "fw/fw_messhndlr.hpp"
+
 #include "fw/fw_heldvalue.hpp"
 #include "fw/fw_query.hpp"
 
@@ -67,14 +69,16 @@ void querybehav_setresponse(int32_t argc, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(querybehav_init, "ZOKFWQUERYBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(querybehav_response, "ZOKFWQUERYBEHAV::RESPONSE", 1, 1),
+    function_entry(messaging_routine<querybehav_init>, "ZOKFWQUERYBEHAV::INIT", 1, 1,
+                   ZOK_RT_KEYWORDS),
+    function_entry(messaging_routine<querybehav_response>, "ZOKFWQUERYBEHAV::RESPONSE", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(querybehav_cleanup, "ZOKFWQUERYBEHAV::CLEANUP", 1, 1),
-    procedure_entry(querybehav_execute, "ZOKFWQUERYBEHAV::EXECUTE", 2, 2),
-    procedure_entry(querybehav_restore, "ZOKFWQUERYBEHAV::RESTORE", 1, 1),
-    procedure_entry(querybehav_setresponse, "ZOKFWQUERYBEHAV::SETRESPONSE", 1, 2),
+    procedure_entry(messaging_routine<querybehav_cleanup>, "ZOKFWQUERYBEHAV::CLEANUP", 1, 1),
+    procedure_entry(messaging_routine<querybehav_execute>, "ZOKFWQUERYBEHAV::EXECUTE", 2, 2),
+    procedure_entry(messaging_routine<querybehav_restore>, "ZOKFWQUERYBEHAV::RESTORE", 1, 1),
+    procedure_entry(messaging_routine<querybehav_setresponse>, "ZOKFWQUERYBEHAV::SETRESPONSE", 1,
+                    2),
 };
 
 } // namespace
