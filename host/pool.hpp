@@ -28,7 +28,16 @@
 #include <memory>
 #include <vector>
 
+// The address sanitizer is on: GCC says so with a macro, clang as a feature.
 #if defined(__SANITIZE_ADDRESS__)
+#define ZOK_HOST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZOK_HOST_ASAN 1
+#endif
+#endif
+
+#if defined(ZOK_HOST_ASAN)
 #include <sanitizer/asan_interface.h>
 #endif
 
@@ -36,13 +45,13 @@ namespace zok::detail {
 
 // Marks memory the program must not touch (a no-op without the address sanitizer).
 inline void poison([[maybe_unused]] const volatile void* p, [[maybe_unused]] size_t n) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZOK_HOST_ASAN)
     ASAN_POISON_MEMORY_REGION(p, n);
 #endif
 }
 
 inline void unpoison([[maybe_unused]] const volatile void* p, [[maybe_unused]] size_t n) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZOK_HOST_ASAN)
     ASAN_UNPOISON_MEMORY_REGION(p, n);
 #endif
 }
