@@ -250,6 +250,9 @@ void scope_message(uint32_t handler, uint32_t ident) {
     const zok_string* text = fwident_text(ident);
     if (text == nullptr)
         raise_module_message(MSG_FWMSG_IDCORRUPT);
+    // The handler above is found (and the default handler made) before the
+    // table changes, so that running out of memory there changes nothing.
+    const uint32_t above_first = effective_handler(self);
     const uint32_t key = fwident_acquire_name(text);
     Undo release_key([key] { fwident_release(key); });
     const uint32_t set = maph_new();
@@ -263,7 +266,7 @@ void scope_message(uint32_t handler, uint32_t ident) {
 
     // Pull down the registered behaviours of the nearest enclosing scope.
     ChainClimb climb;
-    for (uint32_t h = effective_handler(self); h != 0;) {
+    for (uint32_t h = above_first; h != 0;) {
         climb.visit(h);
         const Self above = handler_self(h);
         if (const uint32_t enclosing = scope_in(above, key)) {
