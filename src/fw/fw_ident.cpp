@@ -19,8 +19,11 @@ namespace {
 
 struct IdentRecord {
     uint32_t ident;
-    int32_t uses; // acquisitions not yet released; release has no floor
+    int32_t uses;    // acquisitions not yet released; release has no floor
+    uint64_t serial; // order of making, for giving back what a failed call made
 };
+
+uint64_t next_serial = 1;
 
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
@@ -97,12 +100,13 @@ IdentRecord* make_entry(const zok_string* name) {
     auto* record = static_cast<IdentRecord*>(host_mem_alloc(sizeof(IdentRecord), "FW_Ident data"));
     if (record == nullptr)
         raise_no_memory("FW_Ident");
-    *record = IdentRecord{ident, 0};
+    *record = IdentRecord{ident, 0, next_serial};
     Undo drop_record([record] { host_mem_free(record); });
 
     if (map_put(name_index, reinterpret_cast<RbWord>(key), reinterpret_cast<RbWord>(record),
                 compare_names) == nullptr)
         raise_no_memory("FW_Ident");
+    ++next_serial;
     drop_record.commit();
     drop_heap_var.commit();
     drop_key.commit();
@@ -210,6 +214,22 @@ int fwident_order(uint32_t a, uint32_t b) {
         return 0;
     }
     return host_string_compare(text_a, text_b);
+}
+
+uint64_t fwident_mark() {
+    return next_serial;
+}
+
+void fwident_drop_unused_since(uint64_t mark) {
+    if (name_index == nullptr)
+        return;
+    for (RbNode* e = map_first(name_index); e != name_index; e = map_next(e)) {
+        if (record_of(e)->serial < mark || record_of(e)->uses > 0)
+            continue;
+        RbNode* previous = e->right; // the previous leaf: deleting must not lose the place
+        drop_entry(e);
+        e = previous;
+    }
 }
 
 void fwident_session_reset() {

@@ -30,6 +30,10 @@ uint32_t fwident_rollover(uint32_t ident);
 // Frees parked stale identifiers and every identifier whose use count is 0 or
 // less (every identifier when `all`).
 void fwident_collect(bool all);
+// A mark of the registry's making, and the giving back of every identifier
+// made since the mark that counts no use (for a call that failed part way).
+uint64_t fwident_mark();
+void fwident_drop_unused_since(uint64_t mark);
 // The order of identifiers: by text.  Raises "FWIdent corruption" when either
 // identifier names no heap variable.
 int fwident_order(uint32_t a, uint32_t b);

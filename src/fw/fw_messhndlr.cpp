@@ -466,19 +466,23 @@ std::string handler_chain_dot(std::span<const uint32_t> handlers) {
     return out + "}\n";
 }
 
-DefaultHandlerGuard::DefaultHandlerGuard()
-    : before_(the_default), unwinding_(std::uncaught_exceptions()) {}
+FailedCallGuard::FailedCallGuard()
+    : default_before_(the_default), registry_mark_(fwident_mark()),
+      unwinding_(std::uncaught_exceptions()) {}
 
-DefaultHandlerGuard::~DefaultHandlerGuard() {
-    if (std::uncaught_exceptions() <= unwinding_ || the_default == 0 || the_default == before_)
+FailedCallGuard::~FailedCallGuard() {
+    if (std::uncaught_exceptions() <= unwinding_)
         return;
-    const MessageHandlerFields* f = live_handler(the_default);
-    if (f == nullptr || (f->behaviors != 0 && !maph_is_empty(f->behaviors)))
-        return;
-    const uint32_t table = f->behaviors;
-    host_heap_free(the_default, 0, 0);
-    maph_free(table);
-    the_default = 0;
+    if (the_default != 0 && the_default != default_before_) {
+        const MessageHandlerFields* f = live_handler(the_default);
+        if (f != nullptr && (f->behaviors == 0 || maph_is_empty(f->behaviors))) {
+            const uint32_t table = f->behaviors;
+            host_heap_free(the_default, 0, 0);
+            maph_free(table);
+            the_default = 0;
+        }
+    }
+    fwident_drop_unused_since(registry_mark_);
 }
 
 void messagehandler_session_reset() {

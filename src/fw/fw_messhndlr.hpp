@@ -74,25 +74,27 @@ std::string messagehandler_check_structure(uint32_t handler);
 // the behaviours filed in each; nothing is made or changed to draw it.
 std::string handler_chain_dot(std::span<const uint32_t> handlers);
 
-// Every routine of the messaging classes runs inside one of these: a default
-// handler that the routine made on its way (it is made on first need) and that
-// files nothing is given back when the routine ends with an error, so that a
-// failed call leaves the host as it found it.
-class DefaultHandlerGuard {
+// Every routine of the messaging classes runs inside one of these: when the
+// routine ends with an error, a default handler that it made on its way (one
+// is made on first need) and that files nothing, and the identifiers it made
+// that count no use, are given back, so that a failed call leaves the host as
+// it found it.
+class FailedCallGuard {
 public:
-    DefaultHandlerGuard();
-    ~DefaultHandlerGuard();
-    DefaultHandlerGuard(const DefaultHandlerGuard&) = delete;
-    DefaultHandlerGuard& operator=(const DefaultHandlerGuard&) = delete;
+    FailedCallGuard();
+    ~FailedCallGuard();
+    FailedCallGuard(const FailedCallGuard&) = delete;
+    FailedCallGuard& operator=(const FailedCallGuard&) = delete;
 
 private:
-    uint32_t before_;
+    uint32_t default_before_;
+    uint64_t registry_mark_;
     int unwinding_;
 };
 
 template <auto Routine>
 auto messaging_routine(int32_t argc, zok_var** argv, zok_keywords* kw) {
-    const DefaultHandlerGuard guard;
+    const FailedCallGuard guard;
     return Routine(argc, argv, kw);
 }
 
