@@ -29,7 +29,7 @@ if [ "$fuzz_seconds" -gt 0 ]; then
         seeds=()
         [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
         echo "== fuzzing $name for ${fuzz_seconds}s"
-        "$target" -max_total_time="$fuzz_seconds" -max_len=4096 -print_final_stats=1 \
+        "$target" -seed=1 -max_total_time="$fuzz_seconds" -max_len=4096 -print_final_stats=1 \
             -artifact_prefix="build/fuzz/$name-" "build/fuzz/corpus/$name" "${seeds[@]}"
     done
 fi

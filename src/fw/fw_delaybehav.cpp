@@ -141,8 +141,9 @@ void delaybehav_execute(int32_t, zok_var** argv, zok_keywords*) {
 
 void delaybehav_restore(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = delaybehav_self(argv);
-    behavior_restore(self);
+    // The inner behaviour is resolved first: a dead one is refused before anything changes.
     const Self inner = inner_of(self);
+    behavior_restore(self);
     restore_once(&inner.fields<SaveableFields>().top, inner.heap_id);
     DelayBehavFields& f = fields_of(self);
     if (f.delaybehav_version < 1)
