@@ -198,6 +198,17 @@ TEST_F(Messaging, CleanupGivesItsIdentifierBackOnce) {
     EXPECT_EQ(check_all(), "");
 }
 
+// A call that makes the default handler on its way and then fails gives it
+// back, with the identifiers it made: here REGISTER of a cleaned-up behaviour.
+TEST_F(Messaging, AFailedCallGivesBackWhatItMade) {
+    const ObjectRef cleaned = probe("tock", {}, false);
+    host.call_method(cleaned, "CLEANUP");
+    const zok::Observation before = host.observe();
+    expect_module_error(-1, "FWIdent corruption", [&] { host.call_method(cleaned, "REGISTER"); });
+    EXPECT_EQ(zok::difference(before, host.observe()), "");
+    EXPECT_EQ(flux::default_handler(), 0u);
+}
+
 TEST_F(Messaging, AChainThatLoopsIsRefused) {
     const ObjectRef a = handler();
     const ObjectRef b = handler(a);

@@ -8,7 +8,6 @@
 #include "fw/fw_messhndlr.hpp"
 
 #include <cstdio>
-#include <exception>
 #include <map>
 #include <set>
 
@@ -466,14 +465,12 @@ std::string handler_chain_dot(std::span<const uint32_t> handlers) {
     return out + "}\n";
 }
 
-FailedCallGuard::FailedCallGuard()
-    : default_before_(the_default), registry_mark_(fwident_mark()),
-      unwinding_(std::uncaught_exceptions()) {}
+CallMark call_mark() {
+    return CallMark{the_default, fwident_mark()};
+}
 
-FailedCallGuard::~FailedCallGuard() {
-    if (std::uncaught_exceptions() <= unwinding_)
-        return;
-    if (the_default != 0 && the_default != default_before_) {
+void give_back_since(const CallMark& mark) {
+    if (the_default != 0 && the_default != mark.default_handler) {
         const MessageHandlerFields* f = live_handler(the_default);
         if (f != nullptr && (f->behaviors == 0 || maph_is_empty(f->behaviors))) {
             const uint32_t table = f->behaviors;
@@ -482,7 +479,7 @@ FailedCallGuard::~FailedCallGuard() {
             the_default = 0;
         }
     }
-    fwident_drop_unused_since(registry_mark_);
+    fwident_drop_unused_since(mark.registry);
 }
 
 void messagehandler_session_reset() {

@@ -74,28 +74,30 @@ std::string messagehandler_check_structure(uint32_t handler);
 // the behaviours filed in each; nothing is made or changed to draw it.
 std::string handler_chain_dot(std::span<const uint32_t> handlers);
 
-// Every routine of the messaging classes runs inside one of these: when the
+// What a messaging routine has made so far, taken as it starts.  When the
 // routine ends with an error, a default handler that it made on its way (one
 // is made on first need) and that files nothing, and the identifiers it made
 // that count no use, are given back, so that a failed call leaves the host as
 // it found it.
-class FailedCallGuard {
-public:
-    FailedCallGuard();
-    ~FailedCallGuard();
-    FailedCallGuard(const FailedCallGuard&) = delete;
-    FailedCallGuard& operator=(const FailedCallGuard&) = delete;
-
-private:
-    uint32_t default_before_;
-    uint64_t registry_mark_;
-    int unwinding_;
+struct CallMark {
+    uint32_t default_handler;
+    uint64_t registry;
 };
+CallMark call_mark();
+void give_back_since(const CallMark& mark);
 
+// Every routine of the messaging classes runs through this.  The give-back
+// sits in a handler, so the call path of a routine that succeeds (a delivery's
+// EXECUTE among them) pays nothing for it.
 template <auto Routine>
 auto messaging_routine(int32_t argc, zok_var** argv, zok_keywords* kw) {
-    const FailedCallGuard guard;
-    return Routine(argc, argv, kw);
+    const CallMark mark = call_mark();
+    try {
+        return Routine(argc, argv, kw);
+    } catch (...) {
+        give_back_since(mark);
+        throw;
+    }
 }
 
 void messagehandler_session_reset();
