@@ -264,6 +264,40 @@ const std::map<uint8_t, std::string> type_names = {
     {ZOK_T_OBJECT, "OBJREF"},
 };
 
+// The names the messaging classes show in their messages.
+const std::map<std::string, std::string> display_names = {
+    {"ZOKFWHASAHANDLER", "ZOKfwHasAHandler"},
+    {"ZOKFWBEHAVIOR", "ZOKfwBehavior"},
+    {"ZOKFWMESSAGE", "ZOKfwMessage"},
+    {"ZOKFWMESSAGEHANDLER", "ZOKfwMessageHandler"},
+    {"ZOKFWPROCBEHAV", "ZOKfwProcBehav"},
+    {"ZOKFWFUNCBEHAV", "ZOKfwFuncBehav"},
+    {"ZOKFWOBJBEHAV", "ZOKfwObjBehav"},
+    {"ZOKFWDELAYBEHAV", "ZOKfwDelayBehav"},
+    {"ZOKFWDELAYARGBEHAV", "ZOKfwDelayArgBehav"},
+    {"ZOKFWQUERY", "ZOKfwQuery"},
+    {"ZOKFWQUERYBEHAV", "ZOKfwQueryBehav"},
+};
+
+// A method of a messaging class called by its full name with an object of
+// another class as self is refused before it reads a field.
+TEST(Refusals, AMessagingMethodRefusesASelfOfAnotherClass) {
+    World w;
+    for (const zok::RoutineInfo& r : module_routines(w.host)) {
+        if (!messaging(r.name))
+            continue;
+        SCOPED_TRACE(r.name);
+        zok::Args args = w.valid_call(r.name);
+        const std::string cls = r.name.substr(0, r.name.find("::"));
+        // The saveable object is of the root class, below every messaging class.
+        args[0] = w.saveable;
+        const zok::Observation before = w.host.observe();
+        const zok::Error e = expect_error(ZOK_MSG_WRONG_CLASS, [&] { w.call(r, args); });
+        EXPECT_EQ(e.text(), "Argument 0 must be an object of class " + display_names.at(cls) + ".");
+        EXPECT_EQ(zok::difference(before, w.host.observe()), "");
+    }
+}
+
 TEST(Refusals, SingleValuedArgumentsRefuseOtherTypesAndArrays) {
     World w;
     for (const zok::RoutineInfo& r : module_routines(w.host)) {

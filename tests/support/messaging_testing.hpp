@@ -47,6 +47,26 @@ struct Observable {
     bool operator==(const Observable&) const = default;
 };
 
+// A call expected to be refused with `code` (and `text`, when given) and to
+// change nothing a program can observe.
+struct Refusal {
+    std::function<void()> call;
+    int32_t code;
+    std::string text;
+};
+
+inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusals) {
+    for (size_t i = 0; i < refusals.size(); ++i) {
+        SCOPED_TRACE("refusal " + std::to_string(i));
+        const Observable before(host);
+        const zok::Error e = expect_error(refusals[i].code, refusals[i].call);
+        if (!refusals[i].text.empty()) {
+            EXPECT_EQ(e.text(), refusals[i].text);
+        }
+        EXPECT_TRUE(Observable(host) == before);
+    }
+}
+
 class Messaging : public ::testing::Test {
 protected:
     Messaging() {
