@@ -78,7 +78,14 @@ std::string lower_case(std::string text) {
 // Filing and unfiling a behaviour may reshape a behaviour set's tree, whose
 // nodes are heap variables: all is the same but their links.
 bool same_but_tree_shapes(const Observable& a, const Observable& b) {
-    return a.heap == b.heap && a.texts == b.texts && a.temps == b.temps && a.memory == b.memory &&
+    auto ids_and_flags = [](const Observable& o) {
+        std::vector<std::pair<uint32_t, uint32_t>> out;
+        for (const zok::Observation::HeapVar& v : o.host.heap)
+            out.emplace_back(v.id, v.flags);
+        return out;
+    };
+    return ids_and_flags(a) == ids_and_flags(b) && a.host.texts == b.host.texts &&
+           a.host.temps == b.host.temps && a.host.memory == b.host.memory &&
            a.registry == b.registry;
 }
 
@@ -185,7 +192,7 @@ TEST_F(Behaviours, RoutineBehavioursRefuseAndReport) {
 TEST_F(Behaviours, RoutineBehavioursLeakExactlyTheTextsTheyReplace) {
     for (const Twin& t : twins) {
         SCOPED_TRACE(t.cls);
-        const size_t texts = settled().texts;
+        const size_t texts = settled().host.texts;
         const ObjectRef named = host.new_object(t.cls, {}, {{t.keyword, "FIRST"}}); // 1
         host.call_method(named, t.setter, {"SECOND"});                              // 2
         host.call_method(named, t.setter, {"THIRD"});                               // 3
@@ -203,7 +210,7 @@ TEST_F(Behaviours, RoutineBehavioursLeakExactlyTheTextsTheyReplace) {
         EXPECT_EQ(host.call_method(named, t.getter), Value("THIRD"));
         host.destroy(named);
         host.destroy(plain);
-        EXPECT_EQ(settled().texts, texts + 3);
+        EXPECT_EQ(settled().host.texts, texts + 3);
         EXPECT_EQ(host.heap_count(), 0u);
     }
 }

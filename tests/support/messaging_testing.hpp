@@ -24,27 +24,19 @@ namespace msgtest {
 using zok::ObjectRef;
 using zok::Value;
 
-// Everything a program can observe of the host, for "a refusal changes nothing".
+// Everything a program can observe of the host (its own observation) and the
+// registry's use counts, for "a refusal changes nothing".
 struct Observable {
-    std::vector<std::pair<uint32_t, uint32_t>> heap; // identifier, flags
-    std::vector<std::string> values;
-    size_t texts = 0;
-    size_t temps = 0;
-    std::map<std::string, zok::MemStats> memory;
-    std::vector<std::string> registry;
+    zok::Observation host;
+    std::vector<std::string> registry; // each text with its use count
 
-    explicit Observable(zok::Host& host) {
-        for (const uint32_t id : host.heap_ids()) {
-            heap.emplace_back(id, host.heap_flags(id));
-            values.push_back(host.heap_value(id).to_string());
-        }
-        texts = host.live_texts();
-        temps = host.live_temps();
-        memory = host.memory_by_label();
+    explicit Observable(zok::Host& h) : host(h.observe()) {
         for (const flux::FwIdentEntry& e : flux::fwident_entries())
             registry.push_back(e.name + "=" + std::to_string(e.uses));
     }
-    bool operator==(const Observable&) const = default;
+    bool operator==(const Observable& other) const {
+        return zok::difference(host, other.host).empty() && registry == other.registry;
+    }
 };
 
 // A call expected to be refused with `code` (and `text`, when given) and to
