@@ -36,6 +36,13 @@ bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls) {
            host_object_isa(v.value.st.def, cls.name, 0, 0, ZOK_ACTION_ERROR) != 0;
 }
 
+void* live_instance(uint32_t id, const ClassRef& cls) {
+    zok_heap_record* rec = host_heap_var(id);
+    if (rec == nullptr || !is_instance_of(rec, cls))
+        return nullptr;
+    return host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0);
+}
+
 Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role) {
     zok_heap_record* rec = host_object_heap_var(id, ZOK_ACTION_ERROR);
     if (!is_instance_of(rec, cls))

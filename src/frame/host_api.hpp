@@ -103,6 +103,10 @@ bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls);
 // class is refused with host message -572, `role` and the class's name.
 Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role);
 
+// The fields of a live object of `cls` (or of a class derived from it), or
+// null; raises nothing, for code that must tolerate a dead or foreign object.
+void* live_instance(uint32_t id, const ClassRef& cls);
+
 // A method's self, of the method's class: a program that calls a method by its
 // full name may hand any object as self.
 inline Self class_self(zok_var** argv, const ClassRef& cls) {

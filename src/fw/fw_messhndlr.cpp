@@ -317,11 +317,7 @@ std::string text_or_missing(uint32_t ident) {
 
 // The data of a live message handler, or null.
 MessageHandlerFields* live_handler(uint32_t handler) {
-    zok_heap_record* rec = host_heap_var(handler);
-    if (rec == nullptr || !is_instance_of(rec, MESSAGEHANDLER_CLASS))
-        return nullptr;
-    return static_cast<MessageHandlerFields*>(
-        host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0));
+    return static_cast<MessageHandlerFields*>(live_instance(handler, MESSAGEHANDLER_CLASS));
 }
 
 std::string check_behavior_set(uint32_t set, const std::string& where, bool full) {
@@ -517,13 +513,9 @@ void messagehandler_cleanup(Self self) {
         const uint32_t set = maph_node_value(e);
         if (set == 0 || host_heap_var(set) == nullptr)
             continue;
-        for (const uint32_t behavior : BehaviorList(set)) {
-            const zok_heap_record* rec = host_heap_var(behavior);
-            if (rec != nullptr && is_instance_of(rec, BEHAVIOR_CLASS))
-                resolve_instance(behavior, BEHAVIOR_CLASS, "1")
-                    .fields<BehaviorFields>()
-                    .is_registered = 0;
-        }
+        for (const uint32_t behavior : BehaviorList(set))
+            if (auto* b = static_cast<BehaviorFields*>(live_instance(behavior, BEHAVIOR_CLASS)))
+                b->is_registered = 0;
         maph_free(set);
     }
     maph_free(table);
