@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "fw/fw_ident.hpp"
+#include "fw/fw_message.hpp"
 #include "fw/fw_messhndlr.hpp"
 #include "maps/maph.hpp"
 #include "support/messaging_testing.hpp"
@@ -182,6 +183,20 @@ TEST_F(Messaging, AFailedCallGivesBackWhatItMade) {
     expect_module_error(-1, "FWIdent corruption", [&] { host.call_method(cleaned, "REGISTER"); });
     EXPECT_EQ(zok::difference(before, host.observe()), "");
     EXPECT_EQ(flux::default_handler(), 0u);
+}
+
+// The message operations offered to the query classes: a new message is as
+// INIT makes it without keywords; a copy carries the text; messages order by text.
+TEST_F(Messaging, MessagesAreMadeCopiedAndCompared) {
+    const ObjectRef fresh{flux::new_message()};
+    EXPECT_EQ(host.call_method(fresh, "MESSAGESTRING"), Value("Generic Message"));
+    EXPECT_FALSE(host.get_tag(fresh, "MYHANDLER").as_object());
+    const ObjectRef beta = message("beta", handler());
+    const ObjectRef copy{flux::copy_message(beta.id)};
+    EXPECT_EQ(host.call_method(copy, "MESSAGESTRING"), Value("beta"));
+    EXPECT_FALSE(host.get_tag(copy, "MYHANDLER").as_object()); // the copy keeps the default
+    EXPECT_EQ(flux::compare_messages(beta.id, copy.id), 0);
+    EXPECT_GT(flux::compare_messages(beta.id, fresh.id), 0); // byte order: "b" after "G"
 }
 
 TEST_F(Messaging, AChainThatLoopsIsRefused) {

@@ -329,8 +329,7 @@ std::string check_behavior_set(uint32_t set, const std::string& where, bool full
     for (uint32_t e = maph_first(set); e != set; e = maph_next(e)) {
         const uint32_t behavior = maph_node_key(e);
         const std::string named = where + " files behaviour " + std::to_string(behavior);
-        const zok_heap_record* rec = host_heap_var(behavior);
-        if (full && (rec == nullptr || !is_instance_of(rec, BEHAVIOR_CLASS)))
+        if (full && live_instance(behavior, BEHAVIOR_CLASS) == nullptr)
             return named + ", which is no live behaviour";
         if (maph_node_value(e) != 0)
             return named + " with a value";
