@@ -214,6 +214,21 @@ TEST_F(Messaging, AFailedSendLeavesWhatItsReceiversObtained) {
     EXPECT_EQ(check_all(), "");
 }
 
+// A text given as the message is made an identifier, whose use is given back
+// when the routine ends: it stays known, at 0, until the next collection.
+TEST_F(Messaging, AMessageTextStaysKnownUntilTheNextCollection) {
+    const ObjectRef h = handler();
+    for (const char* routine : {"ISSCOPED", "BEHAVIORS", "SENDMESSAGE", "UNSCOPEMESSAGE"})
+        host.call_method(h, routine, {std::string(routine)});
+    std::vector<std::string> known;
+    for (const flux::FwIdentEntry& e : flux::fwident_entries())
+        known.push_back(e.name + "=" + std::to_string(e.uses));
+    EXPECT_EQ(known, (std::vector<std::string>{"BEHAVIORS=0", "ISSCOPED=0", "SENDMESSAGE=0",
+                                               "UNSCOPEMESSAGE=0"}));
+    host.call_procedure("FWIDENT_GC");
+    EXPECT_TRUE(flux::fwident_entries().empty());
+}
+
 // A null or lost identifier as the message is the identifier itself: only a
 // comparison with a key raises "FWIdent corruption".  Scoping one is refused,
 // since a key is the registry's own identifier of a text.
