@@ -131,6 +131,12 @@ void file_behavior(uint32_t set, uint32_t behavior) {
         raise_no_memory("ZOKfwMessageHandler");
 }
 
+// A root whose CLEANUP has run has no table to scope a message in.
+void refuse_cleaned_up_root(uint32_t root) {
+    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
+                 "ZOKfwMessageHandler: handler %u has been cleaned up", root);
+}
+
 void reserve(MaphReserve& nodes, std::size_t count) {
     if (!nodes.add(count))
         raise_no_memory("ZOKfwMessageHandler");
@@ -260,8 +266,7 @@ MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_regis
         if (!(scope_ && scope_->needed())) {
             const Reached at = climb_to_scope(handler(), ident);
             if (at.set == 0 && fields_of(handler_self(at.handler)).behaviors == 0)
-                host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
-                             "ZOKfwMessageHandler: handler %u has been cleaned up", at.handler);
+                refuse_cleaned_up_root(at.handler);
         }
         nodes += kRefilingNodes;
     }
@@ -328,8 +333,7 @@ void add_behavior(uint32_t handler, uint32_t behavior) {
         // Nobody scopes the message: the root does from now on.
         root_scope.emplace(at.handler, ident);
         if (!root_scope->needed())
-            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
-                         "ZOKfwMessageHandler: handler %u has been cleaned up", at.handler);
+            refuse_cleaned_up_root(at.handler);
         reserve(nodes, root_scope->nodes());
     }
     reserve(nodes, 2);
