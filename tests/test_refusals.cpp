@@ -435,6 +435,20 @@ TEST(Refusals, RunningOutOfMemoryChangesNothing) {
                                             {"tock"});
                      },
                      [](World& x) { x.host.call_method(x.loose, "REGISTER"); }});
+    // Re-filing empties the default handler's only scope, which frees it, and
+    // files the behaviour at the root again, in a new default handler.
+    cases.push_back({"scoping below the default handler's only scope",
+                     [](World& x) { x.host.call_method(x.handler, "SCOPEMESSAGE", {"tock"}); },
+                     [](World& x) { x.host.call_method(x.loose, "REGISTER"); }});
+    // A registered behaviour whose identifier the registry does not know (as
+    // one read back before its restore) is filed again under a new root scope.
+    for (const char* routine : {"SCOPEMESSAGE", "UNSCOPEMESSAGE"})
+        cases.push_back({std::string(routine) + " moving a behaviour of an unknown identifier",
+                         [routine](World& x) {
+                             const ObjectRef at = routine[0] == 'S' ? x.low : x.handler;
+                             x.host.call_method(at, routine, {"tick"});
+                         },
+                         [](World& x) { x.host.set_tag(x.behavior, "MESSIDENT", x.copy); }});
     uint64_t sites = 0;
     uint64_t failures = 0;
     std::optional<World> w;

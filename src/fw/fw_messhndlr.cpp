@@ -25,6 +25,8 @@ namespace flux {
 namespace {
 
 uint32_t the_default = 0;
+// The handler that the next default handler made will be, made ahead, or 0.
+uint32_t the_spare = 0;
 
 // Tree nodes that re-filing one behaviour may need: a new scope at the root
 // (its set and the table's entry) and the behaviour's entry in a set.
@@ -142,30 +144,50 @@ void reserve(MaphReserve& nodes, std::size_t count) {
         raise_no_memory("ZOKfwMessageHandler");
 }
 
-// Frees the default handler, which files nothing, and forgets it.
-void drop_default_handler() {
-    const uint32_t handler = the_default;
+// A handler of the module's own, which files nothing: the default handler or a spare.
+uint32_t make_held_handler() {
+    TempGuard cls(host_find_class(MESSAGEHANDLER_CLASS.name));
+    zok_var* args[] = {cls.get()};
+    TempGuard object(host_object_new(1, args, nullptr));
+    const uint32_t handler = object->value.heap_id;
+    hold_heap_var(handler);
+    return handler;
+}
+
+// Frees a handler of the module's own, which files nothing.
+void drop_held_handler(uint32_t handler) {
     const uint32_t table = fields_of(handler_self(handler)).behaviors;
-    the_default = 0;
     host_heap_free(handler, 0, 0);
     maph_free(table);
 }
 
-// Checks every behaviour of a snapshot that is about to move, so that nothing
-// is refused half way: each must be a live behaviour and, when registered, name
-// its message by a live identifier.  Returns how many are registered.
-std::size_t check_movers(const BehaviorList& movers) {
-    std::size_t registered = 0;
-    for (const uint32_t behavior : movers) {
-        const BehaviorFields& b =
-            resolve_instance(behavior, BEHAVIOR_CLASS, "1").fields<BehaviorFields>();
-        if (b.is_registered == 0)
-            continue;
-        if (fwident_text(b.messident) == nullptr)
-            raise_module_message(MSG_FWMSG_IDCORRUPT);
-        ++registered;
+void drop_default_handler() {
+    const uint32_t handler = the_default;
+    the_default = 0;
+    drop_held_handler(handler);
+}
+
+// Where removing a behaviour, starting at `handler`, takes it out: the first
+// handler up the chain whose scope for `ident` files it, its set and the
+// behaviour's entry; all 0 when none does.  `passed_over`, a set already taken
+// out of its table, is not searched.
+struct Filed {
+    uint32_t handler = 0;
+    uint32_t set = 0;
+    uint32_t entry = 0;
+};
+
+Filed find_filed(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t passed_over = 0) {
+    ChainClimb climb;
+    for (uint32_t h = handler; h != 0;) {
+        climb.visit(h);
+        const Self self = handler_self(h);
+        if (const uint32_t set = scope_in(self, ident); set != 0 && set != passed_over)
+            if (const uint32_t entry = maph_find(set, behavior, behavior_order))
+                return {h, set, entry};
+        h = effective_handler(self);
     }
-    return registered;
+    return {};
 }
 
 } // namespace
@@ -195,6 +217,64 @@ BehaviorList::~BehaviorList() {
         host_mem_free(ids_);
 }
 
+SpareDefaultHandler::SpareDefaultHandler() {
+    if (the_spare == 0)
+        the_spare = make_held_handler();
+}
+
+SpareDefaultHandler::~SpareDefaultHandler() {
+    if (the_spare != 0)
+        drop_held_handler(the_spare);
+    the_spare = 0;
+}
+
+Refiling::Refiling(uint32_t set, uint32_t taken_from, const char* free_label)
+    : movers_(set, free_label) {
+    const uint32_t passed_over = taken_from != 0 ? set : 0;
+    // Each registered behaviour is checked, so that nothing is refused half way,
+    // and its climbs are made now, which makes the default handler when they
+    // reach it: out of the scope that files it, and up to the scope it lands in.
+    std::size_t from_default = 0;
+    for (const uint32_t behavior : movers_) {
+        const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
+        if (self.fields<BehaviorFields>().is_registered == 0)
+            continue;
+        const uint32_t ident = self.fields<BehaviorFields>().messident;
+        if (fwident_text(ident) == nullptr)
+            raise_module_message(MSG_FWMSG_IDCORRUPT);
+        ++registered_;
+        const uint32_t from = effective_handler(self);
+        if (climb_to_scope(from, ident).set == 0)
+            root_keys_.emplace_back(fwident_text(ident));
+        const uint32_t filed_in = find_filed(from, behavior, ident, passed_over).handler;
+        if (filed_in != 0 && filed_in == the_default)
+            ++from_default;
+    }
+    // Taken out of a scope, they climb past it to the root unless a scope above files them.
+    if (taken_from != 0 && registered_ != 0)
+        ensure_default_handler();
+    // Each removal from the default handler can take one of its scopes away;
+    // when they can take all, the last one goes and a behaviour filed at the
+    // root after it needs a new default handler.
+    if (from_default == 0)
+        return;
+    const std::size_t scopes = maph_count(fields_of(handler_self(the_default)).behaviors) -
+                               (taken_from == the_default ? 1 : 0);
+    if (scopes != 0 && scopes <= from_default)
+        spare_.emplace();
+}
+
+std::size_t Refiling::nodes() const {
+    return kRefilingNodes * registered_;
+}
+
+void Refiling::run() {
+    for (IdentReservation& key : root_keys_)
+        key.commit();
+    for (const uint32_t behavior : movers_)
+        behavior_reregister(behavior);
+}
+
 DefaultHandlerGuard::DefaultHandlerGuard() : armed_(the_default == 0) {}
 
 DefaultHandlerGuard::~DefaultHandlerGuard() {
@@ -214,17 +294,14 @@ ScopePlan::ScopePlan(uint32_t handler, uint32_t ident) : handler_(handler) {
         raise_module_message(MSG_FWMSG_IDCORRUPT);
     key_.emplace(text);
     // The handler above is found (the default handler made) before anything changes.
-    if (const uint32_t above = effective_handler(self)) {
-        if (const uint32_t enclosing = climb_to_scope(above, key_->ident()).set) {
-            movers_.emplace(enclosing);
-            registered_ = check_movers(*movers_);
-        }
-    }
+    if (const uint32_t above = effective_handler(self))
+        if (const uint32_t enclosing = climb_to_scope(above, key_->ident()).set)
+            movers_.emplace(enclosing, 0, nullptr);
 }
 
 std::size_t ScopePlan::nodes() const {
     // The new set and the table's entry, then each registered behaviour pulled down.
-    return needed() ? 3 + kRefilingNodes * registered_ : 0;
+    return needed() ? 3 + (movers_ ? movers_->nodes() : 0) : 0;
 }
 
 void ScopePlan::commit() {
@@ -238,8 +315,7 @@ void ScopePlan::commit() {
     fwident_acquire(key);
     key_->commit();
     if (movers_)
-        for (const uint32_t behavior : *movers_)
-            behavior_reregister(behavior);
+        movers_->run();
 }
 
 MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_register)
@@ -293,15 +369,11 @@ uint32_t default_handler() {
 }
 
 uint32_t ensure_default_handler() {
-    if (the_default != 0)
-        return the_default;
-    TempGuard cls(host_find_class(MESSAGEHANDLER_CLASS.name));
-    zok_var* args[] = {cls.get()};
-    TempGuard object(host_object_new(1, args, nullptr));
-    const uint32_t handler = object->value.heap_id;
-    hold_heap_var(handler);
-    the_default = handler;
-    return handler;
+    if (the_default == 0) {
+        the_default = the_spare != 0 ? the_spare : make_held_handler();
+        the_spare = 0;
+    }
+    return the_default;
 }
 
 uint32_t find_scope(uint32_t handler, uint32_t ident) {
@@ -345,20 +417,12 @@ void add_behavior(uint32_t handler, uint32_t behavior) {
 
 void remove_behavior(uint32_t handler, uint32_t behavior) {
     const uint32_t ident = message_ident_of_behavior(behavior);
-    ChainClimb climb;
-    for (uint32_t h = handler; h != 0;) {
-        climb.visit(h);
-        const Self self = handler_self(h);
-        if (const uint32_t set = scope_in(self, ident)) {
-            if (const uint32_t entry = maph_find(set, behavior, behavior_order)) {
-                maph_remove_node(entry);
-                if (h == the_default && maph_is_empty(set))
-                    unscope_message(h, ident);
-                return;
-            }
-        }
-        h = effective_handler(self);
-    }
+    const Filed at = find_filed(handler, behavior, ident);
+    if (at.entry == 0)
+        return;
+    maph_remove_node(at.entry);
+    if (at.handler == the_default && maph_is_empty(at.set))
+        unscope_message(at.handler, ident);
 }
 
 void scope_message(uint32_t handler, uint32_t ident) {
@@ -377,14 +441,10 @@ void unscope_message(uint32_t handler, uint32_t ident) {
     if (const uint32_t entry = maph_find(table, ident, fwident_order)) {
         const uint32_t set = maph_node_value(entry);
         const uint32_t key = maph_node_key(entry);
-        const BehaviorList moving(set, "messagehandler_unscopeMessage");
         DefaultHandlerGuard made_default;
+        Refiling moving(set, handler, "messagehandler_unscopeMessage");
         MaphReserve nodes;
-        if (const std::size_t registered = check_movers(moving)) {
-            // Each climbs to the root unless a scope above files it: the root must exist.
-            ensure_default_handler();
-            reserve(nodes, kRefilingNodes * registered);
-        }
+        reserve(nodes, moving.nodes());
         made_default.commit();
         // Out of the table before anything moves, so that nothing below can find it.
         maph_remove_node(entry);
@@ -392,8 +452,7 @@ void unscope_message(uint32_t handler, uint32_t ident) {
             maph_free(set);
             fwident_release(key);
         });
-        for (const uint32_t behavior : moving)
-            behavior_reregister(behavior);
+        moving.run();
     }
     // Re-registration may have filed behaviours here again, or freed this very
     // handler if it was the default one.
@@ -558,10 +617,12 @@ std::string handler_chain_dot(std::span<const uint32_t> handlers) {
 
 void messagehandler_session_reset() {
     the_default = 0;
+    the_spare = 0;
 }
 
 void messagehandler_forget() {
     the_default = 0;
+    the_spare = 0;
 }
 
 namespace {

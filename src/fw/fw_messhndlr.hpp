@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <span>
 #include <string>
@@ -99,10 +100,43 @@ private:
     bool armed_;
 };
 
+// A default handler made ahead for a call that may free the default handler
+// and then need one again: the next one asked for while it is held is this
+// one.  It goes again if nobody took it.
+class SpareDefaultHandler {
+public:
+    SpareDefaultHandler();
+    SpareDefaultHandler(const SpareDefaultHandler&) = delete;
+    SpareDefaultHandler& operator=(const SpareDefaultHandler&) = delete;
+    ~SpareDefaultHandler();
+};
+
+// The re-filing of the registered behaviours of a set that a scope change moves
+// (the scope of `ident` made below it, or `unscoped`, the set itself, taken
+// out of its table first), with all it needs found and obtained: the snapshot,
+// each behaviour checked, the default handler that their climbs reach, the
+// registry entry of every message that gets a new root scope, and a spare
+// default handler when the re-filing may empty the default handler and then
+// file a behaviour at the root.  With nodes() tree nodes reserved, run()
+// cannot fail.
+class Refiling {
+public:
+    Refiling(uint32_t set, uint32_t unscoped, const char* free_label);
+    std::size_t nodes() const;
+    void run();
+
+private:
+    BehaviorList movers_;
+    std::size_t registered_ = 0;
+    std::deque<IdentReservation> root_keys_;
+    std::optional<SpareDefaultHandler> spare_;
+};
+
 // A scope about to be made in `handler` for `ident`, with all it needs found
-// and obtained: the key's identifier, the snapshot of the enclosing scope whose
-// registered behaviours it pulls down (each checked), the default handler when
-// the chain needs it.  With nodes() tree nodes reserved, commit() cannot fail.
+// and obtained: the key's identifier, the re-filing of the registered
+// behaviours of the enclosing scope that it pulls down, the default handler
+// when the chain needs it.  With nodes() tree nodes reserved, commit() cannot
+// fail.
 class ScopePlan {
 public:
     ScopePlan(uint32_t handler, uint32_t ident);
@@ -113,8 +147,7 @@ public:
 private:
     uint32_t handler_;
     std::optional<IdentReservation> key_;
-    std::optional<BehaviorList> movers_;
-    std::size_t registered_ = 0;
+    std::optional<Refiling> movers_;
 };
 
 // The message part of a behaviour's or a message's INIT, in two steps so that
