@@ -233,7 +233,8 @@ Refiling::Refiling(uint32_t set, uint32_t taken_from, const char* free_label)
     const uint32_t passed_over = taken_from != 0 ? set : 0;
     // Each registered behaviour is checked, so that nothing is refused half way,
     // and its climbs are made now, which makes the default handler when they
-    // reach it: out of the scope that files it, and up to the scope it lands in.
+    // reach it: up to the scope it lands in, and out of the scope that files
+    // it (past the one taken out, up to the root when nothing above files it).
     std::size_t from_default = 0;
     for (const uint32_t behavior : movers_) {
         const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
@@ -250,9 +251,6 @@ Refiling::Refiling(uint32_t set, uint32_t taken_from, const char* free_label)
         if (filed_in != 0 && filed_in == the_default)
             ++from_default;
     }
-    // Taken out of a scope, they climb past it to the root unless a scope above files them.
-    if (taken_from != 0 && registered_ != 0)
-        ensure_default_handler();
     // Each removal from the default handler can take one of its scopes away;
     // when they can take all, the last one goes and a behaviour filed at the
     // root after it needs a new default handler.
