@@ -288,10 +288,14 @@ inline State* state_or_null() {
 }
 
 // ---- Messages (errors.cpp)
-// Records the message, with the name of the module message block it came from
-// (if any); with the error action (unless errors_return) throws zok::Error.
-// Returns when the action allows it.
+// A failure of a host operation under `action`: the quiet action records
+// nothing (the caller learns of the failure from its null result); otherwise
+// as report().
 void raise(int32_t code, int32_t action, std::string text, std::string block = {});
+// Records the message, with the name of the module message block it came from
+// (if any), whatever the action; with the error action (unless errors_return)
+// throws zok::Error.  Returns when the action allows it.
+void report(int32_t code, int32_t action, std::string text, std::string block = {});
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string vformat(const char* fmt, va_list ap);
 // The running routine's registered name ("" outside any call).

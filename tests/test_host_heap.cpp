@@ -91,9 +91,13 @@ TEST(HostHeap, LookUpWorksAcrossTheWholeIdentifierSpace) {
     // The identifiers are used up: no identifier is ever handed out twice.
     zok_var v{};
     v.type = ZOK_T_LONG;
+    host.clear_messages();
     EXPECT_EQ(host_heap_var_new(ZOK_HEAP_POINTER, &v, ZOK_HEAP_NEW_COPY, ZOK_ACTION_RETURN),
               nullptr);
+    EXPECT_TRUE(host.messages().empty()); // the quiet action records nothing
+    EXPECT_EQ(host_heap_var_new(ZOK_HEAP_POINTER, &v, ZOK_HEAP_NEW_COPY, ZOK_ACTION_WARN), nullptr);
     EXPECT_EQ(host.messages().back().code, ZOK_ERR_NO_MEMORY);
+    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_WARN);
     host_heap_free(top2, 0, 0);
     EXPECT_EQ(host_heap_var(top2), nullptr);
     EXPECT_EQ(host.heap_ids(), (std::vector<uint32_t>{low, mid, above, top1}));
@@ -126,7 +130,10 @@ TEST(HostHeap, CopyAndMoveModesAndBadRequests) {
     uint32_t id = moved->id;
     host_heap_free(id, 0, 0);
     expect_error(ZOK_ERR_INVALID_POINTER, [&] { host_heap_free(id, 0, 0); });
+    host.clear_messages();
     EXPECT_EQ(host_object_heap_var(id, ZOK_ACTION_RETURN), nullptr);
+    EXPECT_TRUE(host.messages().empty());
+    EXPECT_EQ(host_object_heap_var(id, ZOK_ACTION_WARN), nullptr);
     EXPECT_EQ(host.messages().back().code, ZOK_ERR_INVALID_OBJECT);
     expect_error(ZOK_ERR_INVALID_OBJECT, [&] { host_object_heap_var(id, ZOK_ACTION_ERROR); });
     host_heap_free(copy->id, 0, 0);
