@@ -74,6 +74,12 @@ void report(int32_t code, int32_t action, std::string text, std::string block) {
         throw Error(code, std::move(text), std::move(routine), std::move(block));
 }
 
+void api_error(int32_t code, std::string text) {
+    State& s = state();
+    s.messages.push_back(Message{code, text, ZOK_ACTION_ERROR, {}, {}});
+    throw Error(code, std::move(text), {});
+}
+
 const char* type_name(uint8_t type) {
     switch (type) {
     case ZOK_T_UNDEFINED:

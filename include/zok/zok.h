@@ -143,7 +143,8 @@ enum {
     ZOK_ERR_BAD_FREE = -151,      /* unknown or already freed block, text or temporary */
     ZOK_ERR_STRUCT = -160,        /* bad structure definition or tag */
     ZOK_ERR_ROUTINE_TABLE = -170, /* a routine table was refused */
-    ZOK_ERR_BAD_ARGUMENT = -180   /* a reserved argument or a null where none is allowed */
+    ZOK_ERR_BAD_ARGUMENT = -180,  /* a reserved argument or a null where none is allowed */
+    ZOK_ERR_SAVE_FILE = -190      /* a save file that cannot be written, read or restored */
 };
 
 /* ------------------------------------------------------------------------ */
