@@ -534,9 +534,10 @@ std::vector<std::string> Host::restore(const std::string& path) {
                           static_cast<unsigned long long>(length),
                           static_cast<unsigned long long>(have)));
     if (have > length)
-        file_error(path, format("has %llu bytes after the %llu content bytes its header states",
-                                static_cast<unsigned long long>(have - length),
-                                static_cast<unsigned long long>(length)));
+        file_error(path,
+                   format("has trailing bytes: %llu after the %llu content bytes its header states",
+                          static_cast<unsigned long long>(have - length),
+                          static_cast<unsigned long long>(length)));
     const unsigned char* body = file.data() + kHeaderSize;
     if (crc_of(body, length) != crc)
         file_error(path, "is corrupt: its checksum does not match its content");

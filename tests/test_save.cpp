@@ -297,6 +297,7 @@ std::string digest(Program& p) {
     }
     for (const Value& o : objects("FW")) {
         const ObjectRef obj = o.as_object();
+        out += p.name(o) + " flags " + std::to_string(host.heap_flags(obj.id));
         if (host.isa(obj, "ZOKFWBEHAVIOR"))
             out += p.name(o) + " registered " + host.call_method(obj, "ISREGISTERED").to_string();
         if (host.isa(obj, "ZOKFWQUERY"))
@@ -415,8 +416,8 @@ TEST_F(BadFiles, EveryDamageIsRefusedWithItsOwnErrorAndChangesNothing) {
                     ? "is truncated: " + std::to_string(n) + " bytes, less than its 24-byte header"
                     : "is truncated: its header states " + content_text + " content bytes, " +
                           std::to_string(n - 24) + " are there");
-    refused(good + "xyz", ZOK_ERR_SAVE_FILE,
-            "has 3 bytes after the " + content_text + " content bytes its header states");
+    refused(good + "x", ZOK_ERR_SAVE_FILE,
+            "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
     refused(with_u32(8, 2), ZOK_ERR_SAVE_FILE, "has format version 2; this host reads version 1");
     std::filesystem::remove(path);
     expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(path); });
@@ -430,7 +431,7 @@ TEST_F(BadFiles, EveryDamageIsRefusedWithItsOwnErrorAndChangesNothing) {
                            : at < 16 || at >= 24
                                ? "is corrupt: its checksum does not match its content"
                            : (bytes[at] & (1 << (at % 8))) ? "is truncated: its header states"
-                                                           : "has ";
+                                                           : "has trailing bytes: ";
         refused(bytes, ZOK_ERR_SAVE_FILE, what);
     }
 
