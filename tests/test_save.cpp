@@ -97,6 +97,26 @@ public:
     std::string log;
 };
 
+// The behaviour classes: the keyword that names what each calls, and which
+// texts it listens to (0 plain, 1 plain or the argument text, 2 the argument
+// text, 3 a query's).
+struct Kind {
+    const char* cls;
+    const char* routine_keyword;
+    const char* routine;
+    int texts;
+    bool delayed;
+};
+const Kind kKinds[] = {
+    {"PROBE", nullptr, nullptr, 1, false},
+    {"ZOKFWPROCBEHAV", "PROCEDURE", "RECORD", 1, false},
+    {"ZOKFWFUNCBEHAV", "FUNCTION", "ANSWER", 0, false},
+    {"ZOKFWOBJBEHAV", "METHOD", "HIT", 0, false},
+    {"ZOKFWDELAYBEHAV", "METHOD", "HIT", 0, true},
+    {"ZOKFWDELAYARGBEHAV", "METHOD", "HIT", 2, true},
+    {"ZOKFWQUERYBEHAV", nullptr, nullptr, 3, false},
+};
+
 // Builds a random framework in `p` and leaves it in the program variables FW
 // (framework objects), TARGETS (some dead), MAPS and IDENTS.
 void generate(Program& p, uint32_t seed) {
@@ -120,52 +140,24 @@ void generate(Program& p, uint32_t seed) {
         targets.emplace_back(host.new_object("TARGET"));
     auto target = [&] { return targets[pick(targets.size())].as_object(); };
     for (int i = 0, n = 8 + static_cast<int>(pick(16)); i < n; ++i) {
-        zok::Keywords kw{{"HANDLER", any_handler()}, {"REGISTER", pick(5) != 0 ? 1 : 0}};
-        std::string cls;
-        switch (i == 0 ? 0 : pick(7)) {
-        case 0:
-            cls = "PROBE";
-            kw.push_back({"MESSAGESTRING", pick(3) == 0 ? kArgArm : text()});
-            break;
-        case 1:
-            cls = "ZOKFWPROCBEHAV";
-            kw.push_back({"MESSAGESTRING", pick(3) == 0 ? kArgArm : text()});
-            kw.push_back({"PROCEDURE", "RECORD"});
-            break;
-        case 2:
-            cls = "ZOKFWFUNCBEHAV";
-            kw.push_back({"MESSAGESTRING", text()});
-            kw.push_back({"FUNCTION", "ANSWER"});
-            break;
-        case 3:
-            cls = "ZOKFWOBJBEHAV";
-            kw.push_back({"MESSAGESTRING", text()});
-            kw.push_back({"METHOD", "HIT"});
+        const Kind& kind = kKinds[i == 0 ? 0 : pick(std::size(kKinds))]; // one PROBE at least
+        const std::string texts[] = {text(), pick(3) == 0 ? kArgArm : text(), kArgArm,
+                                     kAsks[pick(kAsks.size())]};
+        zok::Keywords kw{{"HANDLER", any_handler()},
+                         {"REGISTER", pick(5) != 0 ? 1 : 0},
+                         {"MESSAGESTRING", texts[kind.texts]}};
+        if (kind.routine_keyword)
+            kw.push_back({kind.routine_keyword, kind.routine});
+        if (kind.routine && kind.routine == std::string("HIT"))
             kw.push_back({"OBJECT", target()});
-            break;
-        case 4:
-            cls = "ZOKFWDELAYBEHAV";
-            kw.push_back({"MESSAGESTRING", text()});
-            kw.push_back({"METHOD", "HIT"});
-            kw.push_back({"OBJECT", target()});
+        if (kind.delayed)
             kw.push_back({"DELAYMESSAGESTRING", text()});
-            break;
-        case 5:
-            cls = "ZOKFWDELAYARGBEHAV";
-            kw.push_back({"MESSAGESTRING", kArgArm});
-            kw.push_back({"METHOD", "HIT"});
-            kw.push_back({"OBJECT", target()});
-            kw.push_back({"DELAYMESSAGESTRING", text()});
-            break;
-        default: {
-            cls = "ZOKFWQUERYBEHAV";
-            kw.push_back({"MESSAGESTRING", kAsks[pick(kAsks.size())]});
+        if (kind.cls == std::string("ZOKFWQUERYBEHAV")) {
             const Value responses[] = {Value(int32_t(i)), Value("r" + std::to_string(i)),
                                        Value(0.5 * i), Value(std::vector<int32_t>{i, -i})};
             kw.push_back({"RESPONSE", responses[pick(4)]});
         }
-        }
-        keep(host.new_object(cls, {}, kw), behaviours);
+        keep(host.new_object(kind.cls, {}, kw), behaviours);
     }
     for (size_t i = 0, n = 2 + pick(4); i < n; ++i)
         keep(host.new_object(
