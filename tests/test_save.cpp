@@ -17,13 +17,14 @@
 namespace {
 
 using zok::ObjectRef;
-using zok::PointerRef;
 using zok::Ref;
 using zok::Value;
 
 const std::vector<std::string> kTexts = {"alpha", "beta", "gamma", "delta"};
 const std::vector<std::string> kAsks = {"ask0", "ask1"};
 const std::string kArgArm = "argarm"; // the only text sent with an argument
+const std::vector<std::string> kAllTexts = {"alpha", "beta", "gamma", "delta",
+                                            "ask0",  "ask1", "argarm"};
 
 // Files live in memory where the system offers it: the damage sweeps write thousands.
 std::string temp_path(const std::string& name) {
@@ -277,12 +278,9 @@ std::string digest(Program& p) {
             handlers.push_back(o);
     if (const uint32_t root = flux::default_handler())
         handlers.emplace_back(ObjectRef{root});
-    std::vector<std::string> all_texts = kTexts;
-    all_texts.insert(all_texts.end(), kAsks.begin(), kAsks.end());
-    all_texts.push_back(kArgArm);
     for (const Value& h : handlers) {
         out += p.name(h) + " scopes " + names(host.call_method(h.as_object(), "SCOPEDMESSAGES"));
-        for (const std::string& t : all_texts)
+        for (const std::string& t : kAllTexts)
             out += "\n " + t + ": " + host.call_method(h.as_object(), "ISSCOPED", {t}).to_string() +
                    " " + names(host.call_method(h.as_object(), "BEHAVIORS", {t}));
         out += "\n";
@@ -333,14 +331,10 @@ std::string digest(Program& p) {
     return out + p.log;
 }
 
-uint32_t first_seed() {
-    static const uint32_t seed = test_seed();
-    return seed;
-}
-
 TEST(SaveRestore, AFrameworkComesBackAsItWasAfterAResetAndInAFreshHost) {
     const std::string path = temp_path("roundtrip");
-    for (uint32_t seed = first_seed(); seed < first_seed() + 100; ++seed) {
+    const uint32_t first = test_seed();
+    for (uint32_t seed = first; seed < first + 100; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::string before, reset, fresh;
         {
