@@ -3,6 +3,7 @@
 // own, and, in the same run, plain fwrite/fread of as many bytes as the save file
 // holds: the floor for any format.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,7 @@ zok::Host& framework() {
                  {"REGISTER", 1}}));
         h->set_var("FW", Value::array(ZOK_T_OBJECT, fw));
         h->save(kPath, {"FW"});
+        std::atexit([] { std::remove(kPath.c_str()); });
         return h;
     }();
     return *host;

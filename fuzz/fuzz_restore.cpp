@@ -63,7 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const zok::Observation before = h.observe();
     try {
         h.restore(path());
+        std::remove(path().c_str());
     } catch (const zok::Error& e) {
+        std::remove(path().c_str());
         if (std::string diff = zok::difference(before, h.observe()); !diff.empty())
             fail("a refused file changed the host (" + e.text() + "): " + diff);
         return 0;

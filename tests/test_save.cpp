@@ -34,6 +34,12 @@ std::string temp_path(const std::string& name) {
         .string();
 }
 
+// Removes its file however the test ends.
+struct TempFile {
+    const std::string path;
+    ~TempFile() { std::filesystem::remove(path); }
+};
+
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -120,7 +126,7 @@ const Kind kKinds[] = {
 
 // Builds a random framework in `p` and leaves it in the program variables FW
 // (framework objects), TARGETS (some dead), MAPS and IDENTS.
-void generate(Program& p, uint32_t seed) {
+void generate(Program& p, uint32_t seed, size_t scale = 4, bool with_probe = true) {
     zok::Host& host = p.host;
     std::mt19937 rng(seed);
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
@@ -135,13 +141,14 @@ void generate(Program& p, uint32_t seed) {
         kind.push_back(o);
         return o;
     };
-    for (size_t i = 0, n = 1 + pick(4); i < n; ++i)
+    for (size_t i = 0, n = 1 + pick(scale); i < n; ++i)
         keep(host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", any_handler()}}), handlers);
     for (size_t i = 0; i < 3; ++i)
         targets.emplace_back(host.new_object("TARGET"));
     auto target = [&] { return targets[pick(targets.size())].as_object(); };
-    for (int i = 0, n = 8 + static_cast<int>(pick(16)); i < n; ++i) {
-        const Kind& kind = kKinds[i == 0 ? 0 : pick(std::size(kKinds))]; // one PROBE at least
+    for (int i = 0, n = static_cast<int>(2 * scale + pick(4 * scale)); i < n; ++i) {
+        const Kind& kind = kKinds[with_probe ? (i == 0 ? 0 : pick(std::size(kKinds)))
+                                             : 1 + pick(std::size(kKinds) - 1)];
         const std::string texts[] = {text(), pick(3) == 0 ? kArgArm : text(), kArgArm,
                                      kAsks[pick(kAsks.size())]};
         zok::Keywords kw{{"HANDLER", any_handler()},
@@ -160,7 +167,7 @@ void generate(Program& p, uint32_t seed) {
         }
         keep(host.new_object(kind.cls, {}, kw), behaviours);
     }
-    for (size_t i = 0, n = 2 + pick(4); i < n; ++i)
+    for (size_t i = 0, n = 1 + pick(scale); i < n; ++i)
         keep(host.new_object(
                  "ZOKFWMESSAGE", {},
                  {{"MESSAGESTRING", pick(4) == 0 ? kArgArm : text()}, {"HANDLER", any_handler()}}),
@@ -173,7 +180,7 @@ void generate(Program& p, uint32_t seed) {
 
     // Changes after the build: scoping, registration, sends that arm delayed
     // behaviours, answered queries, dead targets.
-    for (int i = 0; i < 30; ++i) {
+    for (size_t i = 0; i < 8 * scale; ++i) {
         const ObjectRef h = handlers[pick(handlers.size())];
         const ObjectRef b = behaviours[pick(behaviours.size())];
         switch (pick(6)) {
@@ -225,29 +232,6 @@ void generate(Program& p, uint32_t seed) {
 }
 
 const std::vector<std::string> kSaved = {"FW", "TARGETS", "MAPS", "IDENTS"};
-
-// A framework of one of each kind, small enough to damage at every byte.
-void small(Program& p, bool with_probe) {
-    zok::Host& host = p.host;
-    const ObjectRef h = host.new_object("ZOKFWMESSAGEHANDLER");
-    const ObjectRef t = host.new_object("TARGET");
-    std::vector<Value> fw = {
-        Value(h),
-        Value(host.new_object(
-            "ZOKFWOBJBEHAV", {},
-            {{"MESSAGESTRING", "alpha"}, {"METHOD", "HIT"}, {"OBJECT", t}, {"REGISTER", 1}})),
-        Value(host.new_object("ZOKFWMESSAGE", {}, {{"MESSAGESTRING", "alpha"}, {"HANDLER", h}}))};
-    if (with_probe)
-        fw.emplace_back(
-            host.new_object("PROBE", {}, {{"MESSAGESTRING", "alpha"}, {"REGISTER", 1}}));
-    const ObjectRef m = host.new_object("ZOKDSMAP");
-    host.call_method(m, "INSERT", {"key", 2.5});
-    host.set_var("FW", Value::array(ZOK_T_OBJECT, fw));
-    host.set_var("TARGETS", Value::array(ZOK_T_OBJECT, {Value(t)}));
-    host.set_var("MAPS", Value::array(ZOK_T_OBJECT, {Value(m)}));
-    host.set_var("IDENTS",
-                 Value::array(ZOK_T_POINTER, {host.call_function("GET_FWIDENT", {"beta"})}));
-}
 
 // What the program restores besides the heap: every framework object's own
 // state, its own identifiers rolled over, the restored copies collected.
@@ -332,7 +316,8 @@ std::string digest(Program& p) {
 }
 
 TEST(SaveRestore, AFrameworkComesBackAsItWasAfterAResetAndInAFreshHost) {
-    const std::string path = temp_path("roundtrip");
+    const TempFile file{temp_path("roundtrip")};
+    const std::string& path = file.path;
     const uint32_t first = test_seed();
     for (uint32_t seed = first; seed < first + 100; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
@@ -358,19 +343,17 @@ TEST(SaveRestore, AFrameworkComesBackAsItWasAfterAResetAndInAFreshHost) {
         ASSERT_EQ(before, reset);
         ASSERT_EQ(before, fresh);
     }
-    std::filesystem::remove(path);
 }
 
 // A small file, made by a host that still holds the framework it saved.
 class BadFiles : public ::testing::Test {
 protected:
     BadFiles() : p(std::make_unique<Program>()) {
-        small(*p, true);
+        generate(*p, 7, 1); // small enough to damage at every byte
         p->host.save(path, kSaved);
         good = read_file(path);
         before = p->host.observe();
     }
-    ~BadFiles() override { std::filesystem::remove(path); }
 
     // Restores `bytes`, expecting `code` and a text that starts with the file's
     // name and then `what`; nothing may change.
@@ -388,7 +371,8 @@ protected:
     }
 
     std::unique_ptr<Program> p;
-    const std::string path = temp_path("bad");
+    const TempFile file{temp_path("bad")};
+    const std::string& path = file.path;
     std::string good;
     zok::Observation before;
 };
@@ -406,7 +390,8 @@ TEST_F(BadFiles, EveryDamageIsRefusedWithItsOwnErrorAndChangesNothing) {
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
     refused(with_u32(8, 2), ZOK_ERR_SAVE_FILE, "has format version 2; this host reads version 1");
     std::filesystem::remove(path);
-    expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(path); });
+    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(path); }).text(),
+              prefix() + "cannot be opened: No such file or directory; nothing was restored.");
 
     // A flipped bit: where it lands decides what is found first.
     for (size_t at = 0; at < good.size(); ++at) {
@@ -444,7 +429,7 @@ TEST_F(BadFiles, AProgramClassMissingOrChangedIsNamed) {
     for (const auto& c : cases) {
         p.reset(); // one host at a time
         p = std::make_unique<Program>(c.probe);
-        small(*p, false); // a live framework, which must stay as it is
+        generate(*p, 11, 1, false); // a live framework, which must stay as it is
         const zok::Observation was = p->host.observe();
         const zok::Error e = expect_error(c.code, [&] { p->host.restore(path); });
         EXPECT_EQ(e.text().substr(0, prefix().size() + c.text.size()), prefix() + c.text);
