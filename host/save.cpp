@@ -24,8 +24,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -508,10 +508,18 @@ std::vector<std::string> Host::restore(const std::string& path) {
     std::vector<unsigned char> file;
     {
         std::ifstream in(path, std::ios::binary);
-        if (!in)
-            file_error(path, std::string("cannot be opened: ") + std::strerror(errno));
-        file.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        if (in.bad())
+        std::error_code error;
+        const uintmax_t size = std::filesystem::file_size(path, error);
+        if (!in || error)
+            file_error(path, "cannot be opened: " +
+                                 (error ? error.message() : std::string(std::strerror(errno))));
+        try {
+            file.resize(size);
+        } catch (const std::exception&) {
+            file_error(path,
+                       format("cannot be read: %ju bytes are more than this host can hold", size));
+        }
+        if (!in.read(reinterpret_cast<char*>(file.data()), static_cast<std::streamsize>(size)))
             file_error(path, "cannot be read");
     }
     if (file.size() < kHeaderSize)

@@ -392,6 +392,9 @@ TEST_F(BadFiles, EveryDamageIsRefusedWithItsOwnErrorAndChangesNothing) {
     std::filesystem::remove(path);
     EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(path); }).text(),
               prefix() + "cannot be opened: No such file or directory; nothing was restored.");
+    const std::string dir = std::filesystem::path(path).parent_path().string();
+    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(dir); }).text(),
+              "Save file " + dir + " cannot be opened: Is a directory; nothing was restored.");
 
     // A flipped bit: where it lands decides what is found first.
     for (size_t at = 0; at < good.size(); ++at) {
