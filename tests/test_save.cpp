@@ -85,6 +85,8 @@ public:
             }
         if (!v.as_object())
             return "null";
+        if (v.as_object().id == flux::default_handler())
+            return "default";
         for (const Value& owner :
              host.has_var("FW") ? host.get_var("FW").elements() : std::vector<Value>{})
             if (host.isa(owner.as_object(), "ZOKFWDELAYBEHAV") &&
@@ -260,8 +262,11 @@ std::string digest(Program& p) {
     for (const Value& o : objects("FW"))
         if (host.isa(o.as_object(), "ZOKFWMESSAGEHANDLER"))
             handlers.push_back(o);
-    if (const uint32_t root = flux::default_handler())
-        handlers.emplace_back(ObjectRef{root});
+    // The default handler is module state: made on demand, it is not saved, and
+    // without scopes it is the same as none.
+    if (const ObjectRef root{flux::default_handler()};
+        root && host.call_method(root, "SCOPEDMESSAGES").size() > 0)
+        handlers.emplace_back(root);
     for (const Value& h : handlers) {
         out += p.name(h) + " scopes " + names(host.call_method(h.as_object(), "SCOPEDMESSAGES"));
         for (const std::string& t : kAllTexts)
@@ -309,6 +314,8 @@ std::string digest(Program& p) {
     }
     for (const Value& h : handlers)
         for (const std::string& t : kTexts) {
+            if (!host.heap_alive(h.as_object().id)) // the default handler, gone with its last scope
+                break;
             host.call_method(h.as_object(), "SENDMESSAGE", {t});
             p.log += p.name(h) + " sent " + t + "\n";
         }
