@@ -302,6 +302,8 @@ void MessagingModel::step() {
         owner_of[target] = id;
         if (kind == 0)
             on_execute[id] = [this](zok::Call& call) {
+                EXPECT_GT(host.memory("ZOkfwBehaviorList").blocks, 0u)
+                    << "a delivery walks a snapshot";
                 if (call.argc() == 2)
                     given.push_back({call.var(1), call.var(1)->flags, call.arg(1)});
             };
@@ -316,11 +318,17 @@ void MessagingModel::step() {
         const uint32_t parent = program_handler_or_none();
         const std::string t = text();
         const int scope = rng() % 3 == 0;
+        const bool query = rng() % 3 == 0;
         const uint32_t id =
             host.new_object(
-                    "ZOKFWMESSAGE", {},
+                    query ? "ZOKFWQUERY" : "ZOKFWMESSAGE", {},
                     {{"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}})
                 .id;
+        if (query) { // a copy of a program variable as its result, freed by its CLEANUP
+            host.set_var("RESULT", static_cast<int32_t>(id));
+            host.call_method(ObjectRef{id}, "SETRESULT", {zok::Ref{"RESULT"}});
+            EXPECT_EQ(host.get_var("RESULT").as_int(), id);
+        }
         model.messages[id] = {parent, t};
         if (scope)
             model.scope_message(model.effective(parent, id), t);
@@ -381,6 +389,9 @@ void MessagingModel::step() {
             // Two or more receivers share a plain copy, and the caller's temporary
             // is left empty; a single one gets the caller's temporary itself.
             const bool shared = model.receivers >= 2;
+            EXPECT_EQ(given.size(),
+                      std::count_if(executed.begin(), executed.end(),
+                                    [this](uint32_t run) { return on_execute.count(run); }));
             for (const Given& g : given) {
                 EXPECT_EQ(g.value, value);
                 EXPECT_EQ(g.var == caller, !shared);
@@ -449,6 +460,13 @@ void MessagingModel::step() {
         } else if (b != 0 && !model.would_stay_filed(b)) {
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
+        } else if (m != 0 && host.isa(ObjectRef{m}, "ZOKFWQUERY")) {
+            // Cleaned up, not destroyed: the result goes, its identifier stays.
+            const uint32_t result = host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id;
+            host.call_method(ObjectRef{m}, "CLEANUP");
+            EXPECT_EQ(host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id, result);
+            EXPECT_FALSE(host.heap_alive(result));
+            model.messages.erase(m);
         } else if (m != 0) {
             host.destroy(ObjectRef{m});
             model.messages.erase(m);
@@ -467,6 +485,7 @@ void MessagingModel::compare() {
     ASSERT_EQ(flux::default_handler() != 0, model.default_key != 0);
     if (model.default_key != 0) {
         ASSERT_TRUE(host.heap_alive(flux::default_handler()));
+        EXPECT_NE(host.heap_flags(flux::default_handler()) & ZOK_HEAP_HELD, 0u);
     }
     std::map<std::string, int32_t> uses;
     for (const auto& [key, handler] : model.handlers) {
@@ -480,6 +499,7 @@ void MessagingModel::compare() {
         }
         EXPECT_EQ(scoped(h), texts) << "handler " << h.id;
         EXPECT_EQ(host.get_tag(h, "MYHANDLER").as_object().id, handler.my);
+        EXPECT_EQ(host.get_tag(h, "ZOKFWMESSAGEHANDLER_VERSION").as_int(), 1);
     }
     for (const auto& [id, behavior] : model.behaviors) {
         uses[behavior.text] += 1;
@@ -488,9 +508,12 @@ void MessagingModel::compare() {
         EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered)
             << "behaviour " << id;
         EXPECT_EQ(host.get_tag(ObjectRef{id}, "MYHANDLER").as_object().id, behavior.my);
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "ZOKFWBEHAVIOR_VERSION").as_int(), 1);
     }
-    for (const auto& [id, message] : model.messages)
+    for (const auto& [id, message] : model.messages) {
         uses[message.text] += 1;
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "ZOKFWMESSAGE_VERSION").as_int(), 1);
+    }
     // Every use the registry counts is held by a live object or a scope key.
     for (const flux::FwIdentEntry& entry : flux::fwident_entries())
         EXPECT_EQ(entry.uses, uses.count(entry.name) ? uses[entry.name] : 0) << entry.name;
