@@ -138,6 +138,15 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         case 2:
             if ((make || blocks.empty()) && failing()) {
                 ASSERT_EQ(host_mem_alloc(8, labels[0]), nullptr);
+            } else if (make && rng() % 32 == 0) { // a failing label fails all its blocks, no other
+                host.fail_label(labels[0]);
+                host.fail_label(zok::kPlainLabel);
+                ASSERT_EQ(host_mem_alloc(8, labels[0]), nullptr);
+                ASSERT_EQ(host_mem_alloc(16, labels[0]), nullptr);
+                ASSERT_EQ(host_mem_alloc_plain(48), nullptr);
+                blocks.push_back({static_cast<unsigned char*>(host_mem_alloc(8, labels[1])), 8, 1});
+                ASSERT_NE(blocks.back().p, nullptr);
+                host.clear_faults();
             } else if (make || blocks.empty()) {
                 const Block b{nullptr, 1 + rng() % 64, static_cast<int>(rng() % 2)};
                 blocks.push_back(b);
@@ -394,23 +403,6 @@ TEST(HostObservation, NamesEachKindOfChange) {
     host_mem_free(block);
     host_release_temp(temp);
     host_string_release(&text, 1);
-}
-
-TEST(HostFaults, EveryAllocationUnderALabelFails) {
-    zok::Host host;
-    host.fail_label("FW_Ident data");
-    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
-    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
-    void* other = host_mem_alloc(8, "FW_Ident key");
-    EXPECT_NE(other, nullptr);
-    host.fail_label(zok::kPlainLabel);
-    EXPECT_EQ(host_mem_alloc_plain(48), nullptr);
-    host.clear_faults();
-    void* node = host_mem_alloc_plain(48);
-    EXPECT_NE(node, nullptr);
-    host_mem_free_labelled(node, "x");
-    host_mem_free(other);
-    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
 }
 
 TEST(HostFaults, RegistrationOperationsRefuseTheNthCall) {
