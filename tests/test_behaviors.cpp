@@ -292,8 +292,11 @@ TEST_F(ObjectBehaviours, ADeadOrUnsetTargetUnregistersOnItsFirstDelivery) {
     const ObjectRef killer = obj_behavior("tick", k, "DIE", h);
     const ObjectRef after = obj_behavior("tick", k, "HIT", h); // finds k dead in the same send
     host.destroy(doomed);
-    host.call_method(message("tick", h), "SEND", {5});
+    const ObjectRef tick = message("tick", h);
+    host.clear_messages();
+    host.call_method(tick, "SEND", {5});
     EXPECT_EQ(hits, (std::vector<Hit>{{live.id, 2, Value(5)}}));
+    EXPECT_TRUE(host.messages().empty()) << host.messages().front().text; // dead targets are quiet
     EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, killer.id}));
     for (const ObjectRef gone : {a, unset, after})
         EXPECT_EQ(host.call_method(gone, "ISREGISTERED").as_int(), 0);
