@@ -437,9 +437,15 @@ TEST(Refusals, RunningOutOfMemoryChangesNothing) {
                      [](World& x) { x.host.call_method(x.loose, "REGISTER"); }});
     // Re-filing empties the default handler's only scope, which frees it, and
     // files the behaviour at the root again, in a new default handler.
-    cases.push_back({"scoping below the default handler's only scope",
-                     [](World& x) { x.host.call_method(x.handler, "SCOPEMESSAGE", {"tock"}); },
-                     [](World& x) { x.host.call_method(x.loose, "REGISTER"); }});
+    for (const char* routine : {"SCOPEMESSAGE", "RESTORE"})
+        cases.push_back({std::string(routine) + " re-filing the default handler's only behaviour",
+                         [routine](World& x) {
+                             if (routine[0] == 'S')
+                                 x.host.call_method(x.handler, routine, {"tock"});
+                             else
+                                 x.host.call_method(x.loose, routine);
+                         },
+                         [](World& x) { x.host.call_method(x.loose, "REGISTER"); }});
     // A registered behaviour whose identifier the registry does not know (as
     // one read back before its restore) is filed again under a new root scope.
     for (const char* routine : {"SCOPEMESSAGE", "UNSCOPEMESSAGE"})

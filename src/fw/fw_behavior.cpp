@@ -31,9 +31,12 @@ void behavior_restore(Self self) {
     // translation last, so that a failure changes nothing.
     const bool was_registered = f.behavior_version >= 1 && f.is_registered != 0;
     DefaultHandlerGuard made_default;
+    // Taking it out may free the default handler, which filing it again then needs.
+    std::optional<SpareDefaultHandler> spare;
     MaphReserve nodes;
     if (was_registered) {
-        effective_handler(self);
+        if (removal_frees_default(effective_handler(self), self.heap_id))
+            spare.emplace();
         if (!nodes.add(5))
             raise_no_memory("ZOKfwBehavior::Restore");
     }

@@ -423,6 +423,12 @@ void remove_behavior(uint32_t handler, uint32_t behavior) {
         unscope_message(at.handler, ident);
 }
 
+bool removal_frees_default(uint32_t handler, uint32_t behavior) {
+    const Filed at = find_filed(handler, behavior, message_ident_of_behavior(behavior));
+    return at.entry != 0 && at.handler == the_default && maph_count(at.set) == 1 &&
+           maph_count(fields_of(handler_self(at.handler)).behaviors) == 1;
+}
+
 void scope_message(uint32_t handler, uint32_t ident) {
     DefaultHandlerGuard made_default;
     ScopePlan plan(handler, ident);

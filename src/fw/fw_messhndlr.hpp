@@ -76,6 +76,9 @@ void add_behavior(uint32_t handler, uint32_t behavior);
 // Takes `behavior` out of the first scope up the chain that files it; the
 // default handler drops a scope that this leaves empty.  Makes nothing.
 void remove_behavior(uint32_t handler, uint32_t behavior);
+// Whether that removal takes the default handler's last scope away, and so the
+// default handler itself.
+bool removal_frees_default(uint32_t handler, uint32_t behavior);
 
 // Makes `handler` scope `ident` and pulls down the registered behaviours of
 // the nearest enclosing scope whose chains pass through it.
