@@ -16,6 +16,13 @@
 
 namespace zok::detail {
 
+bool is_upper(std::string_view s) {
+    for (char c : s)
+        if (static_cast<char>(std::toupper(static_cast<unsigned char>(c))) != c)
+            return false;
+    return true;
+}
+
 std::string upper(std::string_view s) {
     std::string out(s);
     for (char& c : out)
