@@ -245,6 +245,8 @@ namespace {
     return result;
 }
 
+} // namespace
+
 zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
                          zok_keywords* kw) {
     if (argc < r.min_args || argc > r.max_args) [[unlikely]] {
@@ -272,16 +274,6 @@ zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** arg
     zok_var* result = r.function(argc, argv, kw);
     if (!result) [[unlikely]]
         refuse_no_result(r);
-    return result;
-}
-
-} // namespace
-
-zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
-    State& s = state();
-    FrameGuard guard(s, &r);
-    zok_var* result = invoke_in_frame(s, r, argc, argv, kw);
-    guard.done();
     return result;
 }
 

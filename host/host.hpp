@@ -142,7 +142,9 @@ public:
 
     // Array elements (a scalar reads as an array of one).
     std::vector<Value> elements() const;
-    size_t size() const { return is_array_ ? elements_.size() : (defined() ? 1 : 0); }
+    size_t size() const {
+        return is_array_ ? (elements_ ? elements_->size() : 0) : (defined() ? 1 : 0);
+    }
 
     friend bool operator==(const Value& a, const Value& b);
     // A readable rendering for test failure messages.
@@ -175,7 +177,9 @@ private:
     double double_ = 0;
     std::string text_;
     std::shared_ptr<const StructValue> struct_;
-    std::vector<Value> elements_;
+    // Shared, as a Value never changes once made: copying or dropping a Value
+    // costs no walk of its elements.
+    std::shared_ptr<const std::vector<Value>> elements_;
 };
 
 template <typename T>

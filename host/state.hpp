@@ -401,7 +401,6 @@ inline Routine* resolve_method(StructInfo* cls, const zok_name* method) {
         return method->resolved;
     return resolve_method_slow(cls, method);
 }
-zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw);
 void invalidate_method_caches();
 // Why a program routine cannot be registered ("" when it can).
 std::string program_routine_problem(const std::string& name, uint16_t min_args, uint16_t max_args);
@@ -441,5 +440,18 @@ private:
     Frame frame_;
     bool done_ = false;
 };
+
+// Runs a routine whose frame is already pushed: the argument checks, then the call.
+zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
+                         zok_keywords* kw);
+
+// Runs a routine in a frame of its own.
+inline zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
+    State& s = state();
+    FrameGuard guard(s, &r);
+    zok_var* result = invoke_in_frame(s, r, argc, argv, kw);
+    guard.done();
+    return result;
+}
 
 } // namespace zok::detail
