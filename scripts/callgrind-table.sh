@@ -2,7 +2,7 @@
 # Instruction counts of the speed targets, each beside its floor or peer from
 # the same program run: builds the benchmarks, runs the target workloads once
 # under callgrind (each workload dumps its own counts) and prints the table.
-# Needs valgrind (scripts/bootstrap.sh valgrind).
+# Needs valgrind (installed by scripts/bootstrap.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/default

@@ -128,7 +128,7 @@ struct Tree {
     // The leaf with a key equal to the search key (found set), else the leaf to insert
     // before: the least greater leaf, or the head when every key is less.  The last leaf
     // is tried first, so appending in ascending order costs one comparison.
-    // `compare(leaf_key)` orders the search key against a leaf's key (its sign counts).
+    // `compare(leaf_key)` orders the search key against a leaf's key.
     template <class Compare>
     static Ref find(Ref h, Compare compare, Complaint non_head, bool& found) {
         found = false;
@@ -146,18 +146,20 @@ struct Tree {
         }
         if (order > 0)
             return h;
-        // The least leaf not below the key lies in the left subtree exactly when the key
-        // is at most the greatest key there, which the routing leaf holds: one comparison
-        // per level, and the equality test once, at the leaf.  A branch rather than a
-        // conditional move: the processor runs ahead down one child instead of waiting
-        // for every comparison.  The hint only keeps it a branch.
         for (auto v = A::at(n); A::has(v, internal); v = A::at(n)) {
-            if (__builtin_expect(compare(key(A::key_leaf(v))) <= 0, 0))
+            Ref routing = A::key_leaf(v);
+            order = compare(key(routing));
+            if (order == 0) {
+                found = true;
+                return routing;
+            }
+            // A branch rather than a conditional move: the processor runs ahead down one
+            // child instead of waiting for every comparison.  The hint only keeps it a branch.
+            if (__builtin_expect(order < 0, 0))
                 n = A::left(v);
             else
                 n = A::right(v);
         }
-        found = compare(key(n)) == 0;
         return n;
     }
 
