@@ -4,7 +4,6 @@
 // way a map can be broken.
 #include <map>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -186,27 +185,6 @@ TEST_F(DsMap, VanishedHeapVariablesRaiseTheDereferenceError) {
     host.call_method(map, "CLEANUP");
     EXPECT_FALSE(host.heap_alive(the_map));
     expect_module_error(0, vanished, [&] { call("GETSIZE"); });
-}
-
-TEST_F(DsMap, AllocationFailuresDuringInsertLeaveTheMapAsItWas) {
-    call("INSERT", {"present", 1});
-    const size_t heap = host.heap_count();
-    const auto raised = sweep_allocation_failures(
-        host, 60,
-        [&] {
-            call("INSERT", {"fresh", std::string("value")});
-        },
-        [&](uint64_t nth) {
-            EXPECT_EQ(call("GETSIZE").as_int(), 1) << nth;
-            EXPECT_EQ(host.heap_count(), heap) << nth;
-        });
-    EXPECT_EQ(call("GETDATA", {"fresh"}).as_string(), "value");
-    EXPECT_EQ(raised, (std::set<std::string>{
-                          "-150: Unable to allocate memory: making a temporary variable.",
-                          "-150: host_heap_var_new: unable to allocate a heap variable in "
-                          "ZOKDSMAP::INSERT.",
-                          "-3: ZOKdsMap::Insert: out of memory",
-                      }));
 }
 
 // The class check passes a sound map and names each way an entry or the map

@@ -224,31 +224,4 @@ TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
     expect_module_error(-1, "FWIdent corruption", [&] { flux::fwident_order(a, b); });
 }
 
-// Every allocation of making an identifier may fail; each failure leaves the
-// registry as it was and nothing behind.
-TEST_F(Registry, AllocationFailuresLeaveNothingBehind) {
-    get("present");
-    const auto entries = flux::fwident_entries();
-    const size_t heap = host.heap_count();
-    const size_t texts = host.live_texts();
-    const auto raised = sweep_allocation_failures(
-        host, 50, [&] { get("fresh"); },
-        [&](uint64_t nth) {
-            EXPECT_EQ(flux::fwident_entries().size(), entries.size()) << nth;
-            EXPECT_EQ(host.heap_count(), heap) << nth;
-            EXPECT_EQ(host.live_texts(), texts) << nth;
-            EXPECT_EQ(host.memory("FW_Ident key").blocks, 1u) << nth;
-            EXPECT_EQ(host.memory("FW_Ident data").blocks, 1u) << nth;
-            EXPECT_EQ(flux::fwident_check(), "");
-        });
-    EXPECT_EQ(raised, (std::set<std::string>{
-                          "-150: Unable to allocate memory: making a temporary variable.",
-                          "-150: Unable to allocate memory: making a temporary variable in "
-                          "GET_FWIDENT.",
-                          "-150: host_heap_var_new: unable to allocate a heap variable in "
-                          "GET_FWIDENT.",
-                          "-3: FW_Ident: out of memory",
-                      }));
-}
-
 } // namespace
