@@ -40,8 +40,8 @@ function row(what, label, floor_label, limit, kind,    v, f, ratio, verdict) {
     f = floor_label in c ? c[floor_label] : 0
     ratio = f > 0 ? v / f : 0
     verdict = kind == "abs" ? (v <= limit ? "met" : "missed") : (ratio <= limit ? "met" : "missed")
-    printf "%-44s %12.1f %12.1f %8.2f %10s %s\n", what, v, f, ratio,
-           (kind == "abs" ? "<= " limit : "<= " limit "x"), verdict
+    printf "%-44s %12.1f %12s %8s %10s %s\n", what, v, (f > 0 ? sprintf("%.1f", f) : "-"),
+           (f > 0 ? sprintf("%.2f", ratio) : "-"), (kind == "abs" ? "<= " limit : "<= " limit "x"), verdict
 }
 { c[$1] = $2 }
 END {
