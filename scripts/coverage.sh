@@ -19,11 +19,9 @@ common=(--root . --object-directory build/coverage -j "$jobs"
         --exclude-throw-branches --exclude-unreachable-branches)
 gcovr "${common[@]}" --filter 'src/' --filter 'host/' \
     --html-details "$report/index.html" --txt "$report/coverage.txt" --json "$report/all.json"
-for part in src host; do
-    echo "== $part/"
-    gcovr --add-tracefile "$report/all.json" --root . --filter "$part/" --txt-summary \
+for part in src/ host/ "(src|host)/"; do
+    echo "== $part"
+    gcovr --add-tracefile "$report/all.json" --root . --filter "$part" --print-summary \
         --txt /dev/null
 done
-echo "== src/ and host/"
-gcovr --add-tracefile "$report/all.json" --root . --txt-summary --txt /dev/null
 echo "report: $report/index.html, $report/coverage.txt"
