@@ -92,21 +92,23 @@ Value::Value(StructValue st)
     : type_(ZOK_T_STRUCT), struct_(std::make_shared<const StructValue>(std::move(st))) {}
 
 Value Value::array(uint8_t type, std::vector<Value> elements) {
-    Value out;
-    out.type_ = type;
-    out.is_array_ = true;
-    out.elements_.reserve(elements.size());
     for (Value& e : elements) {
         if (e.is_array_)
             throw Error(ZOK_ERR_CONVERSION, "Array elements must be scalars", {});
+        if (e.type_ == type)
+            continue;
         Value c = coerce(e, type);
         if (c.type_ != type)
             throw Error(ZOK_ERR_CONVERSION,
                         "Array element " + e.to_string() + " does not fit an array of " +
                             detail::type_name(type),
                         {});
-        out.elements_.push_back(std::move(c));
+        e = std::move(c);
     }
+    Value out;
+    out.type_ = type;
+    out.is_array_ = true;
+    out.elements_ = std::move(elements);
     return out;
 }
 

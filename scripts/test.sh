@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the default build; the default build installed
 # into a temporary prefix with the module template built and tested against
-# it; the sanitizer build; and a bounded run of each fuzz target, seeded from
-# fuzz/corpus/<target> when the tree has one.  FUZZ_SECONDS sets the fuzzing
+# it; the sanitizer build; the coverage report (which only reports); the lint
+# (which fails on a finding); and a bounded run of each fuzz target, seeded
+# from fuzz/corpus/<target> when the tree has one.  FUZZ_SECONDS sets the fuzzing
 # time per target (default 60; 0 skips fuzzing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,6 +28,11 @@ for preset in default sanitize; do
         ctest --test-dir "$scratch/template" --output-on-failure
     fi
 done
+
+echo "== coverage"
+scripts/coverage.sh
+echo "== lint"
+scripts/lint.sh
 
 if [ "$fuzz_seconds" -gt 0 ]; then
     echo "== fuzz build"
