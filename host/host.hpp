@@ -216,9 +216,8 @@ struct Ref {
 class Arg {
 public:
     template <typename T>
-    // The constraint keeps Arg itself out, so the copy and move constructors stay reachable.
     requires std::is_constructible_v<Value, T>
-    Arg(T&& v) // NOLINT(bugprone-forwarding-reference-overload)
+    Arg(T&& v) // NOLINT(bugprone-forwarding-reference-overload): the constraint excludes Arg
         : value_(std::forward<T>(v)) {}
     Arg(Value v) : value_(std::move(v)) {}
     Arg(Ref ref) : ref_(std::move(ref.name)), is_ref_(true) {}

@@ -114,8 +114,8 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         }
         const zok_keyword_entry& e = *match;
         if (by_reference(e)) {
-            // The slot holds the caller's variable pointer itself.
-            std::memcpy(rec + e.value, &var, sizeof var); // NOLINT(bugprone-sizeof-expression)
+            // NOLINTNEXTLINE(bugprone-sizeof-expression): the slot holds the pointer itself
+            std::memcpy(rec + e.value, &var, sizeof var);
         } else {
             zok_var converted{};
             bool ok = var && var->type != ZOK_T_UNDEFINED && !(var->flags & ZOK_VF_NOT_SIMPLE) &&

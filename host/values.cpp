@@ -120,13 +120,12 @@ Value Value::number(uint8_t type, double v) {
         return out;
     }
     double t = std::trunc(v);
-    // Only an unsigned 64-bit integer reaches past the signed 64-bit range;
-    // every narrower type wraps from a signed 64-bit value.
-    const double limit = type == ZOK_T_ULONG64 ? 18446744073709551616.0 : 9223372036854775808.0;
-    if (!std::isfinite(t) || t < -9223372036854775808.0 || t >= limit)
+    if (!std::isfinite(t) || t < -9223372036854775808.0 || t >= 18446744073709551616.0)
         throw Error(ZOK_ERR_CONVERSION, "Number out of range for an integer", {});
+    // Past the signed range the unsigned bits are taken and, like every
+    // integer, wrapped to the type's width.
     if (t >= 9223372036854775808.0)
-        return Value(static_cast<uint64_t>(t));
+        return integer(type, static_cast<int64_t>(static_cast<uint64_t>(t)));
     return integer(type, static_cast<int64_t>(t));
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <optional>
 
 #include "support/testing.hpp"
 
@@ -106,7 +107,7 @@ TEST(HostValues, ReadersAcceptExactlyWhatFits) {
         EXPECT_EQ(big.as<uint64_t>(), u);
         const double d = std::ldexp(static_cast<double>(n), static_cast<int>(rng() % 24));
         EXPECT_EQ(accepts([&] { Value(d).as<int64_t>(); }), std::abs(d) < 0x1p63);
-        EXPECT_EQ(accepts([&] { Value::number(ZOK_T_LONG, d); }), std::abs(d) < 0x1p63);
+        EXPECT_EQ(accepts([&] { Value::number(ZOK_T_LONG, d); }), d >= -0x1p63 && d < 0x1p64);
     }
     // Readers of the wrong kind, and arrays read as scalars.
     const Value samples[] = {Value(), Value("7"), Value(zok::ObjectRef{1}),
@@ -123,6 +124,63 @@ TEST(HostValues, ReadersAcceptExactlyWhatFits) {
                 << samples[s].to_string() << " reader " << r;
     EXPECT_FALSE(accepts([] { Value::array(ZOK_T_LONG, {Value("x")}); }));
     EXPECT_FALSE(accepts([] { Value::integer(ZOK_T_STRING, 1); }));
+}
+
+// The host's conversion of numbers and numeric text, element by element for
+// arrays, against the program API's: integers wrap to the target's width,
+// floating values truncate and must lie in [-2^63, 2^64).
+TEST(HostValues, ConversionAgreesWithTheProgramApi) {
+    zok::Host host;
+    std::mt19937_64 rng(test_seed());
+    const uint8_t numbers[] = {ZOK_T_BYTE,   ZOK_T_SHORT, ZOK_T_LONG,   ZOK_T_FLOAT,  ZOK_T_DOUBLE,
+                               ZOK_T_USHORT, ZOK_T_ULONG, ZOK_T_LONG64, ZOK_T_ULONG64};
+    const auto number_of = [&](uint8_t type) {
+        const auto n = static_cast<int64_t>(rng()) >> (rng() % 64);
+        if (type == ZOK_T_FLOAT || type == ZOK_T_DOUBLE)
+            return Value::number(type, std::ldexp(static_cast<double>(n), int(rng() % 24) - 12));
+        return Value::integer(type, n);
+    };
+    const auto model = [](const Value& v, uint8_t type) {
+        if (v.type() == ZOK_T_STRING)
+            return Value::integer(type, std::stoll(v.as_string()));
+        if (type == ZOK_T_FLOAT || type == ZOK_T_DOUBLE || v.type() == ZOK_T_FLOAT ||
+            v.type() == ZOK_T_DOUBLE)
+            return Value::number(type, v.as_double());
+        return Value::integer(type, v.type() == ZOK_T_ULONG64 ? static_cast<int64_t>(v.as_uint())
+                                                              : v.as_int());
+    };
+    for (int i = 0; i < 5000; ++i) {
+        const uint8_t from = numbers[rng() % std::size(numbers)];
+        const uint8_t to = numbers[rng() % std::size(numbers)];
+        std::vector<Value> elements(rng() % 2 == 0 ? 1 : 1 + rng() % 3);
+        for (Value& e : elements)
+            e = number_of(from);
+        const Value source =
+            rng() % 8 == 0 ? Value(" " + std::to_string(number_of(ZOK_T_LONG64).as_int()) + " ")
+            : elements.size() == 1 ? elements.front()
+                                   : Value::array(from, elements);
+        SCOPED_TRACE(source.to_string() + " to type " + std::to_string(to));
+        std::optional<Value> expected;
+        try {
+            std::vector<Value> converted;
+            for (const Value& e : source.elements())
+                converted.push_back(model(e, to));
+            expected = source.is_array() ? Value::array(to, converted) : converted.front();
+        } catch (const zok::Error& e) {
+            ASSERT_EQ(e.code(), ZOK_ERR_CONVERSION);
+        }
+        zok_var* temp = host.make_temp(source);
+        try {
+            zok_var* result = host_convert_var(temp, to);
+            EXPECT_EQ(std::optional(host.read(*result)), expected);
+            host_release_temp(result);
+        } catch (const zok::Error& e) {
+            EXPECT_EQ(e.code(), ZOK_ERR_CONVERSION);
+            EXPECT_FALSE(expected) << "refused " << e.text();
+        }
+        host_release_temp(temp);
+    }
+    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 } // namespace
