@@ -10,7 +10,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -282,6 +284,63 @@ void inner(int32_t argc, zok_var** argv, zok_keywords* kw) {
     host_temp_long(7);
     host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "inner");
     host_keywords_free();
+}
+
+// Every message a module may raise through the host, with its text: under the
+// error action it ends the call; under the warning action it is recorded and
+// the call goes on; a message block refused for want of a name or messages
+// records why and gives null.
+TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
+    zok::Host host;
+    struct Case {
+        int32_t code;
+        std::function<void(int32_t action)> raise;
+        const char* text;
+    };
+    const Case cases[] = {
+        {ZOK_MSG_TEXT, [](int32_t a) { host_message(ZOK_MSG_TEXT, a, "%s=%d", "n", 4); }, "n=4"},
+        {ZOK_MSG_ARG_TYPE, [](int32_t a) { host_message(ZOK_MSG_ARG_TYPE, a, "R"); },
+         "Argument of the wrong type in R."},
+        {ZOK_MSG_WRONG_CLASS, [](int32_t a) { host_message(ZOK_MSG_WRONG_CLASS, a, "self", "C"); },
+         "Argument self must be an object of class C."},
+        {ZOK_MSG_NOT_OBJECT, [](int32_t a) { host_message(ZOK_MSG_NOT_OBJECT, a, "R"); },
+         "R: the argument is not an object reference."},
+    };
+    std::vector<std::pair<int32_t, std::string>> plain = {
+        {ZOK_ERR_NOT_STRING, "String expression required."},
+        {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
+        {ZOK_ERR_NOT_OBJECT, "Object reference required."},
+        {ZOK_ERR_NOT_SIMPLE, "Expression must be a scalar."},
+        {ZOK_ERR_INVALID_OBJECT, "Invalid object reference."},
+        {ZOK_ERR_INVALID_POINTER, "Invalid pointer."},
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments."},
+        {ZOK_ERR_NO_KEYWORDS, "Keywords are not allowed."},
+        {ZOK_ERR_NO_MEMORY, "Unable to allocate memory."},
+        {ZOK_ERR_CONVERSION, "Value cannot be converted."},
+        {-1234, "Message -1234 raised."},
+    };
+    std::vector<Case> all(std::begin(cases), std::end(cases));
+    for (const auto& [code, text] : plain)
+        all.push_back({code, [code](int32_t a) { host_message(code, a); }, text.c_str()});
+    for (const Case& c : all) {
+        SCOPED_TRACE(c.text);
+        expect_error(c.code, c.text, [&] { c.raise(ZOK_ACTION_ERROR); });
+        host.clear_messages();
+        c.raise(ZOK_ACTION_WARN);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].text, c.text);
+        EXPECT_EQ(host.messages()[0].action, ZOK_ACTION_WARN);
+    }
+    const zok_message_def nameless[] = {{nullptr, "text"}};
+    for (const auto& [name, count, defs] :
+         {std::tuple{"", 1, nameless}, std::tuple{"B", 0, nameless},
+          std::tuple{"B", 1, nameless}}) {
+        host.clear_messages();
+        EXPECT_EQ(host_define_message_block(name, count, defs), nullptr);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_BAD_ARGUMENT);
+    }
+    EXPECT_TRUE(host.message_blocks().empty());
 }
 
 TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
