@@ -380,6 +380,15 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
              "  b" + std::to_string(b.id) + " -> " + s,
          })
         EXPECT_NE(dot.find(line), std::string::npos) << line << "\n" << dot;
+    EXPECT_NE(flux::handler_chain_dot(std::vector{b.id}).find("label=\"no handler\""),
+              std::string::npos);
+    EXPECT_NE(flux::messagehandler_check(b.id).find("is no live message handler"),
+              std::string::npos);
+    const zok::Value table = host.get_tag(low, "BEHAVIORS");
+    host.set_tag(low, "BEHAVIORS", zok::PointerRef{host.next_heap_id()});
+    EXPECT_NE(flux::messagehandler_check(low.id).find("its scope table has gone"),
+              std::string::npos);
+    host.set_tag(low, "BEHAVIORS", table);
 
     // A behaviour filed without registration and then destroyed stays filed:
     // the checker names it, and the next send meets it.
