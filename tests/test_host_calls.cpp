@@ -39,6 +39,8 @@ TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
         {{return_one}, "FLAGS", 0, 0, 0x4, nullptr},
         {{return_one}, "CLASH", 0, 1, 0, nullptr},
         {{return_one}, "GOOD", 0, 1, 0, nullptr}, // twice in one table
+        {{nullptr}, "NOENTRY", 0, 0, 0, nullptr},
+        {{return_one}, "EXTRA", 0, 0, 0, &good},
     };
     for (const zok_routine_entry& entry : bad) {
         const zok_routine_entry table[] = {good, entry};
@@ -341,6 +343,52 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
         EXPECT_EQ(host.messages()[0].code, ZOK_ERR_BAD_ARGUMENT);
     }
     EXPECT_TRUE(host.message_blocks().empty());
+}
+
+// Structure definitions and the operations' own arguments: each bad one is
+// refused with its code (recorded under the quiet action, raised under the
+// error action) and defines or makes nothing.
+TEST(HostErrors, BadDefinitionsAndArgumentsAreRefusedAndChangeNothing) {
+    zok::Host host;
+    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
+    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry typed_parent{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry late_parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry nameless{"", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry dimensioned{"D", &a, ZOK_T_LONG, 0, {}};
+    const std::vector<std::pair<const char*, std::vector<zok_tag_entry>>> tables = {
+        {nullptr, {a, end}},        {"S", {end}},
+        {"S", {typed_parent, end}}, {"S", {a, late_parent, end}},
+        {"S", {dimensioned, end}},  {"S", {a, nameless, end}},
+    };
+    for (size_t i = 0; i < tables.size(); ++i) {
+        SCOPED_TRACE(i);
+        host.clear_messages();
+        EXPECT_EQ(host_make_struct(tables[i].first, 16, tables[i].second.data(), 2), nullptr);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_STRUCT) << host.messages()[0].text;
+    }
+    EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr);
+    EXPECT_EQ(host_make_struct("S", 8, tables[1].second.data(), 2), nullptr);
+    EXPECT_EQ(host.messages().back().code, ZOK_ERR_BAD_ARGUMENT);
+    EXPECT_TRUE(host.struct_names().empty());
+
+    zok_var v{};
+    v.type = ZOK_T_LONG;
+    const std::pair<int32_t, std::function<void()>> calls[] = {
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(5, &v, ZOK_HEAP_NEW_COPY, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, &v, 7, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_lookup_name("X", 1, 1, 2, 0); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, [&] { host.new_object("NOSUCH"); }},
+    };
+    for (const auto& [code, call] : calls) {
+        const zok::Observation before = host.observe();
+        expect_error(code, call);
+        EXPECT_EQ(zok::difference(before, host.observe()), "");
+    }
 }
 
 TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
