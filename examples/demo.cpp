@@ -2,6 +2,7 @@
 // reference host, show what it registered, use a ZOKDSMAP and a few message
 // identifiers, then send messages through a chain of three handlers and draw
 // the chain.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -232,6 +233,75 @@ void tour_behaviors(zok::Host& host) {
                 host.call_method(ask, "SENDQUERY").to_string().c_str());
 }
 
+// A framework saved to a file, the session reset, the file restored: after the
+// module's restore pass the same sends reach the same behaviours.
+void tour_save(zok::Host& host, const std::string& path) {
+    std::printf("\nA framework survives a save file:\n");
+    const ObjectRef app = host.new_object("ZOKFWMESSAGEHANDLER");
+    const ObjectRef view = host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", app}});
+    for (const char* text : {"save", "changed", "idle", "title?"})
+        host.call_method(app, "SCOPEMESSAGE", {text}); // apart from the earlier tours
+    const ObjectRef doc = host.new_object("DOCUMENT");
+    host.set_tag(doc, "TITLE", "kept.txt");
+    std::vector<zok::Value> fw = {app, view};
+    auto keep = [&](const char* cls, zok::Keywords kw) {
+        fw.emplace_back(host.new_object(cls, {}, std::move(kw)));
+        return fw.back().as_object();
+    };
+    keep("ZOKFWPROCBEHAV",
+         {{"HANDLER", app}, {"MESSAGESTRING", "save"}, {"PROCEDURE", "LOG_SAVE"}, {"REGISTER", 1}});
+    keep("ZOKFWOBJBEHAV", {{"HANDLER", view},
+                           {"MESSAGESTRING", "save"},
+                           {"METHOD", "SAVE"},
+                           {"OBJECT", doc},
+                           {"REGISTER", 1}});
+    keep("ZOKFWDELAYBEHAV", {{"HANDLER", view},
+                             {"MESSAGESTRING", "changed"},
+                             {"DELAYMESSAGESTRING", "idle"},
+                             {"OBJECT", doc},
+                             {"METHOD", "REDRAW"},
+                             {"REGISTER", 1}});
+    keep("ZOKFWQUERYBEHAV", {{"HANDLER", app},
+                             {"MESSAGESTRING", "title?"},
+                             {"RESPONSE", "Kept title"},
+                             {"REGISTER", 1}});
+    const ObjectRef save = keep("ZOKFWMESSAGE", {{"HANDLER", view}, {"MESSAGESTRING", "save"}});
+    const ObjectRef changed =
+        keep("ZOKFWMESSAGE", {{"HANDLER", view}, {"MESSAGESTRING", "changed"}});
+    const ObjectRef idle = keep("ZOKFWMESSAGE", {{"HANDLER", view}, {"MESSAGESTRING", "idle"}});
+    const ObjectRef ask = keep("ZOKFWQUERY", {{"HANDLER", view}, {"MESSAGESTRING", "title?"}});
+    host.set_var("FW", zok::Value::array(ZOK_T_OBJECT, fw));
+    // The sends go by place in FW, so that they name the same objects after the restore.
+    auto run = [&](const char* when) {
+        const std::vector<zok::Value> objects = host.get_var("FW").elements();
+        auto at = [&](ObjectRef o) {
+            return objects[std::find(fw.begin(), fw.end(), zok::Value(o)) - fw.begin()].as_object();
+        };
+        std::printf("    %s: \"save\" sent from the view:\n", when);
+        host.call_method(at(save), "SEND", {std::string("v1")});
+        std::printf("    %s: \"idle\" sent (the delayed redraw was armed before the save):\n",
+                    when);
+        host.call_method(at(idle), "SEND");
+        std::printf("    %s: the query's answer: %s\n", when,
+                    host.call_method(at(ask), "SENDQUERY").to_string().c_str());
+    };
+    host.call_method(changed, "SEND");
+    host.save(path, {"FW"});
+    std::printf("  saved %zu framework objects and everything they reach to %s\n", fw.size(),
+                path.c_str());
+    run("before");
+    host.reset_session();
+    std::printf("  session reset: %zu heap variables left\n", host.heap_count());
+    host.restore(path);
+    host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {zok::Ref{"FW"}});
+    host.call_procedure("FWIDENT_GC");
+    std::printf(
+        "  restored, restore pass run, copies of identifiers collected: %zu heap variables\n",
+        host.heap_count());
+    run("after");
+    std::remove(path.c_str());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -274,6 +344,7 @@ int main(int argc, char** argv) {
 
         tour_messaging(host, argc > 1 ? argv[1] : "handlers.dot");
         tour_behaviors(host);
+        tour_save(host, argc > 2 ? argv[2] : "framework.zoksave");
         return 0;
     } catch (const zok::Error& e) {
         std::fprintf(stderr, "error %d: %s\n", e.code(), e.text().c_str());

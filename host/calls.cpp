@@ -393,7 +393,7 @@ extern "C" {
 int32_t host_add_routines(const zok_routine_entry* table, int32_t is_function, int32_t count) {
     State& s = state();
     auto refuse = [&](const std::string& why) {
-        raise(ZOK_ERR_ROUTINE_TABLE, ZOK_ACTION_RETURN,
+        raise(ZOK_ERR_ROUTINE_TABLE, ZOK_ACTION_WARN,
               "Routine table refused: " + why + where() + ".");
         return 0;
     };

@@ -61,11 +61,23 @@ std::string where() {
 }
 
 void raise(int32_t code, int32_t action, std::string text, std::string block) {
+    if (action == ZOK_ACTION_RETURN)
+        return;
+    report(code, action, std::move(text), std::move(block));
+}
+
+void report(int32_t code, int32_t action, std::string text, std::string block) {
     State& s = state();
     std::string routine = running_routine();
     s.messages.push_back(Message{code, text, action, routine, block});
     if (action == ZOK_ACTION_ERROR && !s.errors_return)
         throw Error(code, std::move(text), std::move(routine), std::move(block));
+}
+
+void api_error(int32_t code, std::string text) {
+    State& s = state();
+    s.messages.push_back(Message{code, text, ZOK_ACTION_ERROR, {}, {}});
+    throw Error(code, std::move(text), {});
 }
 
 const char* type_name(uint8_t type) {
@@ -182,14 +194,14 @@ void host_message(int32_t code, int32_t action, ...) {
         break;
     }
     va_end(ap);
-    raise(code, action, std::move(text));
+    report(code, action, std::move(text));
 }
 
 zok_message_block* host_define_message_block(const char* block_name, int32_t count,
                                              const zok_message_def* messages) {
     State& s = state();
     auto refuse = [&](const std::string& why) -> zok_message_block* {
-        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_RETURN,
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
               "Message block " + std::string(block_name ? block_name : "(null)") +
                   " refused: " + why);
         return nullptr;
@@ -238,7 +250,7 @@ void host_message_from_block(const zok_message_block* block, int32_t code, int32
                   ".");
         return;
     }
-    raise(code, action, block->messages[static_cast<size_t>(index)].text, block->name);
+    report(code, action, block->messages[static_cast<size_t>(index)].text, block->name);
 }
 
 } // extern "C"

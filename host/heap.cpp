@@ -135,6 +135,31 @@ void HeapTable::drop_page_if_done(uint32_t pi) {
     pages_.erase(std::lower_bound(pages_.begin(), pages_.end(), pi));
 }
 
+bool HeapTable::reserve(uint64_t count) {
+    if (count > kIdLimit - next_id_)
+        return false;
+    if (count == 0)
+        return true;
+    size_t needed = 0;
+    for (uint64_t pi = next_id_ >> kPageBits; pi <= (next_id_ + count - 1) >> kPageBits; ++pi)
+        needed += dir_[pi] ? 0 : 1;
+    try {
+        pages_.reserve(pages_.size() + needed);
+        spares_.reserve(needed);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    while (spares_.size() < needed) {
+        auto* page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
+        if (!page)
+            return false; // the pages made so far stay spares for later identifiers
+        for (HeapSlot& slot : page->slots)
+            poison_record(&slot);
+        spares_.push_back(page);
+    }
+    return true;
+}
+
 void HeapTable::set_next_id(uint64_t next) {
     if (next <= next_id_)
         return;
@@ -201,45 +226,6 @@ void free_whole_heap(State& s) {
 }
 
 namespace {
-
-// Calls f(id) for every heap identifier a value holds: pointers, object
-// references and the fields of those types in structures, arrays included.
-template <typename F>
-void for_each_reference(const zok_var& v, F&& f);
-
-template <typename F>
-void instance_references(const StructInfo& info, const char* data, F&& f) {
-    for (const StructInfo::Tag& tag : info.tags)
-        if (tag.type == ZOK_T_POINTER || tag.type == ZOK_T_OBJECT) {
-            uint32_t id;
-            std::memcpy(&id, data + tag.offset, sizeof id);
-            f(id);
-        }
-}
-
-template <typename F>
-void for_each_reference(const zok_var& v, F&& f) {
-    if (v.flags & ZOK_VF_ARRAY) {
-        const zok_array* a = v.value.array;
-        if (!a)
-            return;
-        if (a->elem_type == ZOK_T_POINTER || a->elem_type == ZOK_T_OBJECT) {
-            const auto* ids = static_cast<const uint32_t*>(a->data);
-            for (uint32_t i = 0; i < a->count; ++i)
-                f(ids[i]);
-        } else if (a->elem_type == ZOK_T_STRUCT) {
-            if (StructInfo* info = struct_info(a->def))
-                for (uint32_t i = 0; i < a->count; ++i)
-                    instance_references(*info,
-                                        static_cast<const char*>(a->data) + i * info->def.size, f);
-        }
-    } else if (v.type == ZOK_T_POINTER || v.type == ZOK_T_OBJECT) {
-        f(v.value.heap_id);
-    } else if (v.type == ZOK_T_STRUCT && v.value.st.data) {
-        if (StructInfo* info = struct_info(v.value.st.def))
-            instance_references(*info, static_cast<const char*>(v.value.st.data), f);
-    }
-}
 
 zok_heap_record* lookup_or_raise(uint32_t id, int32_t action, int32_t code, const char* what) {
     if (HeapSlot* slot = heap_slot(id))

@@ -24,13 +24,6 @@ void no_host() {
 
 namespace {
 
-// Records an error of the program API and throws it, whatever errors_return says.
-[[noreturn]] void api_error(int32_t code, std::string text) {
-    State& s = state();
-    s.messages.push_back(Message{code, text, ZOK_ACTION_ERROR, {}, {}});
-    throw Error(code, std::move(text), {});
-}
-
 // One statement: its argument temporaries, keywords and what it leaves behind.
 class Statement {
 public:

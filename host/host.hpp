@@ -426,6 +426,17 @@ public:
     // What a program can observe of the host now.
     Observation observe() const;
 
+    // ---- Save and restore
+    // Writes the named program variables, and every heap variable they reach
+    // through heap pointers, object references and structure fields, to `path`.
+    void save(const std::string& path, const std::vector<std::string>& variables) const;
+    // Reads `path` whole; when it is sound and fits this host, makes its heap
+    // variables anew and sets its program variables (replacing any of the same
+    // name); returns their names. Anything else is a zok::Error and changes nothing.
+    // New identifiers keep the saved order, heap flags are kept, and no method
+    // runs: the program restores its objects' own state afterwards.
+    std::vector<std::string> restore(const std::string& path);
+
     // ---- Temporaries, texts, memory
     size_t live_temps() const;
     // Temporaries the last outermost call left behind (the host released them).

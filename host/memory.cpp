@@ -148,7 +148,7 @@ namespace {
 
 [[gnu::cold, gnu::noinline]] void* refuse_node_size(size_t size) {
     raise(
-        ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_RETURN,
+        ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
         format("host_mem_alloc_plain: %zu bytes is not a node size (1 to %zu)", size, kMaxPooled) +
             where() + ".");
     return nullptr;

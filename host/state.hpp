@@ -16,6 +16,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -144,6 +145,10 @@ public:
     }
     // A new slot with the next identifier; null when memory or identifiers run out.
     HeapSlot* create();
+    // Makes sure that the next `count` identifiers can be handed out by create()
+    // (or skipped by set_next_id) with no allocation; false when memory or
+    // identifiers run short.
+    bool reserve(uint64_t count);
     // Forgets a slot (its value must already be freed).
     void destroy(HeapSlot* slot);
     uint64_t next_id() const { return next_id_; }
@@ -288,10 +293,16 @@ inline State* state_or_null() {
 }
 
 // ---- Messages (errors.cpp)
-// Records the message, with the name of the module message block it came from
-// (if any); with the error action (unless errors_return) throws zok::Error.
-// Returns when the action allows it.
+// Records an error of the program API and throws it, whatever errors_return says.
+[[noreturn]] void api_error(int32_t code, std::string text);
+// A failure of a host operation under `action`: the quiet action records
+// nothing (the caller learns of the failure from its null result); otherwise
+// as report().
 void raise(int32_t code, int32_t action, std::string text, std::string block = {});
+// Records the message, with the name of the module message block it came from
+// (if any), whatever the action; with the error action (unless errors_return)
+// throws zok::Error.  Returns when the action allows it.
+void report(int32_t code, int32_t action, std::string text, std::string block = {});
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string vformat(const char* fmt, va_list ap);
 // The running routine's registered name ("" outside any call).
@@ -374,6 +385,44 @@ StructInfo* struct_info(const zok_struct_def* def);
 StructInfo* find_struct(std::string_view name);
 StructInfo* define_struct(const char* name, const zok_tag_entry* tags);
 std::string upper(std::string_view s);
+
+// Calls f(id) for every heap identifier a structure instance holds in its
+// pointer and object-reference tags.
+template <typename F>
+void instance_references(const StructInfo& info, const char* data, F&& f) {
+    for (const StructInfo::Tag& tag : info.tags)
+        if (tag.type == ZOK_T_POINTER || tag.type == ZOK_T_OBJECT) {
+            uint32_t id;
+            std::memcpy(&id, data + tag.offset, sizeof id);
+            f(id);
+        }
+}
+
+// Calls f(id) for every heap identifier a value holds: pointers, object
+// references and the fields of those types in structures, arrays included.
+template <typename F>
+void for_each_reference(const zok_var& v, F&& f) {
+    if (v.flags & ZOK_VF_ARRAY) {
+        const zok_array* a = v.value.array;
+        if (!a)
+            return;
+        if (a->elem_type == ZOK_T_POINTER || a->elem_type == ZOK_T_OBJECT) {
+            const auto* ids = static_cast<const uint32_t*>(a->data);
+            for (uint32_t i = 0; i < a->count; ++i)
+                f(ids[i]);
+        } else if (a->elem_type == ZOK_T_STRUCT) {
+            if (StructInfo* info = struct_info(a->def))
+                for (uint32_t i = 0; i < a->count; ++i)
+                    instance_references(*info,
+                                        static_cast<const char*>(a->data) + i * info->def.size, f);
+        }
+    } else if (v.type == ZOK_T_POINTER || v.type == ZOK_T_OBJECT) {
+        f(v.value.heap_id);
+    } else if (v.type == ZOK_T_STRUCT && v.value.st.data) {
+        if (StructInfo* info = struct_info(v.value.st.def))
+            instance_references(*info, static_cast<const char*>(v.value.st.data), f);
+    }
+}
 
 // ---- Names, routines, calls (calls.cpp)
 zok_name* intern(std::string_view text);

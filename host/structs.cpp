@@ -80,7 +80,7 @@ bool same_layout(const StructInfo& a, const StructInfo& b) {
 }
 
 StructInfo* refuse(const std::string& name, const std::string& why) {
-    raise(ZOK_ERR_STRUCT, ZOK_ACTION_RETURN,
+    raise(ZOK_ERR_STRUCT, ZOK_ACTION_WARN,
           "Structure " + name + " cannot be defined: " + why + where() + ".");
     return nullptr;
 }
@@ -171,7 +171,7 @@ extern "C" {
 zok_struct_def* host_make_struct(const char* name, int32_t reserved, const zok_tag_entry* tags,
                                  int32_t flags) {
     if (reserved != 16 || flags != 2) {
-        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_RETURN,
+        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
               format("host_make_struct: reserved arguments must be 16 and 2, not %d and %d",
                      reserved, flags) +
                   where() + ".");

@@ -1,39 +1,276 @@
-// The reference host's accounting: temporaries, texts and module memory,
-// double-free detection, the plain node pool under random churn, and fault
-// injection.  Randomized tests print their seed; ZOK_SEED=<n> re-runs one.
+// The reference host's accounting: temporaries, texts, module memory, the
+// plain node pool and heap identifiers against a model under random churn,
+// deep copies, chunk reuse, observation and fault injection.  Randomized
+// tests print their seed; ZOK_SEED=<n> re-runs one.
 #include "host.hpp"
 #include "support/testing.hpp"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
-TEST(HostTemporaries, CountedReleasedOnceAndOnlyTemporaries) {
+// Temporaries, texts, labelled blocks, pool blocks and heap variables made and
+// given back at random against a model, with the next allocation failing now
+// and then.  After every step the host counts what
+// the model holds; every misuse (a second release, an address that is no live
+// block, the wrong free for a block's kind) is refused with the bad-free error
+// and changes no count.  Pool blocks are distinct, aligned and keep their
+// contents while whole chunks empty and are reused; heap identifiers increase,
+// dead ones find nothing, records stay put while they live, and the heap
+// table's own checker runs along.
+TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
+    const uint32_t seed = test_seed();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
     zok::Host host;
-    zok_var* a = host_temp_long(7);
-    zok_var* b = host_temp_var();
-    EXPECT_EQ(host.live_temps(), 2u);
-    EXPECT_EQ(a->type, ZOK_T_LONG);
-    EXPECT_EQ(a->value.long_val, 7);
-    EXPECT_TRUE(a->flags & ZOK_VF_TEMPORARY);
-    host_release_temp(a);
-    EXPECT_EQ(host.live_temps(), 1u);
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(a); });
-    zok_var local{};
-    local.flags = ZOK_VF_TEMPORARY;
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(&local); });
-    b->flags = 0; // a module that cleared the mark no longer holds a temporary
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_release_temp(b); });
-    b->flags = ZOK_VF_TEMPORARY;
-    host_release_temp(b);
-    EXPECT_EQ(host.live_temps(), 0u);
+    struct Block {
+        unsigned char* p;
+        size_t size;
+        int label; // into `labels`, or -1 for a pool block
+    };
+    const char* const labels[] = {"FW_Ident key", "ZOkfwBehaviorList"};
+    std::vector<zok_var*> temps;
+    std::vector<std::pair<zok_string, std::string>> texts;
+    std::vector<Block> blocks, pool;
+    std::set<unsigned char*> pool_live;
+    std::vector<unsigned char*> pool_dead;
+    size_t pool_frees = 0, tagged_frees = 0;
+    std::map<uint32_t, std::pair<int32_t, zok_heap_record*>> heap;
+    std::vector<uint32_t> heap_dead;
+    uint32_t last_id = 0;
+
+    auto refused = [&](auto&& f) { expect_error(ZOK_ERR_BAD_FREE, f); };
+    // Now and then the very next allocation, of whatever kind, fails.
+    bool fault = false;
+    auto failing = [&] {
+        if ((fault = rng() % 16 == 0))
+            host.fail_allocation(1);
+        return fault;
+    };
+    auto take = [&](auto& v) {
+        const size_t i = rng() % v.size();
+        auto x = v[i];
+        v[i] = v.back();
+        v.pop_back();
+        return x;
+    };
+    auto mark = [](const Block& b) { return reinterpret_cast<uintptr_t>(b.p) >> 4 & 0xff; };
+    // Few distinct bytes, high ones and NUL included, so prefixes and ties are common.
+    auto random_text = [&](size_t letters) {
+        std::string s(rng() % 5, ' ');
+        for (char& c : s)
+            c = "ab\x7f\x80\xff"[rng() % letters];
+        return s;
+    };
+    zok_var not_made{};
+    not_made.flags = ZOK_VF_TEMPORARY;
+    refused([&] { host_release_temp(&not_made); });
+    int local = 0;
+    refused([&] { host_mem_free(&local); });
+
+    for (int step = 0; step < 60000; ++step) {
+        // Phases of growth and shrinking, so that whole pool chunks empty.
+        const bool make = rng() % 100 < ((step / 10000) % 2 == 0 ? 70u : 30u);
+        const uint64_t allocations = host.allocations();
+        switch (rng() % 5) {
+        case 0:
+            if ((make || temps.empty()) && failing()) {
+                expect_error(ZOK_ERR_NO_MEMORY, [&] { host_temp_long(1); });
+            } else if (make || temps.empty()) {
+                const auto v = static_cast<int32_t>(rng());
+                zok_var* t = host_temp_long(v);
+                ASSERT_TRUE(t->type == ZOK_T_LONG && t->value.long_val == v &&
+                            (t->flags & ZOK_VF_TEMPORARY));
+                temps.push_back(t);
+            } else if (zok_var* t = take(temps); rng() % 10 == 0) {
+                t->flags = 0; // a module that cleared the mark holds no temporary
+                refused([&] { host_release_temp(t); });
+                t->flags = ZOK_VF_TEMPORARY;
+                host_release_temp(t);
+                refused([&] { host_release_temp(t); });
+            } else {
+                host_release_temp(t);
+            }
+            break;
+        case 1: {
+            const std::string x = random_text(6), y = random_text(6);
+            const zok_string a{static_cast<uint32_t>(x.size()), 0, 0, const_cast<char*>(x.data())};
+            const zok_string b{static_cast<uint32_t>(y.size()), 0, 0, const_cast<char*>(y.data())};
+            const int got = host_string_compare(&a, &b), want = x.compare(y);
+            ASSERT_EQ((got > 0) - (got < 0), (want > 0) - (want < 0))
+                << x.size() << " " << y.size();
+            if (make || texts.empty()) {
+                std::string stored = random_text(5);
+                zok_string s{};
+                if (texts.empty() || rng() % 2 == 0) {
+                    host_string_store(&s, stored.c_str());
+                } else { // a duplicate is a text of its own
+                    const auto& original = texts[rng() % texts.size()];
+                    s = original.first;
+                    host_string_duplicate(&s, 1);
+                    ASSERT_NE(s.text, original.first.text);
+                    stored = original.second;
+                }
+                ASSERT_EQ(s.length, stored.size());
+                if (s.length != 0) { // the empty text is no text to give back
+                    ASSERT_EQ(std::string(s.text), stored); // NUL-terminated
+                    texts.emplace_back(s, stored);
+                }
+            } else {
+                zok_string s = take(texts).first;
+                const zok_string alias = s;
+                host_string_release(&s, 1);
+                ASSERT_EQ(s.length, 0u);
+                if (rng() % 20 == 0)
+                    refused([&] { host_string_release(const_cast<zok_string*>(&alias), 1); });
+            }
+            break;
+        }
+        case 2:
+            if ((make || blocks.empty()) && failing()) {
+                ASSERT_EQ(host_mem_alloc(8, labels[0]), nullptr);
+            } else if (make && rng() % 32 == 0) { // a failing label fails all its blocks, no other
+                host.fail_label(labels[0]);
+                host.fail_label(zok::kPlainLabel);
+                ASSERT_EQ(host_mem_alloc(8, labels[0]), nullptr);
+                ASSERT_EQ(host_mem_alloc(16, labels[0]), nullptr);
+                ASSERT_EQ(host_mem_alloc_plain(48), nullptr);
+                blocks.push_back({static_cast<unsigned char*>(host_mem_alloc(8, labels[1])), 8, 1});
+                ASSERT_NE(blocks.back().p, nullptr);
+                host.clear_faults();
+            } else if (make || blocks.empty()) {
+                const Block b{nullptr, 1 + rng() % 64, static_cast<int>(rng() % 2)};
+                blocks.push_back(b);
+                blocks.back().p =
+                    static_cast<unsigned char*>(host_mem_alloc(b.size, labels[b.label]));
+                ASSERT_NE(blocks.back().p, nullptr);
+            } else {
+                const Block b = take(blocks);
+                if (rng() % 20 == 0)
+                    refused([&] { host_mem_free_labelled(b.p, "x"); });
+                if (rng() % 2 == 0)
+                    host_mem_free(b.p);
+                else
+                    host_mem_free_tagged(b.p, "messagehandler_unscopeMessage"), ++tagged_frees;
+                if (rng() % 20 == 0)
+                    refused([&] { host_mem_free(b.p); });
+            }
+            break;
+        case 3:
+            if ((make || pool.empty()) && failing()) {
+                ASSERT_EQ(host_mem_alloc_plain(48), nullptr);
+            } else if (make || pool.empty()) {
+                Block b{nullptr, 1 + rng() % (rng() % 4 == 0 ? 256 : 64), -1};
+                b.p = static_cast<unsigned char*>(host_mem_alloc_plain(b.size));
+                ASSERT_TRUE(b.p != nullptr && reinterpret_cast<uintptr_t>(b.p) % 16 == 0);
+                ASSERT_TRUE(pool_live.insert(b.p).second) << "block handed out twice";
+                std::memset(b.p, static_cast<int>(mark(b)), b.size);
+                pool.push_back(b);
+            } else {
+                const Block b = take(pool);
+                for (size_t k = 0; k < b.size; ++k)
+                    ASSERT_EQ(b.p[k], mark(b)) << "block of " << b.size << " overwritten";
+                if (rng() % 50 == 0)
+                    refused([&] { host_mem_free_labelled(b.p + 8, "inside"); });
+                if (rng() % 50 == 0)
+                    refused([&] { host_mem_free(b.p); });
+                host_mem_free_labelled(b.p, "map_rb_delete_node");
+                ++pool_frees;
+                pool_live.erase(b.p);
+                pool_dead.push_back(b.p);
+            }
+            if (rng() % 100 == 0 && !pool_dead.empty()) {
+                unsigned char* stale = pool_dead[rng() % pool_dead.size()];
+                if (!pool_live.count(stale))
+                    refused([&] { host_mem_free_labelled(stale, "again"); });
+            }
+            break;
+        default:
+            if (make || heap.empty()) {
+                zok_var value{};
+                value.type = ZOK_T_LONG;
+                value.value.long_val = static_cast<int32_t>(rng());
+                const bool fails = failing();
+                zok_heap_record* rec = host_heap_var_new(ZOK_HEAP_POINTER, &value,
+                                                         ZOK_HEAP_NEW_COPY, ZOK_ACTION_RETURN);
+                ASSERT_EQ(rec == nullptr, fails);
+                if (fails)
+                    break;
+                ASSERT_GT(rec->id, last_id) << "identifiers must increase";
+                heap[last_id = rec->id] = {value.value.long_val, rec};
+            } else if (rng() % 4 != 0) {
+                auto it = std::next(heap.begin(), static_cast<long>(rng() % heap.size()));
+                host_heap_free(it->first, 0, 0);
+                heap_dead.push_back(it->first);
+                heap.erase(it);
+            } else if (rng() % 8 != 0) {
+                ASSERT_EQ(host_heap_var(heap_dead.empty() ? last_id + 1
+                                                          : heap_dead[rng() % heap_dead.size()]),
+                          nullptr);
+                ASSERT_EQ(host_heap_var(last_id + 1 + rng() % 100000), nullptr);
+            } else { // jump forward, sometimes across many pages
+                host.set_next_heap_id(last_id + 1 + rng() % (rng() % 2 ? 10 : 10000000));
+            }
+            break;
+        }
+        SCOPED_TRACE("step " + std::to_string(step));
+        if (fault) {
+            ASSERT_EQ(host.allocations() - allocations, 1u);
+            host.clear_faults();
+            fault = false;
+        }
+        zok::MemStats expected[3];
+        for (const auto& set : {blocks, pool})
+            for (const Block& b : set) {
+                zok::MemStats& e = expected[b.label + 1];
+                e.blocks += 1;
+                e.bytes += b.label < 0 ? (b.size + 15) & ~size_t{15} : b.size;
+            }
+        ASSERT_EQ(host.memory(zok::kPlainLabel), expected[0]);
+        ASSERT_EQ(host.memory(labels[0]), expected[1]);
+        ASSERT_EQ(host.memory(labels[1]), expected[2]);
+        ASSERT_EQ(host.live_temps(), temps.size());
+        ASSERT_EQ(host.live_texts(), texts.size());
+        ASSERT_EQ(host.heap_count(), heap.size());
+        if (step % 1000 == 0) {
+            ASSERT_NO_THROW(host.check_heap());
+            for (const auto& [id, entry] : heap) {
+                ASSERT_EQ(host_heap_var(id), entry.second) << "record moved";
+                ASSERT_EQ(entry.second->id, id);
+                ASSERT_EQ(entry.second->var.value.long_val, entry.first);
+            }
+        }
+    }
+    std::vector<uint32_t> ids;
+    for (const auto& entry : heap)
+        ids.push_back(entry.first);
+    EXPECT_EQ(host.heap_ids(), ids);
+    for (zok_var* t : temps)
+        host_release_temp(t);
+    for (auto& text : texts)
+        host_string_release(&text.first, 1);
+    for (const Block& b : blocks)
+        host_mem_free(b.p);
+    for (const Block& b : pool)
+        host_mem_free_labelled(b.p, "map_rb_free_tree");
+    EXPECT_EQ(host.frees("map_rb_delete_node"), pool_frees);
+    EXPECT_EQ(host.frees("map_rb_free_tree"), pool.size());
+    EXPECT_EQ(host.frees("messagehandler_unscopeMessage"), tagged_frees);
+    for (unsigned char* stale : pool_dead)
+        refused([&] { host_mem_free_labelled(stale, "again"); });
+    EXPECT_EQ(host.frees("again"), 0u);
+    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
+    EXPECT_TRUE(host.memory_by_label().empty());
+    EXPECT_EQ(host.live_temps() + host.live_texts(), 0u);
 }
 
 TEST(HostTemporaries, ArraysAndStructuresGiveEverythingBackOnRelease) {
@@ -59,145 +296,6 @@ TEST(HostTemporaries, ArraysAndStructuresGiveEverythingBackOnRelease) {
     host_release_temp(rec);
     EXPECT_EQ(host.live_texts(), 0u);
     EXPECT_EQ(host.live_temps(), 0u);
-}
-
-TEST(HostTexts, StoreDuplicateReleaseAndDoubleRelease) {
-    zok::Host host;
-    zok_string a{};
-    host_string_store(&a, "abc");
-    ASSERT_EQ(a.length, 3u);
-    EXPECT_EQ(std::string(a.text), "abc"); // NUL-terminated
-    zok_string b = a;
-    host_string_duplicate(&b, 1);
-    EXPECT_NE(b.text, a.text);
-    EXPECT_EQ(host.live_texts(), 2u);
-    zok_string alias = a;
-    host_string_release(&a, 1);
-    EXPECT_EQ(a.length, 0u);
-    EXPECT_EQ(host.live_texts(), 1u);
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_string_release(&alias, 1); });
-    EXPECT_EQ(host.live_texts(), 1u);
-    host_string_release(&b, 1);
-    zok_string empty{};
-    host_string_store(&empty, "");
-    EXPECT_EQ(empty.length, 0u);
-    EXPECT_EQ(host.live_texts(), 0u);
-}
-
-TEST(HostTexts, CompareMatchesByteOrderOnRandomTexts) {
-    uint32_t seed = test_seed();
-    std::mt19937 rng(seed);
-    zok::Host host;
-    // Few distinct bytes (NUL and high bytes included) so prefixes and ties are common.
-    const char alphabet[] = {'\0', 'a', 'b', '\x7f', '\x80', '\xff'};
-    auto random_text = [&] {
-        std::string s(rng() % 5, ' ');
-        for (char& c : s)
-            c = alphabet[rng() % sizeof alphabet];
-        return s;
-    };
-    for (int i = 0; i < 5000; ++i) {
-        std::string x = random_text(), y = random_text();
-        zok_string a{static_cast<uint32_t>(x.size()), 0, 0, x.data()};
-        zok_string b{static_cast<uint32_t>(y.size()), 0, 0, y.data()};
-        int expected = x.compare(y); // std::string compares bytes as unsigned char
-        int got = host_string_compare(&a, &b);
-        ASSERT_EQ((got > 0) - (got < 0), (expected > 0) - (expected < 0))
-            << "seed " << seed << " texts of length " << x.size() << " and " << y.size();
-    }
-}
-
-TEST(HostMemory, LabelledAccountingAndBadFrees) {
-    zok::Host host;
-    void* a = host_mem_alloc(16, "FW_Ident key");
-    void* b = host_mem_alloc(40, "FW_Ident key");
-    void* c = host_mem_alloc(8, "ZOkfwBehaviorList");
-    EXPECT_EQ(host.memory("FW_Ident key"), (zok::MemStats{2, 56}));
-    EXPECT_EQ(host.memory("ZOkfwBehaviorList"), (zok::MemStats{1, 8}));
-    host_mem_free_tagged(c, "messagehandler_unscopeMessage");
-    EXPECT_EQ(host.frees("messagehandler_unscopeMessage"), 1u);
-    EXPECT_EQ(host.memory("ZOkfwBehaviorList"), (zok::MemStats{0, 0}));
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(c); });
-    int local = 0;
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(&local); });
-    void* plain = host_mem_alloc_plain(48);
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free(plain); });
-    expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(a, "x"); });
-    host_mem_free_labelled(plain, "x");
-    host_mem_free(a);
-    host_mem_free(b);
-    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
-    EXPECT_TRUE(host.memory_by_label().empty());
-}
-
-// The pools under random churn against a model, with sizes of every class
-// (the classes share chunks): distinct aligned live blocks, intact contents,
-// exact accounting, and refusal of every address that is not a live block,
-// stale addresses into chunks that went back for reuse included.
-TEST(HostMemory, PlainPoolChurnMatchesModel) {
-    uint32_t seed = test_seed();
-    std::mt19937 rng(seed);
-    zok::Host host;
-    struct Block {
-        unsigned char* p;
-        size_t size;
-    };
-    std::vector<Block> live;
-    std::set<unsigned char*> live_set;
-    std::vector<unsigned char*> dead;
-    size_t bytes = 0, frees = 0;
-    auto fill = [](const Block& b) {
-        std::memset(b.p, static_cast<int>(reinterpret_cast<uintptr_t>(b.p) >> 4 & 0xff), b.size);
-    };
-    auto intact = [](const Block& b) {
-        for (size_t k = 0; k < b.size; ++k)
-            if (b.p[k] != (reinterpret_cast<uintptr_t>(b.p) >> 4 & 0xff))
-                return false;
-        return true;
-    };
-    for (int step = 0; step < 60000; ++step) {
-        // Phases of growth and shrinking, so whole chunks empty and are reused.
-        bool growing = (step / 10000) % 2 == 0;
-        if (live.empty() || rng() % 100 < (growing ? 70u : 30u)) {
-            size_t size = 1 + rng() % (rng() % 4 == 0 ? 256 : 64);
-            Block b{static_cast<unsigned char*>(host_mem_alloc_plain(size)), size};
-            ASSERT_NE(b.p, nullptr);
-            ASSERT_EQ(reinterpret_cast<uintptr_t>(b.p) % 16, 0u);
-            ASSERT_TRUE(live_set.insert(b.p).second)
-                << "seed " << seed << ": block handed out twice";
-            fill(b);
-            live.push_back(b);
-            bytes += (size + 15) & ~size_t{15};
-        } else {
-            size_t i = rng() % live.size();
-            Block b = live[i];
-            ASSERT_TRUE(intact(b)) << "seed " << seed << ": block of " << b.size << " overwritten";
-            if (rng() % 50 == 0)
-                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(b.p + 8, "inside"); });
-            host_mem_free_labelled(b.p, "map_rb_delete_node");
-            ++frees;
-            bytes -= (b.size + 15) & ~size_t{15};
-            live_set.erase(b.p);
-            live[i] = live.back();
-            live.pop_back();
-            dead.push_back(b.p);
-        }
-        if (rng() % 100 == 0 && !dead.empty()) {
-            unsigned char* stale = dead[rng() % dead.size()];
-            if (!live_set.count(stale))
-                expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(stale, "again"); });
-        }
-        ASSERT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{live.size(), bytes}))
-            << "seed " << seed << " step " << step;
-    }
-    for (const Block& b : live)
-        host_mem_free_labelled(b.p, "map_rb_free_tree");
-    EXPECT_EQ(host.frees("map_rb_delete_node"), frees);
-    EXPECT_EQ(host.frees("map_rb_free_tree"), live.size());
-    EXPECT_EQ(host.memory(zok::kPlainLabel), (zok::MemStats{0, 0}));
-    for (unsigned char* stale : dead)
-        expect_error(ZOK_ERR_BAD_FREE, [&] { host_mem_free_labelled(stale, "again"); });
-    EXPECT_EQ(host.frees("again"), 0u);
 }
 
 // Freed chunks serve the next blocks, of any size: a tree built again after
@@ -305,58 +403,6 @@ TEST(HostObservation, NamesEachKindOfChange) {
     host_mem_free(block);
     host_release_temp(temp);
     host_string_release(&text, 1);
-}
-
-TEST(HostFaults, TheNthAllocationOfAnyKindFails) {
-    // Runs one sequence of mixed allocations with each step failing in turn:
-    // exactly that step fails, cleanly, and the others succeed.
-    for (int nth = 1; nth <= 5; ++nth) {
-        zok::Host host;
-        host.define_struct("NODE", {{"A", ZOK_T_LONG}});
-        host.fail_allocation(static_cast<uint64_t>(nth));
-        uint64_t before = host.allocations();
-        std::vector<bool> failed;
-        void* block = host_mem_alloc(8, "label");
-        failed.push_back(block == nullptr);
-        void* node = host_mem_alloc_plain(48);
-        failed.push_back(node == nullptr);
-        zok_var* temp = nullptr;
-        try {
-            temp = host_temp_long(1);
-        } catch (const zok::Error& e) {
-            EXPECT_EQ(e.code(), ZOK_ERR_NO_MEMORY);
-        }
-        failed.push_back(temp == nullptr);
-        zok_var value{};
-        value.type = ZOK_T_LONG;
-        zok_heap_record* rec = host_heap_var_new(ZOK_HEAP_POINTER, &value, 2, ZOK_ACTION_RETURN);
-        failed.push_back(rec == nullptr);
-        void* again = host_mem_alloc(8, "label");
-        failed.push_back(again == nullptr);
-        EXPECT_EQ(host.allocations() - before, 5u);
-        for (int i = 0; i < 5; ++i)
-            EXPECT_EQ(failed[static_cast<size_t>(i)], i + 1 == nth)
-                << "nth " << nth << " step " << i;
-        EXPECT_EQ(host.heap_count(), rec ? 1u : 0u);
-        EXPECT_EQ(host.memory("label").blocks, (block ? 1u : 0u) + (again ? 1u : 0u));
-    }
-}
-
-TEST(HostFaults, EveryAllocationUnderALabelFails) {
-    zok::Host host;
-    host.fail_label("FW_Ident data");
-    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
-    EXPECT_EQ(host_mem_alloc(8, "FW_Ident data"), nullptr);
-    void* other = host_mem_alloc(8, "FW_Ident key");
-    EXPECT_NE(other, nullptr);
-    host.fail_label(zok::kPlainLabel);
-    EXPECT_EQ(host_mem_alloc_plain(48), nullptr);
-    host.clear_faults();
-    void* node = host_mem_alloc_plain(48);
-    EXPECT_NE(node, nullptr);
-    host_mem_free_labelled(node, "x");
-    host_mem_free(other);
-    EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
 }
 
 TEST(HostFaults, RegistrationOperationsRefuseTheNthCall) {

@@ -53,6 +53,7 @@ struct Model {
     uint32_t default_key = 0;
     uint32_t incarnations = 0;
     std::vector<uint32_t> delivered;
+    size_t receivers = 0; // in the set a send reached, dead targets included
 
     uint32_t ensure_default() {
         if (default_key == 0) {
@@ -148,9 +149,11 @@ struct Model {
     }
     void send(uint32_t h, const std::string& text) {
         delivered.clear();
+        receivers = 0;
         for (; h != 0; h = up(h)) {
             if (const auto* set = scope(h, text)) {
                 const std::set<uint32_t> snapshot = *set;
+                receivers = snapshot.size();
                 // A method behaviour whose target has died unregisters itself instead.
                 for (const uint32_t b : snapshot) {
                     if (behaviors.at(b).target != 0 && !behaviors.at(b).target_alive)
@@ -184,13 +187,6 @@ struct Model {
                     return true;
         return false;
     }
-    bool named_as_handler(uint32_t h) const {
-        auto names = [h](const auto& objects) {
-            return std::any_of(objects.begin(), objects.end(),
-                               [h](const auto& o) { return o.second.my == h; });
-        };
-        return names(handlers) || names(behaviors) || names(messages);
-    }
     // Whether `h` lies on the chain of explicit handlers above `from`.
     bool above(uint32_t h, uint32_t from) const {
         for (uint32_t x = from; x != 0; x = handlers.at(x).my)
@@ -206,6 +202,18 @@ protected:
         host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
         host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& call) {
             executed.push_back(owner_of.at(call.self().id));
+            return Value();
+        });
+        // Sends, from message 1, argument 2: the caller's own temporary, as an
+        // interpreter passes a value; keeps what the send left of it.
+        host.add_procedure("RELAY", 2, 2, [this](zok::Call& call) {
+            caller = call.var(1);
+            const zok_heap_record* message =
+                host_object_heap_var(call.arg(0).as_object().id, ZOK_ACTION_ERROR);
+            host_call_method(2, host_lookup_name("SEND", 0, 1, ZOK_ACTION_ERROR, 0), message, 0, 1,
+                             &caller, 0, 0, 0);
+            left = host.read(*caller);
+            left_flags = caller->flags;
             return Value();
         });
     }
@@ -242,6 +250,16 @@ protected:
     std::mt19937 rng;
     Model model;
     std::map<uint32_t, uint32_t> owner_of; // target -> its method behaviour
+    // What a probe was given: the variable itself, its flags and its value.
+    struct Given {
+        const zok_var* var;
+        uint8_t flags;
+        Value value;
+    };
+    std::vector<Given> given;
+    zok_var* caller = nullptr;
+    Value left;
+    uint8_t left_flags = 0;
 };
 
 void MessagingModel::step() {
@@ -282,6 +300,13 @@ void MessagingModel::step() {
             host.call_method(ObjectRef{id}, "SETPROC", {routine});
         }
         owner_of[target] = id;
+        if (kind == 0)
+            on_execute[id] = [this](zok::Call& call) {
+                EXPECT_GT(host.memory("ZOkfwBehaviorList").blocks, 0u)
+                    << "a delivery walks a snapshot";
+                if (call.argc() == 2)
+                    given.push_back({call.var(1), call.var(1)->flags, call.arg(1)});
+            };
         model.behaviors[id] = {parent, t, false, target};
         if (scope)
             model.scope_message(model.behavior_handler(id), t);
@@ -293,11 +318,17 @@ void MessagingModel::step() {
         const uint32_t parent = program_handler_or_none();
         const std::string t = text();
         const int scope = rng() % 3 == 0;
+        const bool query = rng() % 3 == 0;
         const uint32_t id =
             host.new_object(
-                    "ZOKFWMESSAGE", {},
+                    query ? "ZOKFWQUERY" : "ZOKFWMESSAGE", {},
                     {{"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}})
                 .id;
+        if (query) { // a copy of a program variable as its result, freed by its CLEANUP
+            host.set_var("RESULT", static_cast<int32_t>(id));
+            host.call_method(ObjectRef{id}, "SETRESULT", {zok::Ref{"RESULT"}});
+            EXPECT_EQ(host.get_var("RESULT").as_int(), id);
+        }
         model.messages[id] = {parent, t};
         if (scope)
             model.scope_message(model.effective(parent, id), t);
@@ -340,11 +371,35 @@ void MessagingModel::step() {
         }
         break;
     case 8:
-    case 9:
         if (m != 0) {
             EXPECT_EQ(send(ObjectRef{m}), (model.send(model.effective(model.messages.at(m).my, m),
                                                       model.messages.at(m).text),
                                            model.delivered));
+        }
+        break;
+    case 9: // with a temporary argument
+        if (m != 0) {
+            const Value value = rng() % 2 == 0 ? Value(static_cast<int32_t>(rng())) : Value(text());
+            const size_t texts = host.live_texts();
+            executed.clear();
+            given.clear();
+            host.call_procedure("RELAY", {ObjectRef{m}, value});
+            model.send(model.effective(model.messages.at(m).my, m), model.messages.at(m).text);
+            EXPECT_EQ(executed, model.delivered);
+            // Two or more receivers share a plain copy, and the caller's temporary
+            // is left empty; a single one gets the caller's temporary itself.
+            const bool shared = model.receivers >= 2;
+            EXPECT_EQ(given.size(),
+                      std::count_if(executed.begin(), executed.end(),
+                                    [this](uint32_t run) { return on_execute.count(run); }));
+            for (const Given& g : given) {
+                EXPECT_EQ(g.value, value);
+                EXPECT_EQ(g.var == caller, !shared);
+                EXPECT_EQ(g.flags & ZOK_VF_TEMPORARY, shared ? 0 : ZOK_VF_TEMPORARY);
+            }
+            EXPECT_EQ(left, shared ? Value() : value);
+            EXPECT_EQ(shared ? left_flags : left_flags & ZOK_VF_TEMPORARY, ZOK_VF_TEMPORARY);
+            EXPECT_EQ(host.live_texts(), texts);
         }
         break;
     case 10:
@@ -375,8 +430,22 @@ void MessagingModel::step() {
         EXPECT_EQ(got, real(want));
         break;
     }
-    case 13:
-        if (h != 0 && h < Model::kDefaultBase && !model.named_as_handler(h)) {
+    case 13: // a program handler goes, once whatever named it points above it
+        if (h != 0 && h < Model::kDefaultBase) {
+            const uint32_t parent = model.handlers.at(h).my;
+            auto point_above = [&](auto& objects) {
+                for (auto& [id, object] : objects)
+                    if (object.my == h) {
+                        host.call_method(ObjectRef{id}, "SETHANDLER", {ObjectRef{parent}});
+                        object.my = parent;
+                    }
+            };
+            point_above(model.handlers);
+            point_above(model.behaviors);
+            point_above(model.messages);
+            // An explicit CLEANUP leaves the object with no scope table.
+            host.call_method(ObjectRef{h}, "CLEANUP");
+            EXPECT_EQ(host.get_tag(ObjectRef{h}, "BEHAVIORS").as_pointer().id, 0u);
             host.destroy(ObjectRef{h});
             model.destroy_handler(h);
         }
@@ -391,6 +460,13 @@ void MessagingModel::step() {
         } else if (b != 0 && !model.would_stay_filed(b)) {
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
+        } else if (m != 0 && host.isa(ObjectRef{m}, "ZOKFWQUERY")) {
+            // Cleaned up, not destroyed: the result goes, its identifier stays.
+            const uint32_t result = host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id;
+            host.call_method(ObjectRef{m}, "CLEANUP");
+            EXPECT_EQ(host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id, result);
+            EXPECT_FALSE(host.heap_alive(result));
+            model.messages.erase(m);
         } else if (m != 0) {
             host.destroy(ObjectRef{m});
             model.messages.erase(m);
@@ -409,6 +485,7 @@ void MessagingModel::compare() {
     ASSERT_EQ(flux::default_handler() != 0, model.default_key != 0);
     if (model.default_key != 0) {
         ASSERT_TRUE(host.heap_alive(flux::default_handler()));
+        EXPECT_NE(host.heap_flags(flux::default_handler()) & ZOK_HEAP_HELD, 0u);
     }
     std::map<std::string, int32_t> uses;
     for (const auto& [key, handler] : model.handlers) {
@@ -422,6 +499,7 @@ void MessagingModel::compare() {
         }
         EXPECT_EQ(scoped(h), texts) << "handler " << h.id;
         EXPECT_EQ(host.get_tag(h, "MYHANDLER").as_object().id, handler.my);
+        EXPECT_EQ(host.get_tag(h, "ZOKFWMESSAGEHANDLER_VERSION").as_int(), 1);
     }
     for (const auto& [id, behavior] : model.behaviors) {
         uses[behavior.text] += 1;
@@ -430,9 +508,12 @@ void MessagingModel::compare() {
         EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered)
             << "behaviour " << id;
         EXPECT_EQ(host.get_tag(ObjectRef{id}, "MYHANDLER").as_object().id, behavior.my);
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "ZOKFWBEHAVIOR_VERSION").as_int(), 1);
     }
-    for (const auto& [id, message] : model.messages)
+    for (const auto& [id, message] : model.messages) {
         uses[message.text] += 1;
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "ZOKFWMESSAGE_VERSION").as_int(), 1);
+    }
     // Every use the registry counts is held by a live object or a scope key.
     for (const flux::FwIdentEntry& entry : flux::fwident_entries())
         EXPECT_EQ(entry.uses, uses.count(entry.name) ? uses[entry.name] : 0) << entry.name;

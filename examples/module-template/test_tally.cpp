@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <limits>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -128,6 +131,25 @@ TEST_F(Tally, FailedAllocationsChangeNothing) {
             }
         }
     }
+}
+
+// A tally saved in one session comes back in another: its state is in its
+// tags, so the module needs no restore pass of its own.
+TEST_F(Tally, SurvivesSaveAndRestore) {
+    const std::string path = ::testing::TempDir() + "tally.save";
+    host.set_var("t", make({{"LABEL", "figs"}, {"START", 3}}));
+    host.call_method(host.get_var("t").as_object(), "ADD", {4});
+    host.save(path, {"t"});
+    host.reset_session();
+    host.erase_var("t");
+    ASSERT_EQ(host.heap_count(), 0u);
+
+    EXPECT_EQ(host.restore(path), std::vector<std::string>{"T"});
+    std::remove(path.c_str());
+    const ObjectRef t = host.get_var("t").as_object();
+    EXPECT_EQ(host.call_method(t, "REPORT").as_string(), "figs: 7 in 1 additions");
+    host.call_method(t, "ADD", {1});
+    EXPECT_EQ(host.call_method(t, "TOTAL").as_int(), 8);
 }
 
 // The installed fluxtools module loads beside a module of one's own.

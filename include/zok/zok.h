@@ -10,9 +10,13 @@
  * Conventions that hold for every operation:
  *
  *  - An `action` argument chooses what a failure does.  ZOK_ACTION_RETURN
- *    records the message and returns a null/zero result; ZOK_ACTION_ERROR
- *    raises it: the running routine is ended and control goes back to the
- *    host program.  Inside the reference host an error travels as a C++
+ *    is quiet: the operation returns its null/zero result and records no
+ *    message, so the caller learns of the failure from that result alone.
+ *    ZOK_ACTION_WARN records the message as a warning and returns the same
+ *    result.  ZOK_ACTION_ERROR raises it: the running routine is ended and
+ *    control goes back to the host program.  host_message and
+ *    host_message_from_block record their message under every action (that
+ *    is what they are for) and return unless the action is ZOK_ACTION_ERROR.  Inside the reference host an error travels as a C++
  *    exception that unwinds through module frames, so module code must not
  *    hold a resource by a raw pointer across any call that can raise.
  *  - Arguments documented as "reserved" must be passed as 0 (or the value
@@ -99,8 +103,8 @@ enum {
 
 /* Failure actions. */
 enum {
-    ZOK_ACTION_RETURN = 0, /* record the message, return null / 0 */
-    ZOK_ACTION_WARN = 1,   /* as RETURN; the message is kept as a warning */
+    ZOK_ACTION_RETURN = 0, /* quiet: return null / 0, record nothing */
+    ZOK_ACTION_WARN = 1,   /* record the message as a warning, return null / 0 */
     ZOK_ACTION_ERROR = 2   /* raise: end the running routine */
 };
 
@@ -139,7 +143,8 @@ enum {
     ZOK_ERR_BAD_FREE = -151,      /* unknown or already freed block, text or temporary */
     ZOK_ERR_STRUCT = -160,        /* bad structure definition or tag */
     ZOK_ERR_ROUTINE_TABLE = -170, /* a routine table was refused */
-    ZOK_ERR_BAD_ARGUMENT = -180   /* a reserved argument or a null where none is allowed */
+    ZOK_ERR_BAD_ARGUMENT = -180,  /* a reserved argument or a null where none is allowed */
+    ZOK_ERR_SAVE_FILE = -190      /* a save file that cannot be written, read or restored */
 };
 
 /* ------------------------------------------------------------------------ */

@@ -4,7 +4,6 @@
 #include "fw/fw_behavior.hpp"
 
 #include "fw/fw_ident.hpp"
-#include "fw/fw_messhndlr.hpp"
 #include "fw/fw_messtext.hpp"
 
 namespace flux {
@@ -19,43 +18,35 @@ BehaviorFields& fields_of(Self self) {
 
 } // namespace
 
-int32_t behavior_initialise(Self self, const KeywordFront* keywords) {
-    if (hasahandler_initialise(self, keywords != nullptr ? &keywords->h : nullptr) == 0)
-        return 0;
-    BehaviorFields& f = fields_of(self);
-    f.behavior_version = 1;
-    f.is_registered = 0;
-    f.messident = initial_message_ident(keywords, "ZOKfwBehavior::SetMessageString");
-    // An INIT that raises frees the object without CLEANUP: give the use back.
-    Undo release_ident([&f] { fwident_release(f.messident); });
-    // Scoping first: a behaviour given both lands in its own handler's new scope.
-    if (keywords != nullptr && keywords->scope != 0)
-        scope_message(effective_handler(self), f.messident);
-    if (keywords != nullptr && keywords->register_value != 0)
-        behavior_register(self);
-    release_ident.commit();
-    return 1;
-}
-
+// Releases only: MESSIDENT keeps naming the identifier, which lives until the
+// next collection, and a CLEANUP called again releases it again.
 void behavior_cleanup(Self self) {
     behavior_unregister(self);
-    // Given back once: a CLEANUP called again finds no identifier to release.
-    BehaviorFields& f = fields_of(self);
-    fwident_release(f.messident);
-    f.messident = 0;
+    fwident_release(fields_of(self).messident);
 }
 
 void behavior_restore(Self self) {
-    hasahandler_restore(self);
     BehaviorFields& f = fields_of(self);
+    // What filing the behaviour again needs is obtained first and the
+    // translation last, so that a failure changes nothing.
+    const bool was_registered = f.behavior_version >= 1 && f.is_registered != 0;
+    DefaultHandlerGuard made_default;
+    MaphReserve nodes;
+    if (was_registered) {
+        effective_handler(self);
+        if (!nodes.add(5))
+            raise_no_memory("ZOKfwBehavior::Restore");
+    }
+    const uint32_t live = fwident_rollover(f.messident);
+    made_default.commit();
+    hasahandler_restore(self);
     if (f.behavior_version < 1) {
         f.behavior_version = 1;
         f.is_registered = 0;
     }
     // Taken out under the identifier as saved, filed again under its translation.
-    const bool was_registered = f.is_registered != 0;
     behavior_unregister(self);
-    f.messident = fwident_rollover(f.messident);
+    f.messident = live;
     if (was_registered)
         behavior_register(self);
 }
@@ -63,7 +54,9 @@ void behavior_restore(Self self) {
 void behavior_register(Self self) {
     if (fields_of(self).is_registered != 0)
         return;
+    DefaultHandlerGuard made_default;
     add_behavior(effective_handler(self), self.heap_id);
+    made_default.commit();
     fields_of(self).is_registered = 1;
 }
 
@@ -78,14 +71,8 @@ void behavior_reregister(uint32_t behavior) {
     const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
     if (fields_of(self).is_registered == 0)
         return;
-    try {
-        remove_behavior(effective_handler(self), behavior);
-        add_behavior(effective_handler(self), behavior);
-    } catch (...) {
-        // Memory ran out part way: registered only if it is still filed somewhere.
-        fields_of(self).is_registered = chain_files(behavior) ? 1 : 0;
-        throw;
-    }
+    remove_behavior(effective_handler(self), behavior);
+    add_behavior(effective_handler(self), behavior);
 }
 
 void behavior_set_message(Self self, const zok_var* text) {
@@ -159,20 +146,17 @@ void behavior_unregister_method(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<behavior_init>, "ZOKFWBEHAVIOR::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<behavior_isregistered>, "ZOKFWBEHAVIOR::ISREGISTERED", 1, 1),
-    function_entry(messaging_routine<behavior_messagestring>, "ZOKFWBEHAVIOR::MESSAGESTRING", 1, 1),
+    function_entry(behavior_init, "ZOKFWBEHAVIOR::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(behavior_isregistered, "ZOKFWBEHAVIOR::ISREGISTERED", 1, 1),
+    function_entry(behavior_messagestring, "ZOKFWBEHAVIOR::MESSAGESTRING", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<behavior_cleanup_method>, "ZOKFWBEHAVIOR::CLEANUP", 1, 1,
-                    ZOK_RT_KEYWORDS),
-    procedure_entry(messaging_routine<behavior_execute>, "ZOKFWBEHAVIOR::EXECUTE", 1, 2),
-    procedure_entry(messaging_routine<behavior_register_method>, "ZOKFWBEHAVIOR::REGISTER", 1, 1),
-    procedure_entry(messaging_routine<behavior_restore_method>, "ZOKFWBEHAVIOR::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<behavior_setmessagestring>, "ZOKFWBEHAVIOR::SETMESSAGESTRING",
-                    2, 2),
-    procedure_entry(messaging_routine<behavior_unregister_method>, "ZOKFWBEHAVIOR::UNREGISTER", 1,
-                    1),
+    procedure_entry(behavior_cleanup_method, "ZOKFWBEHAVIOR::CLEANUP", 1, 1, ZOK_RT_KEYWORDS),
+    procedure_entry(behavior_execute, "ZOKFWBEHAVIOR::EXECUTE", 1, 2),
+    procedure_entry(behavior_register_method, "ZOKFWBEHAVIOR::REGISTER", 1, 1),
+    procedure_entry(behavior_restore_method, "ZOKFWBEHAVIOR::RESTORE", 1, 1),
+    procedure_entry(behavior_setmessagestring, "ZOKFWBEHAVIOR::SETMESSAGESTRING", 2, 2),
+    procedure_entry(behavior_unregister_method, "ZOKFWBEHAVIOR::UNREGISTER", 1, 1),
 };
 
 } // namespace

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "fw/fw_hashndlr.hpp"
+#include "fw/fw_messhndlr.hpp"
 
 namespace flux {
 
@@ -22,8 +23,28 @@ struct BehaviorFields {
 inline constexpr ClassRef BEHAVIOR_CLASS{struct_behavior, "ZOKFWBEHAVIOR", "ZOKfwBehavior"};
 
 // Base initialisation with the shared front of a keyword record (null: no
-// keywords).  Returns 1, or 0 when the handler part fails.
-int32_t behavior_initialise(Self self, const KeywordFront* keywords);
+// keywords).  Returns 1, or 0 when the handler part fails.  A subclass's own
+// initialisation runs as `own_part` (which obtains all it needs before it
+// writes a field), after everything that registering and scoping need has been
+// obtained and before any field is written or anything filed, so that a
+// failure, of an INIT run again on a live object too, changes nothing.
+template <class OwnPart>
+int32_t behavior_initialise(Self self, const KeywordFront* keywords, OwnPart&& own_part) {
+    const HandlerKeywords* handler = keywords != nullptr ? &keywords->h : nullptr;
+    check_handler_keyword(handler);
+    MessageInit message(self, keywords, true);
+    own_part();
+    if (hasahandler_initialise(self, handler) == 0)
+        return 0;
+    BehaviorFields& f = self.fields<BehaviorFields>();
+    f.behavior_version = 1;
+    f.is_registered = 0;
+    message.finish(f.messident);
+    return 1;
+}
+inline int32_t behavior_initialise(Self self, const KeywordFront* keywords) {
+    return behavior_initialise(self, keywords, [] {});
+}
 void behavior_cleanup(Self self);
 void behavior_restore(Self self);
 
@@ -33,7 +54,7 @@ void behavior_register(Self self);
 void behavior_unregister(Self self);
 // A registered behaviour is taken out and filed again, so that it lands in
 // whatever scope is now the nearest for its message; others stay as they are.
-// One that cannot be filed again is left unregistered.
+// Run by the scoping operations once they hold all it needs.
 void behavior_reregister(uint32_t behavior);
 
 // SETMESSAGESTRING: the registration is deliberately left where it is.

@@ -58,14 +58,12 @@ void delayargbehav_delayexecute(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<delayargbehav_init>, "ZOKFWDELAYARGBEHAV::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
+    function_entry(delayargbehav_init, "ZOKFWDELAYARGBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<delayargbehav_cleanup>, "ZOKFWDELAYARGBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<delayargbehav_delayexecute>,
-                    "ZOKFWDELAYARGBEHAV::DELAYEXECUTE", 1, 1),
-    procedure_entry(messaging_routine<delayargbehav_execute>, "ZOKFWDELAYARGBEHAV::EXECUTE", 2, 2),
+    procedure_entry(delayargbehav_cleanup, "ZOKFWDELAYARGBEHAV::CLEANUP", 1, 1),
+    procedure_entry(delayargbehav_delayexecute, "ZOKFWDELAYARGBEHAV::DELAYEXECUTE", 1, 1),
+    procedure_entry(delayargbehav_execute, "ZOKFWDELAYARGBEHAV::EXECUTE", 2, 2),
 };
 
 } // namespace

@@ -4,7 +4,7 @@
 
 #include "fw/fw_messhndlr.hpp"
 
-#include <cstring>
+#include <optional>
 
 #include "fw/fw_ident.hpp"
 #include "fw/fw_messtext.hpp"
@@ -32,66 +32,77 @@ void destroy_object(uint32_t object) {
     host_object_destroy(1, args, nullptr);
 }
 
-// The inner behaviour: an object-method behaviour aimed at `self`'s DELAYEXECUTE.
-uint32_t make_inner(Self self) {
-    uint32_t inner = 0;
-    {
-        TempGuard cls(host_find_class(OBJBEHAV_CLASS.name));
-        zok_var* args[] = {cls.get()};
-        TempGuard object(host_object_new(1, args, nullptr));
-        inner = object->value.heap_id;
+// The inner behaviour: an object-method behaviour aimed at `self`'s
+// DELAYEXECUTE, destroyed again unless committed.
+class InnerBehavior {
+public:
+    explicit InnerBehavior(Self self) {
+        {
+            TempGuard cls(host_find_class(OBJBEHAV_CLASS.name));
+            zok_var* args[] = {cls.get()};
+            TempGuard object(host_object_new(1, args, nullptr));
+            id_ = object->value.heap_id;
+        }
+        fields().object = self.heap_id;
     }
-    try {
-        ObjBehavFields& f =
-            resolve_instance(inner, OBJBEHAV_CLASS, "SUB_BEHAVIOR").fields<ObjBehavFields>();
-        f.object = self.heap_id;
-        const char* method = "DELAYEXECUTE";
-        const zok_string borrowed{static_cast<uint32_t>(std::strlen(method)), 0, 0,
-                                  const_cast<char*>(method)};
-        replace_method_ident(f.meth_ident, borrowed);
-    } catch (...) {
-        destroy_object(inner);
-        throw;
+    InnerBehavior(const InnerBehavior&) = delete;
+    InnerBehavior& operator=(const InnerBehavior&) = delete;
+    ~InnerBehavior() {
+        if (id_ != 0)
+            destroy_object(id_);
     }
-    return inner;
-}
+    Self self() const { return resolve_instance(id_, OBJBEHAV_CLASS, "SUB_BEHAVIOR"); }
+    ObjBehavFields& fields() const { return self().fields<ObjBehavFields>(); }
+    uint32_t commit() {
+        const uint32_t id = id_;
+        id_ = 0;
+        return id;
+    }
+
+private:
+    uint32_t id_ = 0;
+};
 
 } // namespace
 
 int32_t delaybehav_initialise(Self self, const DelayBehavKeywords& k) {
-    if (behavior_initialise(self, &k.obj.front) == 0)
-        return 0;
-    DelayBehavFields& f = fields_of(self);
-    f.delaybehav_version = 1;
-    f.object = 0;
-    f.meth_ident = 0;
-    f.sub_behavior = 0;
-    try {
-        f.meth_ident = acquire_message_ident("UnitializedMethod");
-        f.sub_behavior = make_inner(self);
-        const Self inner = inner_of(self);
-        if (k.obj.front.h.handler_given != 0)
-            set_handler(inner, k.obj.front.h.handler);
+    return behavior_initialise(self, &k.obj.front, [&] {
+        // Every identifier first, then the inner behaviour: nothing after it can fail.
+        IdentReservation uninitialised("UnitializedMethod");
+        IdentReservation delay_execute("DELAYEXECUTE");
+        std::optional<IdentReservation> method;
+        std::optional<IdentReservation> delay_message;
         if (k.obj.method_given != 0)
+            method.emplace(&k.obj.method);
+        if (k.delaymessagestring_given != 0)
+            delay_message.emplace(&k.delaymessagestring);
+        InnerBehavior inner(self);
+        if (k.obj.front.h.handler_given != 0)
+            set_handler(inner.self(), k.obj.front.h.handler);
+
+        DelayBehavFields& f = fields_of(self);
+        f.delaybehav_version = 1;
+        f.object = 0;
+        f.meth_ident = uninitialised.ident();
+        fwident_acquire(f.meth_ident);
+        if (method)
             replace_method_ident(f.meth_ident, k.obj.method);
+        replace_method_ident(inner.fields().meth_ident, *fwident_text(delay_execute.ident()));
         if (k.obj.object_given != 0)
             f.object = k.obj.object;
-        if (k.delaymessagestring_given != 0) {
+        if (delay_message) {
             zok_var text{};
             text.type = ZOK_T_STRING;
             text.value.str = k.delaymessagestring;
-            behavior_set_message(inner, &text);
+            behavior_set_message(inner.self(), &text);
         }
-    } catch (...) {
-        // The host frees an object whose INIT raises without its CLEANUP.
-        if (f.sub_behavior != 0)
-            destroy_object(f.sub_behavior);
-        if (f.meth_ident != 0)
-            fwident_release(f.meth_ident);
-        behavior_cleanup(self);
-        throw;
-    }
-    return 1;
+        for (IdentReservation* kept : {&uninitialised, &delay_execute})
+            kept->commit();
+        for (auto* kept : {&method, &delay_message})
+            if (*kept)
+                (*kept)->commit();
+        f.sub_behavior = inner.commit();
+    });
 }
 
 void delaybehav_cleanup(Self self) {
@@ -160,16 +171,14 @@ void delaybehav_setmethod(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<delaybehav_init>, "ZOKFWDELAYBEHAV::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
+    function_entry(delaybehav_init, "ZOKFWDELAYBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<delaybehav_cleanup_method>, "ZOKFWDELAYBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<delaybehav_delayexecute>, "ZOKFWDELAYBEHAV::DELAYEXECUTE", 1,
-                    1),
-    procedure_entry(messaging_routine<delaybehav_execute>, "ZOKFWDELAYBEHAV::EXECUTE", 1, 1),
-    procedure_entry(messaging_routine<delaybehav_restore>, "ZOKFWDELAYBEHAV::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<delaybehav_setmethod>, "ZOKFWDELAYBEHAV::SETMETHOD", 2, 2),
+    procedure_entry(delaybehav_cleanup_method, "ZOKFWDELAYBEHAV::CLEANUP", 1, 1),
+    procedure_entry(delaybehav_delayexecute, "ZOKFWDELAYBEHAV::DELAYEXECUTE", 1, 1),
+    procedure_entry(delaybehav_execute, "ZOKFWDELAYBEHAV::EXECUTE", 1, 1),
+    procedure_entry(delaybehav_restore, "ZOKFWDELAYBEHAV::RESTORE", 1, 1),
+    procedure_entry(delaybehav_setmethod, "ZOKFWDELAYBEHAV::SETMETHOD", 2, 2),
 };
 
 } // namespace

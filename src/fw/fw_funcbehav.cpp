@@ -20,15 +20,14 @@ using Routines =
                          &FuncBehavKeywords::function>;
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<Routines::name>, "ZOKFWFUNCBEHAV::FUNC", 1, 1),
-    function_entry(messaging_routine<Routines::init>, "ZOKFWFUNCBEHAV::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
+    function_entry(Routines::name, "ZOKFWFUNCBEHAV::FUNC", 1, 1),
+    function_entry(Routines::init, "ZOKFWFUNCBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<Routines::cleanup>, "ZOKFWFUNCBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<Routines::execute>, "ZOKFWFUNCBEHAV::EXECUTE", 1, 2),
-    procedure_entry(messaging_routine<Routines::restore>, "ZOKFWFUNCBEHAV::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<Routines::set_name>, "ZOKFWFUNCBEHAV::SETFUNC", 2, 2),
+    procedure_entry(Routines::cleanup, "ZOKFWFUNCBEHAV::CLEANUP", 1, 1),
+    procedure_entry(Routines::execute, "ZOKFWFUNCBEHAV::EXECUTE", 1, 2),
+    procedure_entry(Routines::restore, "ZOKFWFUNCBEHAV::RESTORE", 1, 1),
+    procedure_entry(Routines::set_name, "ZOKFWFUNCBEHAV::SETFUNC", 2, 2),
 };
 
 } // namespace

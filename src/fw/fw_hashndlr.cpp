@@ -29,13 +29,22 @@ void hasahandler_restore(Self self) {
         f.hasahandler_version = 1;
 }
 
-uint32_t effective_handler(Self self) {
-    if (const uint32_t mine = self.fields<HasAHandlerFields>().myhandler)
+void check_handler_keyword(const HandlerKeywords* keywords) {
+    if (keywords != nullptr && keywords->handler_given != 0 && keywords->handler != 0)
+        resolve_instance(keywords->handler, MESSAGEHANDLER_CLASS, "1");
+}
+
+uint32_t effective_handler_of(uint32_t self, uint32_t mine) {
+    if (mine != 0)
         return mine;
     const uint32_t fallback = default_handler();
-    if (fallback == self.heap_id)
+    if (fallback == self)
         return 0; // the default handler is the root of every chain
     return fallback != 0 ? fallback : ensure_default_handler();
+}
+
+uint32_t effective_handler(Self self) {
+    return effective_handler_of(self.heap_id, self.fields<HasAHandlerFields>().myhandler);
 }
 
 void set_handler(Self self, uint32_t handler) {
@@ -79,17 +88,13 @@ void hasahandler_sethandler(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<hasahandler_handler>, "ZOKFWHASAHANDLER::HANDLER", 1, 1),
-    function_entry(messaging_routine<hasahandler_init>, "ZOKFWHASAHANDLER::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
+    function_entry(hasahandler_handler, "ZOKFWHASAHANDLER::HANDLER", 1, 1),
+    function_entry(hasahandler_init, "ZOKFWHASAHANDLER::INIT", 1, 1, ZOK_RT_KEYWORDS),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<hasahandler_cleanup_method>, "ZOKFWHASAHANDLER::CLEANUP", 1,
-                    1),
-    procedure_entry(messaging_routine<hasahandler_restore_method>, "ZOKFWHASAHANDLER::RESTORE", 1,
-                    1),
-    procedure_entry(messaging_routine<hasahandler_sethandler>, "ZOKFWHASAHANDLER::SETHANDLER", 2,
-                    2),
+    procedure_entry(hasahandler_cleanup_method, "ZOKFWHASAHANDLER::CLEANUP", 1, 1),
+    procedure_entry(hasahandler_restore_method, "ZOKFWHASAHANDLER::RESTORE", 1, 1),
+    procedure_entry(hasahandler_sethandler, "ZOKFWHASAHANDLER::SETHANDLER", 2, 2),
 };
 
 } // namespace

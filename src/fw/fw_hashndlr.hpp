@@ -25,6 +25,11 @@ inline constexpr ClassRef MESSAGEHANDLER_CLASS{struct_messagehandler, "ZOKFWMESS
 // Base initialisation; `keywords` is null when the object is made without a
 // keyword record.  Returns 1 (0 when the saveable part fails).
 int32_t hasahandler_initialise(Self self, const HandlerKeywords* keywords);
+// The check of the HANDLER keyword that the initialisation makes, for an INIT
+// that checks everything before it changes anything.
+void check_handler_keyword(const HandlerKeywords* keywords);
+// The effective handler that an object `self` would have with MYHANDLER `mine`.
+uint32_t effective_handler_of(uint32_t self, uint32_t mine);
 void hasahandler_cleanup(Self self);
 void hasahandler_restore(Self self);
 

@@ -10,6 +10,8 @@
 // variable flagged ZOK_HEAP_HELD whose string has the entry's text.
 #include "fw/fw_ident.hpp"
 
+#include <cstring>
+
 #include "frame/host_api.hpp"
 #include "maps/map.hpp"
 #include "maps/rb.hpp"
@@ -19,11 +21,8 @@ namespace {
 
 struct IdentRecord {
     uint32_t ident;
-    int32_t uses;    // acquisitions not yet released; release has no floor
-    uint64_t serial; // order of making, for giving back what a failed call made
+    int32_t uses; // acquisitions not yet released; release has no floor
 };
-
-uint64_t next_serial = 1;
 
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
@@ -100,13 +99,12 @@ IdentRecord* make_entry(const zok_string* name) {
     auto* record = static_cast<IdentRecord*>(host_mem_alloc(sizeof(IdentRecord), "FW_Ident data"));
     if (record == nullptr)
         raise_no_memory("FW_Ident");
-    *record = IdentRecord{ident, 0, next_serial};
+    *record = IdentRecord{ident, 0};
     Undo drop_record([record] { host_mem_free(record); });
 
     if (map_put(name_index, reinterpret_cast<RbWord>(key), reinterpret_cast<RbWord>(record),
                 compare_names) == nullptr)
         raise_no_memory("FW_Ident");
-    ++next_serial;
     drop_record.commit();
     drop_heap_var.commit();
     drop_key.commit();
@@ -216,20 +214,36 @@ int fwident_order(uint32_t a, uint32_t b) {
     return host_string_compare(text_a, text_b);
 }
 
-uint64_t fwident_mark() {
-    return next_serial;
+IdentReservation::IdentReservation(const zok_string* name) {
+    obtain(name);
 }
 
-void fwident_drop_unused_since(uint64_t mark) {
-    if (name_index == nullptr)
+IdentReservation::IdentReservation(const char* fixed_name) {
+    // A borrowed descriptor: the registry copies the text when it keeps it.
+    const zok_string borrowed{static_cast<uint32_t>(std::strlen(fixed_name)), 0, 0,
+                              const_cast<char*>(fixed_name)};
+    obtain(&borrowed);
+}
+
+void IdentReservation::obtain(const zok_string* name) {
+    if (IdentRecord* record = find_record(name)) {
+        ident_ = record->ident;
         return;
-    for (RbNode* e = map_first(name_index); e != name_index; e = map_next(e)) {
-        if (record_of(e)->serial < mark || record_of(e)->uses > 0)
-            continue;
-        RbNode* previous = e->right; // the previous leaf: deleting must not lose the place
-        drop_entry(e);
-        e = previous;
     }
+    ident_ = make_entry(name)->ident;
+    made_ = true;
+}
+
+IdentReservation::~IdentReservation() {
+    if (!made_)
+        return;
+    // Nothing ran between the making and here that could have handed the identifier out.
+    const zok_string* text = fwident_text(ident_);
+    RbNode* entry = text != nullptr && name_index != nullptr
+                        ? map_find(name_index, reinterpret_cast<RbWord>(text), compare_names)
+                        : nullptr;
+    if (entry != nullptr && record_of(entry)->uses <= 0)
+        drop_entry(entry);
 }
 
 void fwident_session_reset() {

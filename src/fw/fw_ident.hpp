@@ -30,10 +30,26 @@ uint32_t fwident_rollover(uint32_t ident);
 // Frees parked stale identifiers and every identifier whose use count is 0 or
 // less (every identifier when `all`).
 void fwident_collect(bool all);
-// A mark of the registry's making, and the giving back of every identifier
-// made since the mark that counts no use (for a call that failed part way).
-uint64_t fwident_mark();
-void fwident_drop_unused_since(uint64_t mark);
+// The identifier of a text obtained ahead by a call that may still fail: the
+// text's entry is made now when it has none (no use counted), and an entry made
+// here goes again if the call fails before it commits, that is before it stores
+// the identifier or calls out.  Once committed, the ordinary rules hold.
+class IdentReservation {
+public:
+    explicit IdentReservation(const zok_string* name);
+    explicit IdentReservation(const char* fixed_name);
+    IdentReservation(const IdentReservation&) = delete;
+    IdentReservation& operator=(const IdentReservation&) = delete;
+    ~IdentReservation();
+    uint32_t ident() const { return ident_; }
+    void commit() { made_ = false; }
+
+private:
+    void obtain(const zok_string* name);
+
+    uint32_t ident_ = 0;
+    bool made_ = false;
+};
 // The order of identifiers: by text.  Raises "FWIdent corruption" when either
 // identifier names no heap variable.
 int fwident_order(uint32_t a, uint32_t b);

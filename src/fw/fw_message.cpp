@@ -24,25 +24,22 @@ const zok_string* text_of(uint32_t message) {
 } // namespace
 
 int32_t message_initialise(Self self, const KeywordFront* keywords) {
-    if (hasahandler_initialise(self, keywords != nullptr ? &keywords->h : nullptr) == 0)
+    const HandlerKeywords* handler = keywords != nullptr ? &keywords->h : nullptr;
+    check_handler_keyword(handler);
+    MessageInit message(self, keywords, false);
+    if (hasahandler_initialise(self, handler) == 0)
         return 0;
     MessageFields& f = fields_of(self);
     f.message_version = 1;
-    f.mess_ident = initial_message_ident(keywords, "ZOKfwMessage::SetMessageString");
-    // An INIT that raises frees the object without CLEANUP: give the use back.
-    Undo release_ident([&f] { fwident_release(f.mess_ident); });
-    if (keywords != nullptr && keywords->scope != 0)
-        scope_message(effective_handler(self), f.mess_ident);
-    release_ident.commit();
+    message.finish(f.mess_ident);
     return 1;
 }
 
+// Releases only: MESS_IDENT keeps naming the identifier, which lives until
+// the next collection, and a CLEANUP called again releases it again.
 void message_cleanup(Self self) {
     hasahandler_cleanup(self);
-    // Given back once: a CLEANUP called again finds no identifier to release.
-    MessageFields& f = fields_of(self);
-    fwident_release(f.mess_ident);
-    f.mess_ident = 0;
+    fwident_release(fields_of(self).mess_ident);
 }
 
 void message_restore(Self self) {
@@ -123,16 +120,14 @@ void message_setmessagestring(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<message_init>, "ZOKFWMESSAGE::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<message_messagestring>, "ZOKFWMESSAGE::MESSAGESTRING", 1, 1),
+    function_entry(message_init, "ZOKFWMESSAGE::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(message_messagestring, "ZOKFWMESSAGE::MESSAGESTRING", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<message_cleanup_method>, "ZOKFWMESSAGE::CLEANUP", 1, 1,
-                    ZOK_RT_KEYWORDS),
-    procedure_entry(messaging_routine<message_restore_method>, "ZOKFWMESSAGE::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<message_send_method>, "ZOKFWMESSAGE::SEND", 1, 2),
-    procedure_entry(messaging_routine<message_setmessagestring>, "ZOKFWMESSAGE::SETMESSAGESTRING",
-                    2, 2),
+    procedure_entry(message_cleanup_method, "ZOKFWMESSAGE::CLEANUP", 1, 1, ZOK_RT_KEYWORDS),
+    procedure_entry(message_restore_method, "ZOKFWMESSAGE::RESTORE", 1, 1),
+    procedure_entry(message_send_method, "ZOKFWMESSAGE::SEND", 1, 2),
+    procedure_entry(message_setmessagestring, "ZOKFWMESSAGE::SETMESSAGESTRING", 2, 2),
 };
 
 } // namespace

@@ -5,6 +5,12 @@
 // behaviour set that calls out goes over a snapshot ("ZOkfwBehaviorList"),
 // and no handler's data address is kept across a call that may free a
 // handler (only the default handler is freed here, when its last scope goes).
+//
+// Failure: an operation first checks, then obtains everything it needs (the
+// snapshots, the tree nodes of every insertion and new set, the identifiers,
+// the default handler), and only then changes the tables, with steps that
+// cannot fail.  What it obtained is held by guards until it commits, so that a
+// failure, for want of memory too, leaves everything as it was.
 #include "fw/fw_messhndlr.hpp"
 
 #include <cstdio>
@@ -12,14 +18,17 @@
 #include <set>
 
 #include "fw/fw_behavior.hpp"
-#include "fw/fw_ident.hpp"
 #include "fw/fw_message.hpp"
-#include "maps/maph.hpp"
+#include "fw/fw_messtext.hpp"
 
 namespace flux {
 namespace {
 
 uint32_t the_default = 0;
+
+// Tree nodes that re-filing one behaviour may need: a new scope at the root
+// (its set and the table's entry) and the behaviour's entry in a set.
+constexpr std::size_t kRefilingNodes = 5;
 
 MessageHandlerFields& fields_of(Self self) {
     return self.fields<MessageHandlerFields>();
@@ -30,6 +39,8 @@ Self handler_self(uint32_t handler) {
 }
 
 // The behaviour set filed under `ident` in this handler's own table, or 0.
+// An identifier that has lost its heap variable is used as it is: the
+// identifier order raises "FWIdent corruption" only when it compares it.
 uint32_t scope_in(Self self, uint32_t ident) {
     const uint32_t table = fields_of(self).behaviors;
     if (table == 0)
@@ -40,7 +51,8 @@ uint32_t scope_in(Self self, uint32_t ident) {
 // Climbs a handler chain, refusing one that loops (MYHANDLER can be pointed at
 // a handler below): each handler reached is compared with a mark that moves
 // to the current handler after 1, 2, 4, ... steps, so a loop is met again
-// within twice its length.
+// within twice its length.  A loop is refused (-3) where the chain would never
+// end.
 class ChainClimb {
 public:
     void visit(uint32_t handler) {
@@ -60,46 +72,26 @@ private:
     uint32_t steps_ = 0;
 };
 
-// A snapshot of a behaviour set (0: none): its identifiers in set order, in a
-// block that is given back when the snapshot goes (with `free_label` when given).
-class BehaviorList {
-public:
-    explicit BehaviorList(uint32_t set, const char* free_label = nullptr)
-        : free_label_(free_label) {
-        count_ = set != 0 ? maph_count(set) : 0;
-        if (count_ == 0)
-            return;
-        ids_ =
-            static_cast<uint32_t*>(host_mem_alloc(count_ * sizeof(uint32_t), "ZOkfwBehaviorList"));
-        if (ids_ == nullptr)
-            raise_no_memory("ZOKfwMessageHandler");
-        // One look-up per leaf: its key and its next link come from the same node.
-        size_t i = 0;
-        for (uint32_t e = maph_first(set); e != set;) {
-            const RbhNodeData* leaf = map_rbh_node(e);
-            ids_[i++] = leaf->key;
-            e = leaf->flink;
-        }
-    }
-    BehaviorList(const BehaviorList&) = delete;
-    BehaviorList& operator=(const BehaviorList&) = delete;
-    ~BehaviorList() {
-        if (ids_ == nullptr)
-            return;
-        if (free_label_ != nullptr)
-            host_mem_free_tagged(ids_, free_label_);
-        else
-            host_mem_free(ids_);
-    }
-    const uint32_t* begin() const { return ids_; }
-    const uint32_t* end() const { return ids_ + count_; }
-    size_t size() const { return count_; }
-
-private:
-    uint32_t* ids_ = nullptr;
-    size_t count_ = 0;
-    const char* free_label_;
+// Where a climb for a message ends: the first handler that scopes it and its
+// set, or the root of the chain and 0.
+struct Reached {
+    uint32_t handler;
+    uint32_t set;
 };
+
+Reached climb_to_scope(uint32_t handler, uint32_t ident) {
+    ChainClimb climb;
+    for (uint32_t h = handler;;) {
+        climb.visit(h);
+        const Self self = handler_self(h);
+        if (const uint32_t set = scope_in(self, ident))
+            return {h, set};
+        const uint32_t up = effective_handler(self);
+        if (up == 0)
+            return {h, 0};
+        h = up;
+    }
+}
 
 // The argument as every receiver of one delivery sees it.  A temporary given
 // to two or more behaviours is moved into a plain variable first, so that no
@@ -139,7 +131,162 @@ void file_behavior(uint32_t set, uint32_t behavior) {
         raise_no_memory("ZOKfwMessageHandler");
 }
 
+// A root whose CLEANUP has run has no table to scope a message in.
+void refuse_cleaned_up_root(uint32_t root) {
+    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
+                 "ZOKfwMessageHandler: handler %u has been cleaned up", root);
+}
+
+void reserve(MaphReserve& nodes, std::size_t count) {
+    if (!nodes.add(count))
+        raise_no_memory("ZOKfwMessageHandler");
+}
+
+// Frees the default handler, which files nothing, and forgets it.
+void drop_default_handler() {
+    const uint32_t handler = the_default;
+    const uint32_t table = fields_of(handler_self(handler)).behaviors;
+    the_default = 0;
+    host_heap_free(handler, 0, 0);
+    maph_free(table);
+}
+
+// Checks every behaviour of a snapshot that is about to move, so that nothing
+// is refused half way: each must be a live behaviour and, when registered, name
+// its message by a live identifier.  Returns how many are registered.
+std::size_t check_movers(const BehaviorList& movers) {
+    std::size_t registered = 0;
+    for (const uint32_t behavior : movers) {
+        const BehaviorFields& b =
+            resolve_instance(behavior, BEHAVIOR_CLASS, "1").fields<BehaviorFields>();
+        if (b.is_registered == 0)
+            continue;
+        if (fwident_text(b.messident) == nullptr)
+            raise_module_message(MSG_FWMSG_IDCORRUPT);
+        ++registered;
+    }
+    return registered;
+}
+
 } // namespace
+
+BehaviorList::BehaviorList(uint32_t set, const char* free_label) : free_label_(free_label) {
+    count_ = set != 0 ? maph_count(set) : 0;
+    if (count_ == 0)
+        return;
+    ids_ = static_cast<uint32_t*>(host_mem_alloc(count_ * sizeof(uint32_t), "ZOkfwBehaviorList"));
+    if (ids_ == nullptr)
+        raise_no_memory("ZOKfwMessageHandler");
+    // One look-up per leaf: its key and its next link come from the same node.
+    size_t i = 0;
+    for (uint32_t e = maph_first(set); e != set;) {
+        const RbhNodeData* leaf = map_rbh_node(e);
+        ids_[i++] = leaf->key;
+        e = leaf->flink;
+    }
+}
+
+BehaviorList::~BehaviorList() {
+    if (ids_ == nullptr)
+        return;
+    if (free_label_ != nullptr)
+        host_mem_free_tagged(ids_, free_label_);
+    else
+        host_mem_free(ids_);
+}
+
+DefaultHandlerGuard::DefaultHandlerGuard() : armed_(the_default == 0) {}
+
+DefaultHandlerGuard::~DefaultHandlerGuard() {
+    if (armed_ && the_default != 0 && maph_is_empty(fields_of(handler_self(the_default)).behaviors))
+        drop_default_handler();
+}
+
+ScopePlan::ScopePlan(uint32_t handler, uint32_t ident) : handler_(handler) {
+    const Self self = handler_self(handler);
+    if (fields_of(self).behaviors == 0 || scope_in(self, ident) != 0)
+        return;
+    // Stricter than taking the argument as the key: the table keeps the
+    // registry's own identifier of the text, with a use of its own, so a lost
+    // identifier cannot be made a key.
+    const zok_string* text = fwident_text(ident);
+    if (text == nullptr)
+        raise_module_message(MSG_FWMSG_IDCORRUPT);
+    key_.emplace(text);
+    // The handler above is found (the default handler made) before anything changes.
+    if (const uint32_t above = effective_handler(self)) {
+        if (const uint32_t enclosing = climb_to_scope(above, key_->ident()).set) {
+            movers_.emplace(enclosing);
+            registered_ = check_movers(*movers_);
+        }
+    }
+}
+
+std::size_t ScopePlan::nodes() const {
+    // The new set and the table's entry, then each registered behaviour pulled down.
+    return needed() ? 3 + kRefilingNodes * registered_ : 0;
+}
+
+void ScopePlan::commit() {
+    if (!needed())
+        return;
+    const uint32_t key = key_->ident();
+    const uint32_t table = fields_of(handler_self(handler_)).behaviors;
+    const uint32_t set = maph_new();
+    if (set == 0 || maph_insert_gkey(table, key, set, fwident_order) == 0)
+        raise_no_memory("ZOKfwMessageHandler");
+    fwident_acquire(key);
+    key_->commit();
+    if (movers_)
+        for (const uint32_t behavior : *movers_)
+            behavior_reregister(behavior);
+}
+
+MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_register)
+    : self_(self), register_(may_register && keywords != nullptr && keywords->register_value != 0),
+      generic_("Generic Message") {
+    if (keywords == nullptr)
+        return;
+    if (keywords->messagestring_given != 0)
+        text_.emplace(&keywords->messagestring);
+    const uint32_t ident = text_ ? text_->ident() : generic_.ident();
+    // The handler that the HANDLER keyword is about to give (MYHANDLER is written later).
+    auto handler = [&] {
+        return effective_handler_of(self.heap_id,
+                                    keywords->h.handler_given != 0 ? keywords->h.handler : 0);
+    };
+    std::size_t nodes = 0;
+    // Scoping first: a behaviour given both lands in its own handler's new scope.
+    if (keywords->scope != 0) {
+        scope_.emplace(handler(), ident);
+        nodes += scope_->nodes();
+    }
+    if (register_) {
+        // The climb that REGISTER will make, so that it makes the default handler now.
+        if (!(scope_ && scope_->needed())) {
+            const Reached at = climb_to_scope(handler(), ident);
+            if (at.set == 0 && fields_of(handler_self(at.handler)).behaviors == 0)
+                refuse_cleaned_up_root(at.handler);
+        }
+        nodes += kRefilingNodes;
+    }
+    reserve(nodes_, nodes);
+}
+
+void MessageInit::finish(uint32_t& ident_field) {
+    // "Generic Message" is the identifier first held, and stays known when the
+    // MESSAGESTRING keyword replaces it.
+    ident_field = text_ ? text_->ident() : generic_.ident();
+    fwident_acquire(ident_field);
+    generic_.commit();
+    if (text_)
+        text_->commit();
+    if (scope_)
+        scope_->commit();
+    if (register_)
+        behavior_register(self_);
+    made_default_.commit();
+}
 
 uint32_t default_handler() {
     return the_default;
@@ -161,49 +308,39 @@ uint32_t find_scope(uint32_t handler, uint32_t ident) {
     return scope_in(handler_self(handler), ident);
 }
 
-void send_message(uint32_t handler, uint32_t ident, zok_var* argument) {
-    ChainClimb climb;
-    for (uint32_t h = handler; h != 0;) {
-        climb.visit(h);
-        const Self self = handler_self(h);
-        if (const uint32_t set = scope_in(self, ident)) {
-            deliver(set, argument);
-            return;
-        }
-        h = effective_handler(self);
-    }
+uint32_t receiving_set(uint32_t handler, uint32_t ident) {
+    return climb_to_scope(handler, ident).set;
 }
 
-void deliver(uint32_t set, zok_var* argument) {
-    const BehaviorList receivers(set);
+void deliver(const BehaviorList& receivers, zok_var* argument) {
     const SharedArgument shared(argument, receivers.size());
     for (const uint32_t behavior : receivers)
         execute_behavior(behavior, shared.get());
 }
 
+void send_message(uint32_t handler, uint32_t ident, zok_var* argument) {
+    const BehaviorList receivers(receiving_set(handler, ident));
+    deliver(receivers, argument);
+}
+
 void add_behavior(uint32_t handler, uint32_t behavior) {
     const uint32_t ident = message_ident_of_behavior(behavior);
-    ChainClimb climb;
-    uint32_t h = handler;
-    for (;;) {
-        climb.visit(h);
-        const Self self = handler_self(h);
-        if (const uint32_t set = scope_in(self, ident)) {
-            file_behavior(set, behavior);
-            return;
-        }
-        const uint32_t up = effective_handler(self);
-        if (up == 0)
-            break;
-        h = up;
+    DefaultHandlerGuard made_default;
+    const Reached at = climb_to_scope(handler, ident);
+    MaphReserve nodes;
+    std::optional<ScopePlan> root_scope;
+    if (at.set == 0) {
+        // Nobody scopes the message: the root does from now on.
+        root_scope.emplace(at.handler, ident);
+        if (!root_scope->needed())
+            refuse_cleaned_up_root(at.handler);
+        reserve(nodes, root_scope->nodes());
     }
-    // Nobody scopes the message: the root does from now on.
-    scope_message(h, ident);
-    const uint32_t set = find_scope(h, ident);
-    if (set == 0)
-        host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR,
-                     "ZOKfwMessageHandler: handler %u has been cleaned up", h);
-    file_behavior(set, behavior);
+    reserve(nodes, 2);
+    made_default.commit();
+    if (root_scope)
+        root_scope->commit();
+    file_behavior(at.set != 0 ? at.set : find_scope(at.handler, ident), behavior);
 }
 
 void remove_behavior(uint32_t handler, uint32_t behavior) {
@@ -224,57 +361,13 @@ void remove_behavior(uint32_t handler, uint32_t behavior) {
     }
 }
 
-bool chain_files(uint32_t behavior) {
-    const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
-    const BehaviorFields& f = self.fields<BehaviorFields>();
-    ChainClimb climb;
-    for (uint32_t h = f.myhandler != 0 ? f.myhandler : the_default; h != 0;) {
-        climb.visit(h);
-        const Self at = handler_self(h);
-        const uint32_t set = scope_in(at, f.messident);
-        if (set != 0 && maph_find(set, behavior, behavior_order) != 0)
-            return true;
-        const uint32_t mine = fields_of(at).myhandler;
-        h = mine != 0 ? mine : (h == the_default ? 0 : the_default);
-    }
-    return false;
-}
-
 void scope_message(uint32_t handler, uint32_t ident) {
-    const Self self = handler_self(handler);
-    const uint32_t table = fields_of(self).behaviors;
-    if (table == 0 || scope_in(self, ident) != 0)
-        return;
-    // The table keeps the registry's own identifier of the text, with a use of its own.
-    const zok_string* text = fwident_text(ident);
-    if (text == nullptr)
-        raise_module_message(MSG_FWMSG_IDCORRUPT);
-    // The handler above is found (and the default handler made) before the
-    // table changes, so that running out of memory there changes nothing.
-    const uint32_t above_first = effective_handler(self);
-    const uint32_t key = fwident_acquire_name(text);
-    Undo release_key([key] { fwident_release(key); });
-    const uint32_t set = maph_new();
-    if (set == 0)
-        raise_no_memory("ZOKfwMessageHandler");
-    Undo free_set([set] { maph_free(set); });
-    if (maph_insert_gkey(table, key, set, fwident_order) == 0)
-        raise_no_memory("ZOKfwMessageHandler");
-    free_set.commit();
-    release_key.commit();
-
-    // Pull down the registered behaviours of the nearest enclosing scope.
-    ChainClimb climb;
-    for (uint32_t h = above_first; h != 0;) {
-        climb.visit(h);
-        const Self above = handler_self(h);
-        if (const uint32_t enclosing = scope_in(above, key)) {
-            for (const uint32_t behavior : BehaviorList(enclosing))
-                behavior_reregister(behavior);
-            return;
-        }
-        h = effective_handler(above);
-    }
+    DefaultHandlerGuard made_default;
+    ScopePlan plan(handler, ident);
+    MaphReserve nodes;
+    reserve(nodes, plan.nodes());
+    made_default.commit();
+    plan.commit();
 }
 
 void unscope_message(uint32_t handler, uint32_t ident) {
@@ -284,9 +377,15 @@ void unscope_message(uint32_t handler, uint32_t ident) {
     if (const uint32_t entry = maph_find(table, ident, fwident_order)) {
         const uint32_t set = maph_node_value(entry);
         const uint32_t key = maph_node_key(entry);
-        // The snapshot is the one step that may fail for want of memory: taken
-        // first, it leaves the scope as it was when it does.
         const BehaviorList moving(set, "messagehandler_unscopeMessage");
+        DefaultHandlerGuard made_default;
+        MaphReserve nodes;
+        if (const std::size_t registered = check_movers(moving)) {
+            // Each climbs to the root unless a scope above files it: the root must exist.
+            ensure_default_handler();
+            reserve(nodes, kRefilingNodes * registered);
+        }
+        made_default.commit();
         // Out of the table before anything moves, so that nothing below can find it.
         maph_remove_node(entry);
         const Undo drop_scope([set, key] {
@@ -300,12 +399,9 @@ void unscope_message(uint32_t handler, uint32_t ident) {
     // handler if it was the default one.
     if (handler != the_default)
         return;
-    const uint32_t remaining = fields_of(handler_self(handler)).behaviors;
-    if (!maph_is_empty(remaining))
+    if (!maph_is_empty(fields_of(handler_self(handler)).behaviors))
         return;
-    host_heap_free(handler, 0, 0);
-    maph_free(remaining);
-    the_default = 0;
+    drop_default_handler();
 }
 
 namespace {
@@ -490,23 +586,6 @@ std::string handler_chain_dot(std::span<const uint32_t> handlers) {
     return out + "}\n";
 }
 
-CallMark call_mark() {
-    return CallMark{the_default, fwident_mark()};
-}
-
-void give_back_since(const CallMark& mark) {
-    if (the_default != 0 && the_default != mark.default_handler) {
-        const MessageHandlerFields* f = live_handler(the_default);
-        if (f != nullptr && (f->behaviors == 0 || maph_is_empty(f->behaviors))) {
-            const uint32_t table = f->behaviors;
-            host_heap_free(the_default, 0, 0);
-            maph_free(table);
-            the_default = 0;
-        }
-    }
-    fwident_drop_unused_since(mark.registry);
-}
-
 void messagehandler_session_reset() {
     the_default = 0;
 }
@@ -518,13 +597,19 @@ void messagehandler_forget() {
 namespace {
 
 int32_t messagehandler_initialise(Self self, const HandlerKeywords* keywords) {
-    if (hasahandler_initialise(self, keywords) == 0)
+    // Checked and made before any field changes: an INIT run again on a live
+    // handler fails without a change too.
+    check_handler_keyword(keywords);
+    const uint32_t table = maph_new();
+    if (table == 0)
+        raise_no_memory("ZOKfwMessageHandler::Init");
+    if (hasahandler_initialise(self, keywords) == 0) {
+        maph_free(table);
         return 0;
+    }
     MessageHandlerFields& f = fields_of(self);
     f.messagehandler_version = 1;
-    f.behaviors = maph_new();
-    if (f.behaviors == 0)
-        raise_no_memory("ZOKfwMessageHandler::Init");
+    f.behaviors = table;
     return 1;
 }
 
@@ -536,15 +621,18 @@ void messagehandler_cleanup(Self self) {
     const uint32_t table = f.behaviors;
     if (table == 0)
         return;
-    // Behaviours are not moved anywhere: they are only told they are filed nowhere.
+    // Behaviours are not moved anywhere: they are only told they are filed
+    // nowhere.  Nothing here calls out, so the sets are walked as they are, and
+    // nothing here can fail.
     for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
         fwident_release(maph_node_key(e));
         const uint32_t set = maph_node_value(e);
         if (set == 0 || host_heap_var(set) == nullptr)
             continue;
-        for (const uint32_t behavior : BehaviorList(set))
-            if (auto* b = static_cast<BehaviorFields*>(live_instance(behavior, BEHAVIOR_CLASS)))
-                b->is_registered = 0;
+        for (uint32_t b = maph_first(set); b != set; b = maph_next(b))
+            if (auto* filed =
+                    static_cast<BehaviorFields*>(live_instance(maph_node_key(b), BEHAVIOR_CLASS)))
+                filed->is_registered = 0;
         maph_free(set);
     }
     maph_free(table);
@@ -570,26 +658,29 @@ void messagehandler_restore(Self self) {
     }
 }
 
-// The message argument of the handler's routines, as an identifier: a text
-// (whose use is counted while the routine runs), an identifier, or a message
-// object's identifier.
+// The message argument of the handler's routines, as an identifier: a text's
+// (whose use is counted while the routine runs, the text's entry obtained ahead
+// until the routine commits), an identifier itself, or a message object's.
 class MessageArgument {
 public:
     explicit MessageArgument(const zok_var* v) {
         const bool scalar = (v->flags & ZOK_VF_NOT_SIMPLE) == 0;
         if (scalar && v->type == ZOK_T_STRING) {
-            ident_ = fwident_acquire_name(&v->value.str);
+            text_.emplace(&v->value.str);
+            ident_ = text_->ident();
+            fwident_acquire(ident_);
             counted_ = true;
-            return;
-        }
-        if (scalar && v->type == ZOK_T_POINTER)
+        } else if (scalar && v->type == ZOK_T_POINTER) {
+            // Null or lost, it is still the identifier: only a comparison with a
+            // key raises "FWIdent corruption".
             ident_ = v->value.heap_id;
-        else if (scalar && v->type == ZOK_T_OBJECT)
+        } else if (scalar && v->type == ZOK_T_OBJECT) {
+            // Stricter than reading MESS_IDENT of any object: a message object's
+            // class is checked (-572).
             ident_ = message_ident(v->value.heap_id, "message");
-        else
+        } else {
             host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
-        if (fwident_text(ident_) == nullptr)
-            raise_module_message(MSG_FWMSG_IDCORRUPT);
+        }
     }
     MessageArgument(const MessageArgument&) = delete;
     MessageArgument& operator=(const MessageArgument&) = delete;
@@ -598,8 +689,14 @@ public:
             fwident_release(ident_);
     }
     uint32_t ident() const { return ident_; }
+    // The routine can no longer fail, or is about to call out.
+    void commit() {
+        if (text_)
+            text_->commit();
+    }
 
 private:
+    std::optional<IdentReservation> text_;
     uint32_t ident_ = 0;
     bool counted_ = false;
 };
@@ -616,29 +713,31 @@ zok_var* messagehandler_init(int32_t argc, zok_var** argv, zok_keywords* kw) {
 
 zok_var* messagehandler_behaviors(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = messagehandler_self(argv);
-    const MessageArgument message(argv[1]);
+    MessageArgument message(argv[1]);
     const uint32_t set = scope_in(self, message.ident());
     const size_t count = set != 0 ? maph_count(set) : 0;
     zok_var* result = nullptr;
     if (count == 0) {
         result = host_temp_var();
         result->type = ZOK_T_OBJECT;
-        return result;
+    } else {
+        auto* ids = static_cast<uint32_t*>(
+            host_make_temp_vector(ZOK_T_OBJECT, static_cast<int32_t>(count), 1, &result));
+        for (uint32_t e = maph_first(set); e != set; e = maph_next(e))
+            *ids++ = maph_node_key(e);
     }
-    auto* ids = static_cast<uint32_t*>(
-        host_make_temp_vector(ZOK_T_OBJECT, static_cast<int32_t>(count), 1, &result));
-    for (uint32_t e = maph_first(set); e != set; e = maph_next(e))
-        *ids++ = maph_node_key(e);
+    message.commit();
     return result;
 }
 
 zok_var* messagehandler_isscoped(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = messagehandler_self(argv);
-    const MessageArgument message(argv[1]);
+    MessageArgument message(argv[1]);
     const bool scoped = scope_in(self, message.ident()) != 0;
     zok_var* result = host_temp_var();
     result->type = ZOK_T_SHORT;
     result->value.short_val = scoped ? 1 : 0;
+    message.commit();
     return result;
 }
 
@@ -683,47 +782,42 @@ void messagehandler_restore_method(int32_t, zok_var** argv, zok_keywords*) {
 
 void messagehandler_scopemessage(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = messagehandler_self(argv);
-    const MessageArgument message(argv[1]);
+    MessageArgument message(argv[1]);
     scope_message(self.heap_id, message.ident());
+    message.commit();
 }
 
 void messagehandler_sendmessage(int32_t argc, zok_var** argv, zok_keywords*) {
     const Self self = messagehandler_self(argv);
-    const MessageArgument message(argv[1]);
-    send_message(self.heap_id, message.ident(), argc == 3 ? argv[2] : nullptr);
+    MessageArgument message(argv[1]);
+    DefaultHandlerGuard made_default;
+    const BehaviorList receivers(receiving_set(self.heap_id, message.ident()));
+    message.commit();
+    made_default.commit();
+    deliver(receivers, argc == 3 ? argv[2] : nullptr);
 }
 
 void messagehandler_unscopemessage(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = messagehandler_self(argv);
-    const MessageArgument message(argv[1]);
+    MessageArgument message(argv[1]);
     unscope_message(self.heap_id, message.ident());
+    message.commit();
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<messagehandler_behaviors>, "ZOKFWMESSAGEHANDLER::BEHAVIORS", 2,
-                   2),
-    function_entry(messaging_routine<messagehandler_init>, "ZOKFWMESSAGEHANDLER::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<messagehandler_isscoped>, "ZOKFWMESSAGEHANDLER::ISSCOPED", 2,
-                   2),
-    function_entry(messaging_routine<messagehandler_scopedmessages>,
-                   "ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1),
+    function_entry(messagehandler_behaviors, "ZOKFWMESSAGEHANDLER::BEHAVIORS", 2, 2),
+    function_entry(messagehandler_init, "ZOKFWMESSAGEHANDLER::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(messagehandler_isscoped, "ZOKFWMESSAGEHANDLER::ISSCOPED", 2, 2),
+    function_entry(messagehandler_scopedmessages, "ZOKFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<messagehandler_addbehavior>,
-                    "ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3),
-    procedure_entry(messaging_routine<messagehandler_cleanup_method>,
-                    "ZOKFWMESSAGEHANDLER::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<messagehandler_removebehavior>,
-                    "ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3),
-    procedure_entry(messaging_routine<messagehandler_restore_method>,
-                    "ZOKFWMESSAGEHANDLER::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<messagehandler_scopemessage>,
-                    "ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2),
-    procedure_entry(messaging_routine<messagehandler_sendmessage>,
-                    "ZOKFWMESSAGEHANDLER::SENDMESSAGE", 2, 3),
-    procedure_entry(messaging_routine<messagehandler_unscopemessage>,
-                    "ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2),
+    procedure_entry(messagehandler_addbehavior, "ZOKFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3),
+    procedure_entry(messagehandler_cleanup_method, "ZOKFWMESSAGEHANDLER::CLEANUP", 1, 1),
+    procedure_entry(messagehandler_removebehavior, "ZOKFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3),
+    procedure_entry(messagehandler_restore_method, "ZOKFWMESSAGEHANDLER::RESTORE", 1, 1),
+    procedure_entry(messagehandler_scopemessage, "ZOKFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2),
+    procedure_entry(messagehandler_sendmessage, "ZOKFWMESSAGEHANDLER::SENDMESSAGE", 2, 3),
+    procedure_entry(messagehandler_unscopemessage, "ZOKFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2),
 };
 
 } // namespace

@@ -11,10 +11,14 @@
 // the wrapping difference) to 0.
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <span>
 #include <string>
 
 #include "fw/fw_hashndlr.hpp"
+#include "fw/fw_ident.hpp"
+#include "maps/maph.hpp"
 
 namespace flux {
 
@@ -35,31 +39,103 @@ uint32_t ensure_default_handler();
 // The behaviour set that `handler` itself files under `ident`, or 0.
 uint32_t find_scope(uint32_t handler, uint32_t ident);
 
-// Climbs from `handler` to the first handler that scopes `ident` and delivers
-// there; a message that nobody scopes is dropped.  `argument` may be null.
+// A snapshot of a behaviour set (0: none): its identifiers in set order, in a
+// block ("ZOkfwBehaviorList") that is given back when the snapshot goes (with
+// `free_label` when given).  Every walk over a set that may call out goes over one.
+class BehaviorList {
+public:
+    explicit BehaviorList(uint32_t set, const char* free_label = nullptr);
+    BehaviorList(const BehaviorList&) = delete;
+    BehaviorList& operator=(const BehaviorList&) = delete;
+    ~BehaviorList();
+    const uint32_t* begin() const { return ids_; }
+    const uint32_t* end() const { return ids_ + count_; }
+    std::size_t size() const { return count_; }
+
+private:
+    uint32_t* ids_ = nullptr;
+    std::size_t count_ = 0;
+    const char* free_label_;
+};
+
+// The set of the first handler up the chain from `handler` (itself first) that
+// scopes `ident`, or 0 when none does.  Makes the default handler when the
+// chain reaches it and it does not exist.
+uint32_t receiving_set(uint32_t handler, uint32_t ident);
+// Calls EXECUTE of every behaviour of the snapshot, in its order (ascending
+// identifier).  `argument` may be null.
+void deliver(const BehaviorList& receivers, zok_var* argument);
+// Both: a message that nobody scopes is dropped.
 void send_message(uint32_t handler, uint32_t ident, zok_var* argument);
-// Calls EXECUTE of every behaviour of the set, over a snapshot taken first,
-// in ascending identifier order.
-void deliver(uint32_t set, zok_var* argument);
 
 // Files `behavior` under its message in the nearest scope up the chain from
-// `handler`, scoping the message at the root when nobody does.
+// `handler`, scoping the message at the root when nobody does.  It obtains all
+// it needs before it files anything: it fails without a change, or not at all.
 void add_behavior(uint32_t handler, uint32_t behavior);
 // Takes `behavior` out of the first scope up the chain that files it; the
-// default handler drops a scope that this leaves empty.
+// default handler drops a scope that this leaves empty.  Makes nothing.
 void remove_behavior(uint32_t handler, uint32_t behavior);
-
-// Whether a scope up the behaviour's own chain files it under its message;
-// makes nothing (a chain that reaches no default handler ends there).
-bool chain_files(uint32_t behavior);
 
 // Makes `handler` scope `ident` and pulls down the registered behaviours of
 // the nearest enclosing scope whose chains pass through it.
 void scope_message(uint32_t handler, uint32_t ident);
 // Removes the scope; its registered behaviours move to the next enclosing
 // scope, the others are dropped.  The default handler goes when it has no
-// scope left.
+// scope left.  Both obtain all they need before they change anything.
 void unscope_message(uint32_t handler, uint32_t ident);
+
+// The default handler obtained for a call that may still fail: one made while
+// the guard is armed (there was none when it began) goes again, empty, unless
+// the call commits before it files anything in it or calls out.
+class DefaultHandlerGuard {
+public:
+    DefaultHandlerGuard();
+    DefaultHandlerGuard(const DefaultHandlerGuard&) = delete;
+    DefaultHandlerGuard& operator=(const DefaultHandlerGuard&) = delete;
+    ~DefaultHandlerGuard();
+    void commit() { armed_ = false; }
+
+private:
+    bool armed_;
+};
+
+// A scope about to be made in `handler` for `ident`, with all it needs found
+// and obtained: the key's identifier, the snapshot of the enclosing scope whose
+// registered behaviours it pulls down (each checked), the default handler when
+// the chain needs it.  With nodes() tree nodes reserved, commit() cannot fail.
+class ScopePlan {
+public:
+    ScopePlan(uint32_t handler, uint32_t ident);
+    bool needed() const { return key_.has_value(); }
+    std::size_t nodes() const;
+    void commit();
+
+private:
+    uint32_t handler_;
+    std::optional<IdentReservation> key_;
+    std::optional<BehaviorList> movers_;
+    std::size_t registered_ = 0;
+};
+
+// The message part of a behaviour's or a message's INIT, in two steps so that
+// the class's own work, which may fail, runs between them: the constructor
+// obtains every identifier, tree node and default handler that the MESSAGESTRING,
+// SCOPE and (for a behaviour) REGISTER keywords need; finish() stores the
+// message's identifier in `ident_field`, scopes and registers, and cannot fail.
+class MessageInit {
+public:
+    MessageInit(Self self, const KeywordFront* keywords, bool may_register);
+    void finish(uint32_t& ident_field);
+
+private:
+    Self self_;
+    bool register_;
+    DefaultHandlerGuard made_default_;
+    IdentReservation generic_;
+    std::optional<IdentReservation> text_;
+    std::optional<ScopePlan> scope_;
+    MaphReserve nodes_;
+};
 
 // ---- Diagnostics.
 // The first broken invariant of a handler's scope table, or "" when sound:
@@ -73,32 +149,6 @@ std::string messagehandler_check_structure(uint32_t handler);
 // A Graphviz picture of the handlers, the chains above them, their scopes and
 // the behaviours filed in each; nothing is made or changed to draw it.
 std::string handler_chain_dot(std::span<const uint32_t> handlers);
-
-// What a messaging routine has made so far, taken as it starts.  When the
-// routine ends with an error, a default handler that it made on its way (one
-// is made on first need) and that files nothing, and the identifiers it made
-// that count no use, are given back, so that a failed call leaves the host as
-// it found it.
-struct CallMark {
-    uint32_t default_handler;
-    uint64_t registry;
-};
-CallMark call_mark();
-void give_back_since(const CallMark& mark);
-
-// Every routine of the messaging classes runs through this.  The give-back
-// sits in a handler, so the call path of a routine that succeeds (a delivery's
-// EXECUTE among them) pays nothing for it.
-template <auto Routine>
-auto messaging_routine(int32_t argc, zok_var** argv, zok_keywords* kw) {
-    const CallMark mark = call_mark();
-    try {
-        return Routine(argc, argv, kw);
-    } catch (...) {
-        give_back_since(mark);
-        throw;
-    }
-}
 
 void messagehandler_session_reset();
 void messagehandler_forget();

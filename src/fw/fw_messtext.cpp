@@ -1,31 +1,9 @@
 #include "fw/fw_messtext.hpp"
 
-#include <cstring>
-
 #include "frame/host_api.hpp"
 #include "fw/fw_ident.hpp"
 
 namespace flux {
-
-uint32_t acquire_message_ident(const char* text) {
-    // A borrowed descriptor: the registry copies the text when it keeps it.
-    const zok_string borrowed{static_cast<uint32_t>(std::strlen(text)), 0, 0,
-                              const_cast<char*>(text)};
-    return fwident_acquire_name(&borrowed);
-}
-
-uint32_t initial_message_ident(const KeywordFront* keywords, const char* routine) {
-    uint32_t ident = acquire_message_ident("Generic Message");
-    if (keywords == nullptr || keywords->messagestring_given == 0)
-        return ident;
-    Undo release_ident([&ident] { fwident_release(ident); });
-    zok_var text{};
-    text.type = ZOK_T_STRING;
-    text.value.str = keywords->messagestring;
-    replace_message_ident(ident, &text, routine);
-    release_ident.commit();
-    return ident;
-}
 
 zok_var* message_text_result(uint32_t ident) {
     TempGuard result(host_temp_var());

@@ -10,13 +10,6 @@
 
 namespace flux {
 
-// The identifier of a fixed text, one use counted.
-uint32_t acquire_message_ident(const char* text);
-
-// The identifier an INIT starts with: that of "Generic Message", replaced by
-// that of the MESSAGESTRING keyword when it was given; one use counted.
-uint32_t initial_message_ident(const KeywordFront* keywords, const char* routine);
-
 // A temporary string holding its own copy of the identifier's text, or
 // "ERROR" when the identifier has lost its heap variable.
 zok_var* message_text_result(uint32_t ident);

@@ -4,6 +4,7 @@
 
 #include "fw/fw_messhndlr.hpp"
 
+#include <optional>
 #include <string>
 
 #include "fw/fw_ident.hpp"
@@ -53,26 +54,25 @@ void objbehav_set_method(Self self, const zok_var* text) {
 namespace {
 
 int32_t objbehav_initialise(Self self, const ObjBehavKeywords& k) {
-    if (behavior_initialise(self, &k.front) == 0)
-        return 0;
-    ObjBehavFields& f = fields_of(self);
-    f.objbehav_version = 1;
-    f.object = 0;
-    f.meth_ident = 0;
-    try {
-        f.meth_ident = acquire_message_ident("UnitializedMethod");
+    return behavior_initialise(self, &k.front, [&] {
+        IdentReservation uninitialised("UnitializedMethod");
+        std::optional<IdentReservation> method;
         if (k.method_given != 0)
+            method.emplace(&k.method);
+        // Nothing below can fail: both identifiers exist.
+        ObjBehavFields& f = fields_of(self);
+        f.objbehav_version = 1;
+        f.object = 0;
+        f.meth_ident = uninitialised.ident();
+        fwident_acquire(f.meth_ident);
+        uninitialised.commit();
+        if (method) {
             replace_method_ident(f.meth_ident, k.method);
-    } catch (...) {
-        // The host frees an object whose INIT raises without its CLEANUP.
-        if (f.meth_ident != 0)
-            fwident_release(f.meth_ident);
-        behavior_cleanup(self);
-        throw;
-    }
-    if (k.object_given != 0)
-        f.object = k.object;
-    return 1;
+            method->commit();
+        }
+        if (k.object_given != 0)
+            f.object = k.object;
+    });
 }
 
 void objbehav_cleanup(Self self) {
@@ -142,16 +142,16 @@ void objbehav_setobject(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<objbehav_init>, "ZOKFWOBJBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<objbehav_method>, "ZOKFWOBJBEHAV::METHOD", 1, 1),
-    function_entry(messaging_routine<objbehav_object>, "ZOKFWOBJBEHAV::OBJECT", 1, 1),
+    function_entry(objbehav_init, "ZOKFWOBJBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(objbehav_method, "ZOKFWOBJBEHAV::METHOD", 1, 1),
+    function_entry(objbehav_object, "ZOKFWOBJBEHAV::OBJECT", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<objbehav_cleanup_method>, "ZOKFWOBJBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<objbehav_execute_method>, "ZOKFWOBJBEHAV::EXECUTE", 1, 2),
-    procedure_entry(messaging_routine<objbehav_restore_method>, "ZOKFWOBJBEHAV::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<objbehav_setmethod>, "ZOKFWOBJBEHAV::SETMETHOD", 2, 2),
-    procedure_entry(messaging_routine<objbehav_setobject>, "ZOKFWOBJBEHAV::SETOBJECT", 2, 2),
+    procedure_entry(objbehav_cleanup_method, "ZOKFWOBJBEHAV::CLEANUP", 1, 1),
+    procedure_entry(objbehav_execute_method, "ZOKFWOBJBEHAV::EXECUTE", 1, 2),
+    procedure_entry(objbehav_restore_method, "ZOKFWOBJBEHAV::RESTORE", 1, 1),
+    procedure_entry(objbehav_setmethod, "ZOKFWOBJBEHAV::SETMETHOD", 2, 2),
+    procedure_entry(objbehav_setobject, "ZOKFWOBJBEHAV::SETOBJECT", 2, 2),
 };
 
 } // namespace

@@ -26,14 +26,22 @@ void take_name(Self self, const zok_string& text) {
 
 int32_t routine_behavior_initialise(const RoutineBehavWords& words, Self self,
                                     const KeywordFront& front, const zok_string* name) {
-    if (behavior_initialise(self, &front) == 0)
-        return 0;
-    RoutineBehavFields& f = fields_of(self);
-    f.routine_version = 1;
-    host_string_store(&f.name, words.default_name);
-    if (name != nullptr)
-        take_name(self, *name);
-    return 1;
+    return behavior_initialise(self, &front, [&] {
+        // Both texts are made before the fields change.
+        zok_string given{};
+        if (name != nullptr) {
+            given = *name;
+            host_string_duplicate(&given, 1);
+        }
+        Undo drop_given([&given] { host_string_release(&given, 1); });
+        zok_string default_name{};
+        host_string_store(&default_name, words.default_name);
+        drop_given.commit();
+        RoutineBehavFields& f = fields_of(self);
+        f.routine_version = 1;
+        // The default text is deliberately not released when the given one replaces it.
+        f.name = name != nullptr ? given : default_name;
+    });
 }
 
 void routine_behavior_cleanup(Self self) {
@@ -93,15 +101,14 @@ using Routines =
                          &ProcBehavKeywords::procedure>;
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<Routines::init>, "ZOKFWPROCBEHAV::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<Routines::name>, "ZOKFWPROCBEHAV::PROC", 1, 1),
+    function_entry(Routines::init, "ZOKFWPROCBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(Routines::name, "ZOKFWPROCBEHAV::PROC", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<Routines::cleanup>, "ZOKFWPROCBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<Routines::execute>, "ZOKFWPROCBEHAV::EXECUTE", 1, 2),
-    procedure_entry(messaging_routine<Routines::restore>, "ZOKFWPROCBEHAV::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<Routines::set_name>, "ZOKFWPROCBEHAV::SETPROC", 2, 2),
+    procedure_entry(Routines::cleanup, "ZOKFWPROCBEHAV::CLEANUP", 1, 1),
+    procedure_entry(Routines::execute, "ZOKFWPROCBEHAV::EXECUTE", 1, 2),
+    procedure_entry(Routines::restore, "ZOKFWPROCBEHAV::RESTORE", 1, 1),
+    procedure_entry(Routines::set_name, "ZOKFWPROCBEHAV::SETPROC", 2, 2),
 };
 
 } // namespace

@@ -82,14 +82,14 @@ void query_setresult(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<query_init>, "ZOKFWQUERY::INIT", 1, 1, ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<query_result>, "ZOKFWQUERY::RESULT", 1, 1),
-    function_entry(messaging_routine<query_sendquery>, "ZOKFWQUERY::SENDQUERY", 1, 1),
+    function_entry(query_init, "ZOKFWQUERY::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(query_result, "ZOKFWQUERY::RESULT", 1, 1),
+    function_entry(query_sendquery, "ZOKFWQUERY::SENDQUERY", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<query_cleanup>, "ZOKFWQUERY::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<query_restore>, "ZOKFWQUERY::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<query_setresult>, "ZOKFWQUERY::SETRESULT", 2, 2),
+    procedure_entry(query_cleanup, "ZOKFWQUERY::CLEANUP", 1, 1),
+    procedure_entry(query_restore, "ZOKFWQUERY::RESTORE", 1, 1),
+    procedure_entry(query_setresult, "ZOKFWQUERY::SETRESULT", 2, 2),
 };
 
 } // namespace

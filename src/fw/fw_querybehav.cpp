@@ -22,14 +22,13 @@ Self querybehav_self(zok_var** argv) {
 }
 
 int32_t querybehav_initialise(Self self, const QueryBehavKeywords& k) {
-    if (behavior_initialise(self, &k.front) == 0)
-        return 0;
-    QueryBehavFields& f = fields_of(self);
-    f.querybehav_version = 1;
-    f.response = 0;
-    if (k.response_given != 0)
-        held_value_set(f.response, k.response);
-    return 1;
+    return behavior_initialise(self, &k.front, [&] {
+        QueryBehavFields& f = fields_of(self);
+        f.querybehav_version = 1;
+        f.response = 0;
+        if (k.response_given != 0)
+            held_value_set(f.response, k.response);
+    });
 }
 
 zok_var* querybehav_init(int32_t argc, zok_var** argv, zok_keywords* kw) {
@@ -48,7 +47,8 @@ void querybehav_cleanup(int32_t, zok_var** argv, zok_keywords*) {
 }
 
 // The query's result is written at its place in a query's fields, so the
-// data must be a query: another object has no such place.
+// data must be a query: another object, having no such place, is refused
+// (-572) rather than written into, deliberately.
 void querybehav_execute(int32_t, zok_var** argv, zok_keywords*) {
     const Self self = querybehav_self(argv);
     const Self query = resolve_instance(object_argument(argv[1]), QUERY_CLASS, "1");
@@ -69,16 +69,14 @@ void querybehav_setresponse(int32_t argc, zok_var** argv, zok_keywords*) {
 }
 
 constexpr zok_routine_entry functions[] = {
-    function_entry(messaging_routine<querybehav_init>, "ZOKFWQUERYBEHAV::INIT", 1, 1,
-                   ZOK_RT_KEYWORDS),
-    function_entry(messaging_routine<querybehav_response>, "ZOKFWQUERYBEHAV::RESPONSE", 1, 1),
+    function_entry(querybehav_init, "ZOKFWQUERYBEHAV::INIT", 1, 1, ZOK_RT_KEYWORDS),
+    function_entry(querybehav_response, "ZOKFWQUERYBEHAV::RESPONSE", 1, 1),
 };
 constexpr zok_routine_entry procedures[] = {
-    procedure_entry(messaging_routine<querybehav_cleanup>, "ZOKFWQUERYBEHAV::CLEANUP", 1, 1),
-    procedure_entry(messaging_routine<querybehav_execute>, "ZOKFWQUERYBEHAV::EXECUTE", 2, 2),
-    procedure_entry(messaging_routine<querybehav_restore>, "ZOKFWQUERYBEHAV::RESTORE", 1, 1),
-    procedure_entry(messaging_routine<querybehav_setresponse>, "ZOKFWQUERYBEHAV::SETRESPONSE", 1,
-                    2),
+    procedure_entry(querybehav_cleanup, "ZOKFWQUERYBEHAV::CLEANUP", 1, 1),
+    procedure_entry(querybehav_execute, "ZOKFWQUERYBEHAV::EXECUTE", 2, 2),
+    procedure_entry(querybehav_restore, "ZOKFWQUERYBEHAV::RESTORE", 1, 1),
+    procedure_entry(querybehav_setresponse, "ZOKFWQUERYBEHAV::SETRESPONSE", 1, 2),
 };
 
 } // namespace

@@ -9,8 +9,14 @@
 #include <cstdint>
 
 #include "maps/rbh.hpp"
+#include "maps/rbh_access.hpp"
 
 namespace flux {
+
+// Nodes made ahead: while one lives, maph_new and the insertions take their nodes from it
+// (see tree::Tree::Reserve), so that a caller who reserved enough cannot fail half way.
+// An empty map needs 1 node, an insertion 2.
+using MaphReserve = RbhTree::Reserve;
 
 uint32_t maph_new();
 // Replaces the entry with an equal key, if any, by a new one.  The new entry, or 0 when

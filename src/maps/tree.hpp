@@ -108,11 +108,79 @@ struct Tree {
     }
     static Ref sibling(Ref n) { return child(parent(n), opposite(side(n))); }
 
+    // ---- Nodes made ahead.
+
+    // While a Reserve lives, every node the tree needs comes from it while it has any, so
+    // that a caller who reserved enough makes and fills trees without a failure for want
+    // of memory.  Reserves nest: an inner one takes its nodes from the outer ones before
+    // it makes any, and hands back what it did not use.  Spare nodes are chained through
+    // their left link; the innermost reserve is the one in use.
+    class Reserve {
+    public:
+        Reserve() : outer_(innermost()) { innermost() = this; }
+        Reserve(const Reserve&) = delete;
+        Reserve& operator=(const Reserve&) = delete;
+        ~Reserve() {
+            innermost() = outer_;
+            for (Ref n = take(); n != Ref{}; n = take()) {
+                if (outer_ != nullptr)
+                    outer_->put(n);
+                else
+                    A::free(n, "map_rb_reserve");
+            }
+        }
+        // Holds `count` more nodes; false when memory runs out (the nodes held stay held).
+        bool add(std::size_t count) {
+            for (; count > 0; --count) {
+                Ref n = outer_ != nullptr ? outer_->take_any() : Ref{};
+                if (n == Ref{} && (n = A::make()) == Ref{})
+                    return false;
+                put(n);
+            }
+            return true;
+        }
+
+    private:
+        friend Tree;
+        void put(Ref n) {
+            A::set_left(A::at(n), spare_);
+            spare_ = n;
+        }
+        Ref take() {
+            Ref n = spare_;
+            if (n != Ref{})
+                spare_ = A::left(A::at(n));
+            return n;
+        }
+        // A spare node of this reserve or of one around it.
+        Ref take_any() {
+            for (Reserve* r = this; r != nullptr; r = r->outer_)
+                if (Ref n = r->take(); n != Ref{})
+                    return n;
+            return Ref{};
+        }
+        static Reserve*& innermost() {
+            static Reserve* current = nullptr;
+            return current;
+        }
+
+        Reserve* outer_;
+        Ref spare_{};
+    };
+
+    // A node from the reserves, else a new one; none when allocation fails.
+    static Ref make_node() {
+        if (Reserve* r = Reserve::innermost())
+            if (Ref n = r->take_any(); n != Ref{})
+                return n;
+        return A::make();
+    }
+
     // ---- Making and searching.
 
     // A head whose three links name itself; none when allocation fails.
     static Ref new_tree() {
-        Ref h = A::make();
+        Ref h = make_node();
         if (h == Ref{})
             return h;
         auto v = A::at(h);
@@ -169,14 +237,14 @@ struct Tree {
     // made.  Both nodes are made before anything is linked, so a failure, returned or
     // raised, changes nothing.
     static Ref insert_before(Ref pos, Word k, Word val, const char* label) {
-        Ref leaf = A::make();
+        Ref leaf = make_node();
         if (leaf == Ref{})
             return leaf;
         Unlinked unlinked{leaf, label};
         bool empty = is(pos, head) && parent(pos) == pos;
         Ref node{};
         if (!empty) {
-            node = A::make();
+            node = make_node();
             if (node == Ref{})
                 return node;
         }

@@ -90,9 +90,9 @@ protected:
         host.call_method(message, "SEND", args);
         return executed;
     }
-    std::vector<uint32_t> send_from(ObjectRef handler, const std::string& text) {
+    std::vector<uint32_t> send_from(ObjectRef handler, const Value& message) {
         executed.clear();
-        host.call_method(handler, "SENDMESSAGE", {text});
+        host.call_method(handler, "SENDMESSAGE", {message});
         return executed;
     }
     std::vector<std::string> scoped(ObjectRef handler) {

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -52,32 +51,4 @@ void expect_module_error(int32_t code, const std::string& text, F&& f) {
     zok::Error e = expect_error(code, std::forward<F>(f));
     EXPECT_EQ(e.text(), text);
     EXPECT_EQ(e.block(), "ZOK_MBLK_FLUXTOOLS");
-}
-
-// Fails the 1st, 2nd, ... allocation of `attempt` in turn until it succeeds;
-// after each failure the faults are cleared and `after_failure(nth)` checks that
-// nothing changed.  Expects success within `limit` tries and at least
-// `min_failures` failures on the way, so that the sweep did reach the failure
-// paths.  Returns every distinct error raised on the way, as "code: text".
-template <typename Attempt, typename Check>
-std::set<std::string> sweep_allocation_failures(zok::Host& host, uint64_t limit, Attempt&& attempt,
-                                                Check&& after_failure, int min_failures = 3) {
-    std::set<std::string> raised;
-    int failures = 0;
-    for (uint64_t nth = 1; nth < limit; ++nth) {
-        host.fail_allocation(nth);
-        try {
-            attempt();
-            host.clear_faults();
-            EXPECT_GE(failures, min_failures) << "the sweep reached too few failure paths";
-            return raised;
-        } catch (const zok::Error& e) {
-            raised.insert(std::to_string(e.code()) + ": " + e.text());
-            ++failures;
-        }
-        host.clear_faults();
-        after_failure(nth);
-    }
-    ADD_FAILURE() << "no success within " << limit << " allocations";
-    return raised;
 }
