@@ -297,7 +297,8 @@ namespace zok::detail {
 using State = zok::Host::State;
 
 // The live host's state, or null.
-extern State* g_state;
+// Hidden: read by every host entry point, it is reached without the symbol table.
+extern State* g_state [[gnu::visibility("hidden")]];
 [[noreturn]] void no_host();
 
 // The live host's state; throws when no host is alive.
