@@ -200,7 +200,7 @@ void host_message(int32_t code, int32_t action, ...) {
 zok_message_block* host_define_message_block(const char* block_name, int32_t count,
                                              const zok_message_def* messages) {
     State& s = state();
-    auto refuse = [&](std::string why) -> zok_message_block* {
+    auto refuse = [&](const std::string& why) -> zok_message_block* {
         raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
               "Message block " + std::string(block_name ? block_name : "(null)") +
                   " refused: " + why);

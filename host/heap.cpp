@@ -296,7 +296,7 @@ zok_heap_record* host_heap_var(uint32_t id) {
 
 zok_heap_record* host_heap_var_new(int32_t kind, zok_var* value, int32_t mode, int32_t action) {
     State& s = state();
-    auto refuse = [&](int32_t code, std::string why) -> zok_heap_record* {
+    auto refuse = [&](int32_t code, const std::string& why) -> zok_heap_record* {
         raise(code, action, "host_heap_var_new: " + why + where() + ".");
         return nullptr;
     };

@@ -364,7 +364,7 @@ std::vector<RoutineInfo> Host::routines() const {
 
 // ---- Structures
 
-zok_struct_def* Host::define_struct(std::string name, const std::vector<TagSpec>& tags,
+zok_struct_def* Host::define_struct(const std::string& name, const std::vector<TagSpec>& tags,
                                     std::string_view parent) {
     std::string parent_name(parent);
     std::vector<zok_tag_entry> table;
@@ -442,7 +442,7 @@ void Host::set_tag(ObjectRef obj, std::string_view tag, const Value& v) {
 
 // ---- Program variables
 
-void Host::set_var(std::string name, const Value& v) {
+void Host::set_var(const std::string& name, const Value& v) {
     zok_var fresh{};
     to_var(v, fresh);
     zok_var& var = state_->vars[upper(name)];

@@ -220,7 +220,9 @@ struct Ref {
 class Arg {
 public:
     template <typename T>
-    requires std::is_constructible_v<Value, T> Arg(T&& v) : value_(std::forward<T>(v)) {}
+    requires std::is_constructible_v<Value, T>
+    Arg(T&& v) // NOLINT(bugprone-forwarding-reference-overload): the constraint excludes Arg
+        : value_(std::forward<T>(v)) {}
     Arg(Value v) : value_(std::move(v)) {}
     Arg(Ref ref) : ref_(std::move(ref.name)), is_ref_(true) {}
 
@@ -386,7 +388,7 @@ public:
 
     // ---- Structures and classes
     // Same rules as host_make_struct; throws zok::Error when refused.
-    zok_struct_def* define_struct(std::string name, const std::vector<TagSpec>& tags,
+    zok_struct_def* define_struct(const std::string& name, const std::vector<TagSpec>& tags,
                                   std::string_view parent = {});
     zok_struct_def* find_struct(std::string_view name) const;
     // Tag names of a structure in instance order (inherited first).
@@ -403,7 +405,7 @@ public:
     void set_tag(ObjectRef obj, std::string_view tag, const Value& v);
 
     // ---- Program variables (roots of the collection)
-    void set_var(std::string name, const Value& v);
+    void set_var(const std::string& name, const Value& v);
     Value get_var(std::string_view name) const;
     bool has_var(std::string_view name) const;
     void erase_var(std::string_view name);

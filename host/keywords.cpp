@@ -118,6 +118,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         }
         const zok_keyword_entry& e = *match;
         if (by_reference(e)) {
+            // NOLINTNEXTLINE(bugprone-sizeof-expression): the slot holds the pointer itself
             std::memcpy(rec + e.value, &var, sizeof var);
         } else {
             zok_var converted{};

@@ -58,7 +58,7 @@ inline void unpoison([[maybe_unused]] const volatile void* p, [[maybe_unused]] s
 
 class ChunkSource {
 public:
-    static constexpr size_t kChunkSize = 64 * 1024;
+    static constexpr size_t kChunkSize = size_t{64} * 1024;
 
     ChunkSource() = default;
     ~ChunkSource();

@@ -92,23 +92,23 @@ Value::Value(StructValue st)
     : type_(ZOK_T_STRUCT), struct_(std::make_shared<const StructValue>(std::move(st))) {}
 
 Value Value::array(uint8_t type, std::vector<Value> elements) {
-    Value out;
-    out.type_ = type;
-    out.is_array_ = true;
-    std::vector<Value> coerced;
-    coerced.reserve(elements.size());
     for (Value& e : elements) {
         if (e.is_array_)
             throw Error(ZOK_ERR_CONVERSION, "Array elements must be scalars", {});
+        if (e.type_ == type)
+            continue;
         Value c = coerce(e, type);
         if (c.type_ != type)
             throw Error(ZOK_ERR_CONVERSION,
                         "Array element " + e.to_string() + " does not fit an array of " +
                             detail::type_name(type),
                         {});
-        coerced.push_back(std::move(c));
+        e = std::move(c);
     }
-    out.elements_ = std::make_shared<const std::vector<Value>>(std::move(coerced));
+    Value out;
+    out.type_ = type;
+    out.is_array_ = true;
+    out.elements_ = std::make_shared<const std::vector<Value>>(std::move(elements));
     return out;
 }
 
@@ -122,8 +122,10 @@ Value Value::number(uint8_t type, double v) {
     double t = std::trunc(v);
     if (!std::isfinite(t) || t < -9223372036854775808.0 || t >= 18446744073709551616.0)
         throw Error(ZOK_ERR_CONVERSION, "Number out of range for an integer", {});
-    if (type == ZOK_T_ULONG64 && t >= 9223372036854775808.0)
-        return Value(static_cast<uint64_t>(t));
+    // Past the signed range the unsigned bits are taken and, like every
+    // integer, wrapped to the type's width.
+    if (t >= 9223372036854775808.0)
+        return integer(type, static_cast<int64_t>(static_cast<uint64_t>(t)));
     return integer(type, static_cast<int64_t>(t));
 }
 

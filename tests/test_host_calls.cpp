@@ -10,7 +10,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -37,6 +39,8 @@ TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
         {{return_one}, "FLAGS", 0, 0, 0x4, nullptr},
         {{return_one}, "CLASH", 0, 1, 0, nullptr},
         {{return_one}, "GOOD", 0, 1, 0, nullptr}, // twice in one table
+        {{nullptr}, "NOENTRY", 0, 0, 0, nullptr},
+        {{return_one}, "EXTRA", 0, 0, 0, &good},
     };
     for (const zok_routine_entry& entry : bad) {
         const zok_routine_entry table[] = {good, entry};
@@ -312,6 +316,109 @@ void inner(int32_t argc, zok_var** argv, zok_keywords* kw) {
     host_temp_long(7);
     host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "inner");
     host_keywords_free();
+}
+
+// Every message a module may raise through the host, with its text: under the
+// error action it ends the call; under the warning action it is recorded and
+// the call goes on; a message block refused for want of a name or messages
+// records why and gives null.
+TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
+    zok::Host host;
+    struct Case {
+        int32_t code;
+        std::function<void(int32_t action)> raise;
+        const char* text;
+    };
+    const Case cases[] = {
+        {ZOK_MSG_TEXT, [](int32_t a) { host_message(ZOK_MSG_TEXT, a, "%s=%d", "n", 4); }, "n=4"},
+        {ZOK_MSG_ARG_TYPE, [](int32_t a) { host_message(ZOK_MSG_ARG_TYPE, a, "R"); },
+         "Argument of the wrong type in R."},
+        {ZOK_MSG_WRONG_CLASS, [](int32_t a) { host_message(ZOK_MSG_WRONG_CLASS, a, "self", "C"); },
+         "Argument self must be an object of class C."},
+        {ZOK_MSG_NOT_OBJECT, [](int32_t a) { host_message(ZOK_MSG_NOT_OBJECT, a, "R"); },
+         "R: the argument is not an object reference."},
+    };
+    std::vector<std::pair<int32_t, std::string>> plain = {
+        {ZOK_ERR_NOT_STRING, "String expression required."},
+        {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
+        {ZOK_ERR_NOT_OBJECT, "Object reference required."},
+        {ZOK_ERR_NOT_SIMPLE, "Expression must be a scalar."},
+        {ZOK_ERR_INVALID_OBJECT, "Invalid object reference."},
+        {ZOK_ERR_INVALID_POINTER, "Invalid pointer."},
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments."},
+        {ZOK_ERR_NO_KEYWORDS, "Keywords are not allowed."},
+        {ZOK_ERR_NO_MEMORY, "Unable to allocate memory."},
+        {ZOK_ERR_CONVERSION, "Value cannot be converted."},
+        {-1234, "Message -1234 raised."},
+    };
+    std::vector<Case> all(std::begin(cases), std::end(cases));
+    for (const auto& [code, text] : plain)
+        all.push_back({code, [code](int32_t a) { host_message(code, a); }, text.c_str()});
+    for (const Case& c : all) {
+        SCOPED_TRACE(c.text);
+        expect_error(c.code, c.text, [&] { c.raise(ZOK_ACTION_ERROR); });
+        host.clear_messages();
+        c.raise(ZOK_ACTION_WARN);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].text, c.text);
+        EXPECT_EQ(host.messages()[0].action, ZOK_ACTION_WARN);
+    }
+    const zok_message_def nameless[] = {{nullptr, "text"}};
+    for (const auto& [name, count, defs] :
+         {std::tuple{"", 1, nameless}, std::tuple{"B", 0, nameless},
+          std::tuple{"B", 1, nameless}}) {
+        host.clear_messages();
+        EXPECT_EQ(host_define_message_block(name, count, defs), nullptr);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_BAD_ARGUMENT);
+    }
+    EXPECT_TRUE(host.message_blocks().empty());
+}
+
+// Structure definitions and the operations' own arguments: each bad one is
+// refused with its code (recorded under the quiet action, raised under the
+// error action) and defines or makes nothing.
+TEST(HostErrors, BadDefinitionsAndArgumentsAreRefusedAndChangeNothing) {
+    zok::Host host;
+    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
+    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry typed_parent{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry late_parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry nameless{"", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry dimensioned{"D", &a, ZOK_T_LONG, 0, {}};
+    const std::vector<std::pair<const char*, std::vector<zok_tag_entry>>> tables = {
+        {nullptr, {a, end}},        {"S", {end}},
+        {"S", {typed_parent, end}}, {"S", {a, late_parent, end}},
+        {"S", {dimensioned, end}},  {"S", {a, nameless, end}},
+    };
+    for (size_t i = 0; i < tables.size(); ++i) {
+        SCOPED_TRACE(i);
+        host.clear_messages();
+        EXPECT_EQ(host_make_struct(tables[i].first, 16, tables[i].second.data(), 2), nullptr);
+        ASSERT_EQ(host.messages().size(), 1u);
+        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_STRUCT) << host.messages()[0].text;
+    }
+    EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr);
+    EXPECT_EQ(host_make_struct("S", 8, tables[1].second.data(), 2), nullptr);
+    EXPECT_EQ(host.messages().back().code, ZOK_ERR_BAD_ARGUMENT);
+    EXPECT_TRUE(host.struct_names().empty());
+
+    zok_var v{};
+    v.type = ZOK_T_LONG;
+    const std::pair<int32_t, std::function<void()>> calls[] = {
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(5, &v, ZOK_HEAP_NEW_COPY, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, &v, 7, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_lookup_name("X", 1, 1, 2, 0); }},
+        {ZOK_ERR_BAD_ARGUMENT, [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, [&] { host.new_object("NOSUCH"); }},
+    };
+    for (const auto& [code, call] : calls) {
+        const zok::Observation before = host.observe();
+        expect_error(code, call);
+        EXPECT_EQ(zok::difference(before, host.observe()), "");
+    }
 }
 
 TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {

@@ -239,6 +239,12 @@ TEST_F(Rules, CheckerFindsEveryKindOfDamage) {
     damaged("leaves out of order", leaf->key, RbWord{100});
     damaged("a shared child", root->left, root->right);
     damaged("unequal black heights", root->left->status, root->left->status ^ 1u);
+    damaged("a head without its flag", head->status, head->status & ~16u);
+    damaged("a head with a key", head->key, RbWord{1});
+    damaged("a head flag in the tree", leaf->status, leaf->status | 16u);
+    damaged("a second root", leaf->status, leaf->status | 8u);
+    damaged("a child link to the head", root->left, head);
+    damaged("a child link to no node", root->right, nullptr);
     EXPECT_EQ(flux::map_rb_check(head, nullptr), "");
     tree.free();
 

@@ -412,20 +412,32 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
     host.call_method(top, "SCOPEMESSAGE", {"say \"hi\""});
     const ObjectRef b = probe("say \"hi\"", low);
     probe("tock"); // files at the root, so the default handler exists
+    // A behaviour is drawn with its own text, not the scope's it is filed in.
+    host.call_method(b, "SETMESSAGESTRING", {"moved"});
     const ObjectRef root{flux::default_handler()};
     const std::string dot = flux::handler_chain_dot(std::vector{low.id});
     const std::string t = std::to_string(top.id), l = std::to_string(low.id),
-                      r = std::to_string(root.id);
+                      r = std::to_string(root.id), s = "s" + t + "_";
     for (const std::string& line : std::vector<std::string>{
-             "  h" + l + " [shape=box, label=\"handler " + l + "\"];",
+             "  h" + l + " [shape=box, label=\"ZOKFWMESSAGEHANDLER\"];",
              "  h" + l + " -> h" + t + " [style=bold];",
              "  h" + t + " -> h" + r + " [style=bold];",
-             "  h" + r + " [shape=box, peripheries=2, label=\"handler " + r + "\\n(default)\"];",
-             "label=\"say \\\"hi\\\"\"];",
-             "  b" + std::to_string(b.id) + " [shape=box, style=rounded, label=\"behaviour " +
-                 std::to_string(b.id) + "\"];",
+             "  h" + r +
+                 " [shape=box, peripheries=2, label=\"ZOKFWMESSAGEHANDLER\\n(default handler)\"];",
+             " [shape=ellipse, label=\"say \\\"hi\\\"\"];",
+             "  b" + std::to_string(b.id) + " [shape=box, style=rounded, label=\"PROBE\\nmoved\"];",
+             "  b" + std::to_string(b.id) + " -> " + s,
          })
         EXPECT_NE(dot.find(line), std::string::npos) << line << "\n" << dot;
+    EXPECT_NE(flux::handler_chain_dot(std::vector{b.id}).find("label=\"no handler\""),
+              std::string::npos);
+    EXPECT_NE(flux::messagehandler_check(b.id).find("is no live message handler"),
+              std::string::npos);
+    const zok::Value table = host.get_tag(low, "BEHAVIORS");
+    host.set_tag(low, "BEHAVIORS", zok::PointerRef{host.next_heap_id()});
+    EXPECT_NE(flux::messagehandler_check(low.id).find("its scope table has gone"),
+              std::string::npos);
+    host.set_tag(low, "BEHAVIORS", table);
 
     // A behaviour filed without registration and then destroyed stays filed:
     // the checker names it, and the next send meets it.

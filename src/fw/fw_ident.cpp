@@ -287,7 +287,7 @@ std::string fwident_check() {
     for (RbNode* index : {name_index, rollover_index}) {
         if (index == nullptr)
             continue;
-        const std::string tree =
+        std::string tree =
             map_rb_check(index, index == name_index ? compare_names : compare_idents);
         if (!tree.empty())
             return tree;

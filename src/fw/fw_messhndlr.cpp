@@ -501,54 +501,84 @@ std::string messagehandler_check_structure(uint32_t handler) {
     return check_handler(handler, false);
 }
 
+namespace {
+
+// The class of a live object: what the picture calls it, since a program's
+// subclass may stand where a framework class is expected.
+std::string class_name_of(uint32_t id) {
+    const zok_heap_record* rec = host_heap_var(id);
+    return rec != nullptr && rec->var.type == ZOK_T_STRUCT ? rec->var.value.st.def->name : "(gone)";
+}
+
+// A behaviour's own message text, which SETMESSAGESTRING may have moved away
+// from the scope it is filed under.
+std::string behavior_text(uint32_t behavior) {
+    const auto* fields =
+        static_cast<const BehaviorFields*>(live_instance(behavior, BEHAVIOR_CLASS));
+    return fields != nullptr ? text_or_missing(fields->messident) : "(no behaviour)";
+}
+
+// A Graphviz label of two lines, each quoted on its own.
+std::string two_line_label(const std::string& first, const std::string& second) {
+    std::string label = dot_quoted(first);
+    label.back() = '\\';
+    return label + "n" + dot_quoted(second).substr(1);
+}
+
+} // namespace
+
 std::string handler_chain_dot(std::span<const uint32_t> handlers) {
     std::string out = "digraph handlers {\n  rankdir=BT;\n  node [fontname=\"Helvetica\"];\n";
-    char line[160];
+    char node[64];
     std::set<uint32_t> drawn;
     std::set<uint32_t> behaviors_drawn;
+    const auto edge = [&out](const char* from, const char* to, const char* style) {
+        out += std::string("  ") + from + " -> " + to + style + ";\n";
+    };
     for (const uint32_t start : handlers) {
         for (uint32_t h = start; h != 0 && drawn.insert(h).second;) {
+            char handler_node[32];
+            std::snprintf(handler_node, sizeof handler_node, "h%u", h);
             const MessageHandlerFields* f = live_handler(h);
             if (f == nullptr) {
-                std::snprintf(line, sizeof line,
-                              "  h%u [shape=box, style=dashed, label=\"%u: no handler\"];\n", h, h);
-                out += line;
+                out += std::string("  ") + handler_node +
+                       " [shape=box, style=dashed, label=\"no handler\"];\n";
                 break;
             }
             const bool is_default = h == the_default;
-            std::snprintf(line, sizeof line, "  h%u [shape=box, %slabel=\"handler %u%s\"];\n", h,
-                          is_default ? "peripheries=2, " : "", h, is_default ? "\\n(default)" : "");
-            out += line;
+            out += std::string("  ") + handler_node + " [shape=box, " +
+                   (is_default ? "peripheries=2, " : "") + "label=" +
+                   (is_default ? two_line_label(class_name_of(h), "(default handler)")
+                               : dot_quoted(class_name_of(h))) +
+                   "];\n";
             const uint32_t table = f->behaviors;
             if (table != 0 && host_heap_var(table) != nullptr) {
                 for (uint32_t e = maph_first(table); e != table; e = maph_next(e)) {
                     const uint32_t key = maph_node_key(e);
                     const uint32_t set = maph_node_value(e);
-                    std::snprintf(line, sizeof line, "  s%u_%u [shape=ellipse, label=", h, key);
-                    out += line + dot_quoted(text_or_missing(key)) + "];\n";
-                    std::snprintf(line, sizeof line, "  s%u_%u -> h%u [arrowhead=none];\n", h, key,
-                                  h);
-                    out += line;
+                    char scope_node[48];
+                    std::snprintf(scope_node, sizeof scope_node, "s%u_%u", h, key);
+                    out += std::string("  ") + scope_node +
+                           " [shape=ellipse, label=" + dot_quoted(text_or_missing(key)) + "];\n";
+                    edge(scope_node, handler_node, " [arrowhead=none]");
                     if (set == 0 || host_heap_var(set) == nullptr)
                         continue;
                     for (uint32_t b = maph_first(set); b != set; b = maph_next(b)) {
                         const uint32_t behavior = maph_node_key(b);
-                        if (behaviors_drawn.insert(behavior).second) {
-                            std::snprintf(
-                                line, sizeof line,
-                                "  b%u [shape=box, style=rounded, label=\"behaviour %u\"];\n",
-                                behavior, behavior);
-                            out += line;
-                        }
-                        std::snprintf(line, sizeof line, "  b%u -> s%u_%u;\n", behavior, h, key);
-                        out += line;
+                        std::snprintf(node, sizeof node, "b%u", behavior);
+                        if (behaviors_drawn.insert(behavior).second)
+                            out +=
+                                std::string("  ") + node + " [shape=box, style=rounded, label=" +
+                                two_line_label(class_name_of(behavior), behavior_text(behavior)) +
+                                "];\n";
+                        edge(node, scope_node, "");
                     }
                 }
             }
             const uint32_t up = f->myhandler != 0 ? f->myhandler : (is_default ? 0 : the_default);
             if (up != 0) {
-                std::snprintf(line, sizeof line, "  h%u -> h%u [style=bold];\n", h, up);
-                out += line;
+                std::snprintf(node, sizeof node, "h%u", up);
+                edge(handler_node, node, " [style=bold]");
             }
             h = up;
         }

@@ -112,13 +112,13 @@ public:
             h,
             [&](Ref n, int depth) {
                 auto v = A::at(n);
-                out.append(2 * depth, ' ');
+                out.append(2 * static_cast<size_t>(depth), ' ');
                 out += A::has(v, red) ? "R " : "B ";
                 out += A::has(v, internal) ? "I" : "L " + key_text(A::key(v));
                 out += '\n';
             },
             [&](Ref n, int depth) {
-                out.append(2 * depth, ' ');
+                out.append(2 * static_cast<size_t>(depth), ' ');
                 out += "? " + hex(A::number(n)) + '\n';
             });
         return out;
