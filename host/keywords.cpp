@@ -87,7 +87,10 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
     static const zok_keywords none;
     Held held;
     for (const auto& [given_name, var] : (kw ? kw : &none)->entries) {
-        std::string name = upper(given_name);
+        // Names from the program API come upper-cased already and need no copy.
+        const std::string upper_copy = is_upper(given_name) ? std::string() : upper(given_name);
+        const std::string_view name =
+            upper_copy.empty() ? std::string_view(given_name) : upper_copy;
         const zok_keyword_entry* match = nullptr;
         int prefixes = 0;
         for (size_t i = 1; i < n; ++i) {
@@ -104,12 +107,13 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         }
         if (prefixes == 0) {
             raise(ZOK_ERR_UNKNOWN_KEYWORD, ZOK_ACTION_ERROR,
-                  "Keyword " + name + " not allowed in call to: " + running_routine() + ".");
+                  "Keyword " + std::string(name) + " not allowed in call to: " + running_routine() +
+                      ".");
             return 0;
         }
         if (prefixes > 1) {
             raise(ZOK_ERR_AMBIGUOUS_KEYWORD, ZOK_ACTION_ERROR,
-                  "Ambiguous keyword abbreviation: " + name + where() + ".");
+                  "Ambiguous keyword abbreviation: " + std::string(name) + where() + ".");
             return 0;
         }
         const zok_keyword_entry& e = *match;

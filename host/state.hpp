@@ -106,8 +106,18 @@ struct StructInfo {
     std::unordered_map<const zok_name*, Routine*> methods;
 
     const Tag* find_tag(std::string_view tag) const;
+    // find_tag for a module's C name: a name looked up before from the same
+    // address costs one comparison with the tag it found then.
+    const Tag* find_tag(const char* tag) const;
     // Whether this structure is `ancestor` or inherits from it.
     bool derives_from(const StructInfo* ancestor) const;
+
+private:
+    struct TagHit {
+        const char* address = nullptr;
+        const Tag* tag = nullptr;
+    };
+    mutable std::array<TagHit, 8> tag_hits_{}; // by name address
 };
 
 // A registered routine, from a module (C entry point) or a program (callable).
@@ -287,7 +297,8 @@ namespace zok::detail {
 using State = zok::Host::State;
 
 // The live host's state, or null.
-extern State* g_state;
+// Hidden: read by every host entry point, it is reached without the symbol table.
+extern State* g_state [[gnu::visibility("hidden")]];
 [[noreturn]] void no_host();
 
 // The live host's state; throws when no host is alive.

@@ -55,6 +55,18 @@ const StructInfo::Tag* StructInfo::find_tag(std::string_view tag) const {
     return nullptr;
 }
 
+const StructInfo::Tag* StructInfo::find_tag(const char* tag) const {
+    const auto address = reinterpret_cast<uintptr_t>(tag);
+    TagHit& hit = tag_hits_[(address ^ (address >> 5)) % tag_hits_.size()];
+    // The text at an address may change between calls: the hit is checked against it.
+    if (hit.address == tag && std::strcmp(hit.tag->name.c_str(), tag) == 0)
+        return hit.tag;
+    const Tag* found = find_tag(std::string_view(tag));
+    if (found)
+        hit = {tag, found};
+    return found;
+}
+
 bool StructInfo::derives_from(const StructInfo* ancestor) const {
     for (const StructInfo* c = this; c; c = c->parent)
         if (c == ancestor)

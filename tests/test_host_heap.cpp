@@ -170,6 +170,11 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
     EXPECT_EQ(offset("FLAG"), 16);
     EXPECT_EQ(offset("TEXT"), 24);
     EXPECT_EQ(offset("PTR"), 40);
+    // A name at an address looked up before may hold another name now.
+    char reused[8] = "OWN";
+    EXPECT_EQ(offset(reused), 12);
+    std::strcpy(reused, "FLAG");
+    EXPECT_EQ(offset(reused), 16);
     EXPECT_EQ(child->size, 48u);
     EXPECT_EQ(child->align, 8u);
     for (size_t i = 0; i < child->size; ++i)
