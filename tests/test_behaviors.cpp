@@ -35,9 +35,9 @@ protected:
             return Value("an answer nobody reads");
         });
         host.add_procedure("UNITIALIZEDPROCEDURE", 1, 1,
-                           [this](zok::Call& c) { return note("UNITIALIZEDPROCEDURE", c); });
+                           [this](zok::Call& c) { return note("UnitializedProcedure", c); });
         host.add_function("UNITIALIZEDFUNCEDURE", 1, 1,
-                          [this](zok::Call& c) { return note("UNITIALIZEDFUNCEDURE", c); });
+                          [this](zok::Call& c) { return note("UnitializedFuncedure", c); });
     }
     Value note(const std::string& routine, zok::Call& c) {
         calls.push_back({routine, c.argc(), c.argc() > 0 ? c.arg(0) : Value()});
@@ -66,15 +66,6 @@ protected:
     std::vector<Called> calls;
 };
 
-std::string upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), ::toupper);
-    return text;
-}
-std::string lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), ::tolower);
-    return text;
-}
-
 // The two twins differ only in these words.
 struct Twin {
     const char* cls;
@@ -84,15 +75,15 @@ struct Twin {
     const char* field;
     const char* version;
     const char* default_name;
-    const char* setter_text;
     const char* target;   // a program routine of the twin's kind
+    const char* lower;    // the same in lower case
     const char* mismatch; // one of the other kind
 };
 const Twin twins[] = {
     {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "SETPROC", "PROC_STRING", "ZOKFWPROCBEHAV_VERSION",
-     "UnitializedProcedure", "ZOKfwProcBehav::SetProc", "RECORD", "ANSWER"},
+     "UnitializedProcedure", "RECORD", "record", "ANSWER"},
     {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "SETFUNC", "FUNC_STRING", "ZOKFWFUNCBEHAV_VERSION",
-     "UnitializedFuncedure", "ZOKfwFuncBehav::SetFunc", "ANSWER", "RECORD"},
+     "UnitializedFuncedure", "ANSWER", "answer", "RECORD"},
 };
 
 TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
@@ -121,9 +112,8 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
         EXPECT_EQ(host.live_temps(), 0u);
 
         // Names are looked up in any case.
-        const std::string lower = lower_case(t.target);
-        host.call_method(b, t.setter, {lower});
-        EXPECT_EQ(host.call_method(b, t.getter), Value(lower));
+        host.call_method(b, t.setter, {t.lower});
+        EXPECT_EQ(host.call_method(b, t.getter), Value(t.lower));
         calls.clear();
         host.call_method(b, "EXECUTE", {1});
         EXPECT_EQ(calls, (std::vector<Called>{{t.target, 1, 1}}));
@@ -133,7 +123,7 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
         calls.clear();
         host.call_method(plain, "EXECUTE", {7});
-        EXPECT_EQ(calls, (std::vector<Called>{{upper(t.default_name), 1, 7}}));
+        EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, 7}}));
         host.destroy(plain);
         host.destroy(b);
     }
@@ -144,32 +134,19 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
 TEST_F(Behaviours, RoutineBehavioursRefuseAndReport) {
     for (const Twin& t : twins) {
         SCOPED_TRACE(t.cls);
-        const ObjectRef b = host.new_object(t.cls, {}, {{t.keyword, t.target}});
-        const ObjectRef other = host.new_object(
-            std::string(t.cls) == "ZOKFWPROCBEHAV" ? "ZOKFWFUNCBEHAV" : "ZOKFWPROCBEHAV");
-        const std::string routine = std::string(t.cls) + "::EXECUTE";
-        auto set_then_execute = [&](const Value& name, const std::string& text, int32_t code) {
-            host.call_method(b, t.setter, {name});
-            const zok::Error e = expect_error(code, [&] { host.call_method(b, "EXECUTE"); });
-            EXPECT_EQ(e.text(), text);
-            EXPECT_TRUE(calls.empty());
-        };
-        calls.clear();
+        const ObjectRef b = host.new_object(t.cls);
+        const std::string in = " in " + std::string(t.cls) + "::EXECUTE.";
+        const std::string kind = std::string(t.getter) == "PROC" ? "procedure: " : "function: ";
         // The host reports a name that it does not know, and a routine of the other kind.
-        set_then_execute("NOSUCH",
-                         "Nothing is registered under the name NOSUCH in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        set_then_execute("", "Nothing is registered under the name  in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        set_then_execute(t.mismatch,
-                         std::string("Attempt to call undefined ") +
-                             (std::string(t.getter) == "PROC" ? "procedure: " : "function: ") +
-                             t.mismatch + " in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        host.call_method(b, t.setter, {t.target});
-        EXPECT_EQ(host.call_method(b, t.getter), Value(t.target));
+        for (const auto& [name, text] : std::vector<std::pair<std::string, std::string>>{
+                 {"NOSUCH", "Nothing is registered under the name NOSUCH" + in},
+                 {"", "Nothing is registered under the name " + in},
+                 {t.mismatch, "Attempt to call undefined " + kind + t.mismatch + in}}) {
+            host.call_method(b, t.setter, {name});
+            expect_error(ZOK_ERR_UNKNOWN_ROUTINE, text, [&] { host.call_method(b, "EXECUTE"); });
+        }
+        EXPECT_TRUE(calls.empty());
         host.destroy(b);
-        host.destroy(other);
     }
 }
 
@@ -300,17 +277,6 @@ TEST_F(ObjectBehaviours, ADeadOrUnsetTargetUnregistersOnItsFirstDelivery) {
     EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, killer.id}));
     for (const ObjectRef gone : {a, unset, after})
         EXPECT_EQ(host.call_method(gone, "ISREGISTERED").as_int(), 0);
-
-    // The default handler's last behaviour takes the default handler with it.
-    const ObjectRef t = host.new_object("TARGET");
-    const ObjectRef root_behavior = obj_behavior("ping", t, "HIT");
-    const ObjectRef root = default_handler();
-    ASSERT_TRUE(root);
-    host.destroy(t);
-    host.call_method(message("ping"), "SEND");
-    EXPECT_FALSE(host.heap_alive(root.id));
-    EXPECT_EQ(flux::default_handler(), 0u);
-    EXPECT_EQ(host.call_method(root_behavior, "ISREGISTERED").as_int(), 0);
     EXPECT_EQ(check_all(), "");
 }
 
@@ -373,11 +339,6 @@ TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
     EXPECT_EQ(held(q, "QUERY_RESULT"), result);
     host.call_method(qb, "SETRESPONSE", {"changed later"});
     EXPECT_EQ(host.call_method(q, "RESULT"), list);
-    host.set_var("named", 7);
-    host.call_method(q, "SETRESULT", {zok::Ref{"named"}});
-    host.set_var("named", 8);
-    EXPECT_EQ(host.call_method(q, "RESULT"), Value(7));
-    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
 
     // Two answers: each runs, in identifier order, so the later one's stays.
     const ObjectRef blank = answer("ask", top, std::nullopt);
@@ -401,15 +362,11 @@ TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
     EXPECT_EQ(held(qb, "RESPONSE"), 0u);
     EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("UnInitialized Response"));
 
-    // CLEANUP frees what each holds.
-    const uint32_t lonely_result = held(lonely, "QUERY_RESULT");
+    // CLEANUP frees the response.
     host.call_method(qb, "SETRESPONSE", {"x"});
     const uint32_t last_response = held(qb, "RESPONSE");
-    host.destroy(lonely);
     host.destroy(qb);
-    EXPECT_FALSE(host.heap_alive(lonely_result));
     EXPECT_FALSE(host.heap_alive(last_response));
-    host.erase_var("named");
     EXPECT_EQ(host.live_temps(), 0u);
     EXPECT_EQ(check_all(), "");
 }
@@ -567,7 +524,7 @@ TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
     expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND"); });
     const Observable before(host);
     expect_error(ZOK_ERR_CONVERSION, [&] { host.call_method(d, "EXECUTE", {"seven"}); });
-    EXPECT_TRUE(Observable(host) == before);
+    EXPECT_EQ(Observable(host).since(before), "");
     // SETMETHOD and RESTORE are the delayed behaviour's.
     host.call_method(d, "SETMETHOD", {"NOSUCH"});
     host.call_method(d, "EXECUTE", {1});
