@@ -420,6 +420,8 @@ void MessagingModel::step() {
         if (h != 0) {
             const std::string t = text();
             EXPECT_EQ(send_from(ObjectRef{real(h)}, t), (model.send(h, t), model.delivered));
+            // The text was made an identifier, known until the next collection.
+            EXPECT_TRUE(uses(t).has_value()) << t;
         }
         break;
     case 11: { // set a handler, never closing a loop

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -116,6 +117,13 @@ protected:
         return ids;
     }
     ObjectRef default_handler() const { return ObjectRef{flux::default_handler()}; }
+    // The registry's use count of a text; none when the registry does not know it.
+    static std::optional<int32_t> uses(const std::string& text) {
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            if (e.name == text)
+                return e.uses;
+        return std::nullopt;
+    }
 
     // The first broken invariant of the module and of every live handler (the
     // full check: these programs never leave dead names in a table).
