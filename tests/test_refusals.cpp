@@ -258,9 +258,9 @@ TEST(Refusals, SingleValuedArgumentsRefuseOtherTypesAndArrays) {
                 int32_t code;
                 std::string text;
             };
-            std::vector<Bad> bad = {
-                {Value::array(v.type(), {v, v}), ZOK_ERR_NOT_SIMPLE,
-                 required("Scalar expression", type_names.at(v.type()) + " array[2]")}};
+            std::vector<Bad> bad;
+            bad.push_back({Value::array(v.type(), {v, v}), ZOK_ERR_NOT_SIMPLE,
+                           required("Scalar expression", type_names.at(v.type()) + " array[2]")});
             if (v.type() == ZOK_T_STRING)
                 bad.push_back({7, ZOK_ERR_NOT_STRING, required("String expression", "LONG")});
             if (v.type() == ZOK_T_POINTER)
