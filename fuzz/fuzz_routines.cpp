@@ -31,10 +31,12 @@
 // At the end: destroying every object and resetting the session leaves no
 // unreachable heap variable, and gives back every block of module memory and
 // every text.
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -65,39 +67,22 @@ const uint8_t kTypes[] = {ZOK_T_BYTE,   ZOK_T_SHORT,  ZOK_T_LONG,    ZOK_T_FLOAT
                           ZOK_T_STRING, ZOK_T_STRUCT, ZOK_T_POINTER, ZOK_T_OBJECT, ZOK_T_USHORT,
                           ZOK_T_ULONG,  ZOK_T_LONG64, ZOK_T_ULONG64};
 
-// The least and greatest value of each integer type.
+// The least and greatest value of each integer type (all ones is the greatest
+// unsigned 64-bit value); any other type takes the signed 64-bit limits.
 std::pair<int64_t, int64_t> limits_of(uint8_t type) {
-    switch (type) {
-    case ZOK_T_BYTE:
-        return {0, 255};
-    case ZOK_T_SHORT:
-        return {INT16_MIN, INT16_MAX};
-    case ZOK_T_USHORT:
-        return {0, UINT16_MAX};
-    case ZOK_T_LONG:
-        return {INT32_MIN, INT32_MAX};
-    case ZOK_T_ULONG:
-        return {0, UINT32_MAX};
-    case ZOK_T_ULONG64:
-        return {0, -1}; // all ones: the greatest
-    default:
-        return {INT64_MIN, INT64_MAX};
-    }
+    static const std::map<uint8_t, std::pair<int64_t, int64_t>> limits = {
+        {ZOK_T_BYTE, {0, 255}},          {ZOK_T_SHORT, {INT16_MIN, INT16_MAX}},
+        {ZOK_T_USHORT, {0, UINT16_MAX}}, {ZOK_T_LONG, {INT32_MIN, INT32_MAX}},
+        {ZOK_T_ULONG, {0, UINT32_MAX}},  {ZOK_T_ULONG64, {0, -1}}};
+    const auto found = limits.find(type);
+    return found != limits.end() ? found->second : std::pair{INT64_MIN, INT64_MAX};
 }
 
-const double kDoubles[] = {0.0,
-                           -0.0,
-                           1.0,
-                           -1.0,
-                           0.5,
-                           2147483648.0,
-                           4294967296.0,
-                           1e19,
-                           std::numeric_limits<double>::max(),
-                           std::numeric_limits<double>::denorm_min(),
-                           std::numeric_limits<double>::infinity(),
-                           -std::numeric_limits<double>::infinity(),
-                           std::numeric_limits<double>::quiet_NaN()};
+using Limits = std::numeric_limits<double>;
+const double kInfinity = Limits::infinity();
+const double kDoubles[] = {0.0,          -0.0,         1.0,  -1.0,          0.5,
+                           2147483648.0, 4294967296.0, 1e19, Limits::max(), Limits::denorm_min(),
+                           kInfinity,    -kInfinity,   NAN};
 
 // The input as a stream of bytes, zeros once it runs out.
 class Input {

@@ -5,6 +5,7 @@
 // refusals (code, text, nothing changed), its deliberate leaks counted
 // exactly, RESTORE, and allocation failures in INIT.
 #include <algorithm>
+#include <functional>
 #include <optional>
 
 #include "support/messaging_testing.hpp"
@@ -35,9 +36,9 @@ protected:
             return Value("an answer nobody reads");
         });
         host.add_procedure("UNITIALIZEDPROCEDURE", 1, 1,
-                           [this](zok::Call& c) { return note("UNITIALIZEDPROCEDURE", c); });
+                           [this](zok::Call& c) { return note("UnitializedProcedure", c); });
         host.add_function("UNITIALIZEDFUNCEDURE", 1, 1,
-                          [this](zok::Call& c) { return note("UNITIALIZEDFUNCEDURE", c); });
+                          [this](zok::Call& c) { return note("UnitializedFuncedure", c); });
     }
     Value note(const std::string& routine, zok::Call& c) {
         calls.push_back({routine, c.argc(), c.argc() > 0 ? c.arg(0) : Value()});
@@ -66,15 +67,6 @@ protected:
     std::vector<Called> calls;
 };
 
-std::string upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), ::toupper);
-    return text;
-}
-std::string lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), ::tolower);
-    return text;
-}
-
 // The two twins differ only in these words.
 struct Twin {
     const char* cls;
@@ -84,15 +76,15 @@ struct Twin {
     const char* field;
     const char* version;
     const char* default_name;
-    const char* setter_text;
     const char* target;   // a program routine of the twin's kind
+    const char* lower;    // the same in lower case
     const char* mismatch; // one of the other kind
 };
 const Twin twins[] = {
     {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "SETPROC", "PROC_STRING", "ZOKFWPROCBEHAV_VERSION",
-     "UnitializedProcedure", "ZOKfwProcBehav::SetProc", "RECORD", "ANSWER"},
+     "UnitializedProcedure", "RECORD", "record", "ANSWER"},
     {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "SETFUNC", "FUNC_STRING", "ZOKFWFUNCBEHAV_VERSION",
-     "UnitializedFuncedure", "ZOKfwFuncBehav::SetFunc", "ANSWER", "RECORD"},
+     "UnitializedFuncedure", "ANSWER", "answer", "RECORD"},
 };
 
 TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
@@ -121,9 +113,8 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
         EXPECT_EQ(host.live_temps(), 0u);
 
         // Names are looked up in any case.
-        const std::string lower = lower_case(t.target);
-        host.call_method(b, t.setter, {lower});
-        EXPECT_EQ(host.call_method(b, t.getter), Value(lower));
+        host.call_method(b, t.setter, {t.lower});
+        EXPECT_EQ(host.call_method(b, t.getter), Value(t.lower));
         calls.clear();
         host.call_method(b, "EXECUTE", {1});
         EXPECT_EQ(calls, (std::vector<Called>{{t.target, 1, 1}}));
@@ -133,7 +124,7 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
         calls.clear();
         host.call_method(plain, "EXECUTE", {7});
-        EXPECT_EQ(calls, (std::vector<Called>{{upper(t.default_name), 1, 7}}));
+        EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, 7}}));
         host.destroy(plain);
         host.destroy(b);
     }
@@ -144,32 +135,19 @@ TEST_F(Behaviours, RoutineBehavioursCallTheirRoutineWithOneArgument) {
 TEST_F(Behaviours, RoutineBehavioursRefuseAndReport) {
     for (const Twin& t : twins) {
         SCOPED_TRACE(t.cls);
-        const ObjectRef b = host.new_object(t.cls, {}, {{t.keyword, t.target}});
-        const ObjectRef other = host.new_object(
-            std::string(t.cls) == "ZOKFWPROCBEHAV" ? "ZOKFWFUNCBEHAV" : "ZOKFWPROCBEHAV");
-        const std::string routine = std::string(t.cls) + "::EXECUTE";
-        auto set_then_execute = [&](const Value& name, const std::string& text, int32_t code) {
-            host.call_method(b, t.setter, {name});
-            const zok::Error e = expect_error(code, [&] { host.call_method(b, "EXECUTE"); });
-            EXPECT_EQ(e.text(), text);
-            EXPECT_TRUE(calls.empty());
-        };
-        calls.clear();
+        const ObjectRef b = host.new_object(t.cls);
+        const std::string in = " in " + std::string(t.cls) + "::EXECUTE.";
+        const std::string kind = std::string(t.getter) == "PROC" ? "procedure: " : "function: ";
         // The host reports a name that it does not know, and a routine of the other kind.
-        set_then_execute("NOSUCH",
-                         "Nothing is registered under the name NOSUCH in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        set_then_execute("", "Nothing is registered under the name  in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        set_then_execute(t.mismatch,
-                         std::string("Attempt to call undefined ") +
-                             (std::string(t.getter) == "PROC" ? "procedure: " : "function: ") +
-                             t.mismatch + " in " + routine + ".",
-                         ZOK_ERR_UNKNOWN_ROUTINE);
-        host.call_method(b, t.setter, {t.target});
-        EXPECT_EQ(host.call_method(b, t.getter), Value(t.target));
+        for (const auto& [name, text] : std::vector<std::pair<std::string, std::string>>{
+                 {"NOSUCH", "Nothing is registered under the name NOSUCH" + in},
+                 {"", "Nothing is registered under the name " + in},
+                 {t.mismatch, "Attempt to call undefined " + kind + t.mismatch + in}}) {
+            host.call_method(b, t.setter, {name});
+            expect_error(ZOK_ERR_UNKNOWN_ROUTINE, text, [&] { host.call_method(b, "EXECUTE"); });
+        }
+        EXPECT_TRUE(calls.empty());
         host.destroy(b);
-        host.destroy(other);
     }
 }
 
@@ -229,12 +207,6 @@ protected:
         if (parent)
             kw.push_back({"HANDLER", parent});
         return host.new_object("ZOKFWOBJBEHAV", {}, kw);
-    }
-    int32_t uses(const std::string& name) {
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            if (e.name == name)
-                return e.uses;
-        return 0;
     }
 
     struct Hit {
@@ -300,42 +272,7 @@ TEST_F(ObjectBehaviours, ADeadOrUnsetTargetUnregistersOnItsFirstDelivery) {
     EXPECT_EQ(filed(h, "tick"), (std::vector{b.id, killer.id}));
     for (const ObjectRef gone : {a, unset, after})
         EXPECT_EQ(host.call_method(gone, "ISREGISTERED").as_int(), 0);
-
-    // The default handler's last behaviour takes the default handler with it.
-    const ObjectRef t = host.new_object("TARGET");
-    const ObjectRef root_behavior = obj_behavior("ping", t, "HIT");
-    const ObjectRef root = default_handler();
-    ASSERT_TRUE(root);
-    host.destroy(t);
-    host.call_method(message("ping"), "SEND");
-    EXPECT_FALSE(host.heap_alive(root.id));
-    EXPECT_EQ(flux::default_handler(), 0u);
-    EXPECT_EQ(host.call_method(root_behavior, "ISREGISTERED").as_int(), 0);
     EXPECT_EQ(check_all(), "");
-}
-
-TEST_F(ObjectBehaviours, RefusalsAndRestore) {
-    const ObjectRef h = handler();
-    const ObjectRef target = host.new_object("TARGET");
-    const ObjectRef b = obj_behavior("tick", target, "HIT", h);
-    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
-
-    // RESTORE: the method identifier is translated; an old layout loses its target.
-    as_if_restored(b, "METH_IDENT");
-    as_if_restored(b, "MESSIDENT");
-    host.call_method(b, "RESTORE");
-    EXPECT_EQ(uses("HIT"), 1);
-    EXPECT_EQ(host.call_method(b, "OBJECT").as_object(), target);
-    host.call_method(message("tick", h), "SEND");
-    EXPECT_EQ(hits.size(), 1u);
-    host.set_tag(b, "ZOKFWOBJBEHAV_VERSION", 0);
-    as_if_restored(b, "METH_IDENT");
-    as_if_restored(b, "MESSIDENT");
-    host.call_method(b, "RESTORE");
-    EXPECT_EQ(host.get_tag(b, "ZOKFWOBJBEHAV_VERSION").as_int(), 1);
-    EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
-    EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
-    host.destroy(b);
 }
 
 // ---- Queries and query behaviours.
@@ -373,11 +310,6 @@ TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
     EXPECT_EQ(held(q, "QUERY_RESULT"), result);
     host.call_method(qb, "SETRESPONSE", {"changed later"});
     EXPECT_EQ(host.call_method(q, "RESULT"), list);
-    host.set_var("named", 7);
-    host.call_method(q, "SETRESULT", {zok::Ref{"named"}});
-    host.set_var("named", 8);
-    EXPECT_EQ(host.call_method(q, "RESULT"), Value(7));
-    EXPECT_EQ(held(q, "QUERY_RESULT"), result);
 
     // Two answers: each runs, in identifier order, so the later one's stays.
     const ObjectRef blank = answer("ask", top, std::nullopt);
@@ -401,20 +333,16 @@ TEST_F(Queries, AQueryIsAnsweredUpItsChainWithCopies) {
     EXPECT_EQ(held(qb, "RESPONSE"), 0u);
     EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("UnInitialized Response"));
 
-    // CLEANUP frees what each holds.
-    const uint32_t lonely_result = held(lonely, "QUERY_RESULT");
+    // CLEANUP frees the response.
     host.call_method(qb, "SETRESPONSE", {"x"});
     const uint32_t last_response = held(qb, "RESPONSE");
-    host.destroy(lonely);
     host.destroy(qb);
-    EXPECT_FALSE(host.heap_alive(lonely_result));
     EXPECT_FALSE(host.heap_alive(last_response));
-    host.erase_var("named");
     EXPECT_EQ(host.live_temps(), 0u);
     EXPECT_EQ(check_all(), "");
 }
 
-TEST_F(Queries, RefusalsVanishedValuesAndRestore) {
+TEST_F(Queries, RefusalsAndVanishedValues) {
     const ObjectRef h = handler();
     host.call_method(h, "SCOPEMESSAGE", {"ask"});
     const ObjectRef qb = answer("ask", h, Value("yes"));
@@ -451,23 +379,6 @@ TEST_F(Queries, RefusalsVanishedValuesAndRestore) {
     EXPECT_EQ(held(qb, "RESPONSE"), 0u);
     EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
 
-    // RESTORE: a query of an old layout drops its result (not freed); a
-    // query behaviour always keeps its response.
-    host.call_method(qb, "SETRESPONSE", {"kept"});
-    host.call_method(q, "SENDQUERY");
-    const uint32_t result = held(q, "QUERY_RESULT");
-    for (const ObjectRef obj : {q, qb})
-        as_if_restored(obj, obj == q ? "MESS_IDENT" : "MESSIDENT");
-    host.set_tag(q, "ZOKFWQUERY_VERSION", 0);
-    host.set_tag(qb, "ZOKFWQUERYBEHAV_VERSION", 0);
-    host.call_method(q, "RESTORE");
-    host.call_method(qb, "RESTORE");
-    EXPECT_EQ(host.get_tag(q, "ZOKFWQUERY_VERSION").as_int(), 1);
-    EXPECT_EQ(host.get_tag(qb, "ZOKFWQUERYBEHAV_VERSION").as_int(), 1);
-    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
-    EXPECT_TRUE(host.heap_alive(result));
-    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept"));
-    EXPECT_EQ(host.call_method(q, "SENDQUERY"), Value("kept"));
     EXPECT_EQ(check_all(), "");
 }
 
@@ -567,7 +478,7 @@ TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
     expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_method(arm, "SEND"); });
     const Observable before(host);
     expect_error(ZOK_ERR_CONVERSION, [&] { host.call_method(d, "EXECUTE", {"seven"}); });
-    EXPECT_TRUE(Observable(host) == before);
+    EXPECT_EQ(Observable(host).since(before), "");
     // SETMETHOD and RESTORE are the delayed behaviour's.
     host.call_method(d, "SETMETHOD", {"NOSUCH"});
     host.call_method(d, "EXECUTE", {1});
@@ -578,23 +489,90 @@ TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
     EXPECT_EQ(check_all(), "");
 }
 
-TEST_F(Delayed, RestoreTranslatesAndRestoresTheInnerBehaviour) {
-    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
-    const ObjectRef in = inner(d);
-    // RESTORE restores the inner behaviour once, upgrades the version and
-    // translates the method's identifier.
-    host.call_method(arm, "SEND");
-    as_if_restored(d, "METH_IDENT");
-    as_if_restored(d, "MESSIDENT");
-    as_if_restored(in, "MESSIDENT");
-    host.set_tag(d, "ZOKFWDELAYBEHAV_VERSION", 0);
-    host.call_method(d, "RESTORE");
-    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
-    EXPECT_EQ(host.get_tag(in, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
-    EXPECT_EQ(uses("hit"), 1);
-    host.call_method(fire, "SEND");
-    EXPECT_EQ(hits.size(), 1u);
-    host.destroy(d);
+// RESTORE of an object saved before its class had a version (its version
+// field below 1, and other fields as the old layout left them) brings the
+// version to 1 and drops what the old layout lacked.  Identifiers only look as
+// a restore leaves them: their translation is the save tests'.
+TEST_F(Delayed, RestoreUpgradesTheOldLayoutOfEveryClass) {
+    struct Old {
+        const char* cls;
+        zok::Keywords kw;
+        std::vector<std::pair<const char*, Value>> saved;
+        std::function<void(ObjectRef)> after;
+    };
+    const zok::Keywords at_h{{"HANDLER", h}, {"MESSAGESTRING", "arm"}};
+    const zok::Keyword on_target{"OBJECT", target};
+    uint32_t result = 0;
+    const std::vector<Old> olds = {
+        {"ZOKFWBEHAVIOR",
+         {at_h[0], at_h[1], {"REGISTER", 1}},
+         {{"HASAHANDLER_VERSION", 0}},
+         [&](ObjectRef b) { // unregistered, but left where it was filed
+             EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 0);
+             EXPECT_EQ(host.get_tag(b, "HASAHANDLER_VERSION").as_int(), 1);
+             EXPECT_EQ(host.get_tag(b, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+             EXPECT_EQ(filed(h, "arm").back(), b.id);
+         }},
+        {"ZOKFWMESSAGE", at_h, {}, nullptr},
+        {"ZOKFWMESSAGEHANDLER",
+         {},
+         {{"BEHAVIORS", zok::PointerRef{0}}},
+         [&](ObjectRef old) { // an empty table of its own
+             EXPECT_TRUE(scoped(old).empty());
+             host.call_method(old, "SCOPEMESSAGE", {"tick"});
+             EXPECT_EQ(scoped(old), std::vector<std::string>{"tick"});
+         }},
+        {"ZOKFWOBJBEHAV",
+         {on_target, {"METHOD", "HIT"}},
+         {},
+         [&](ObjectRef b) { // the target goes, the method stays
+             EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
+             EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
+         }},
+        {"ZOKFWQUERY",
+         at_h,
+         {},
+         [&](ObjectRef q) { // the result is dropped, not freed
+             EXPECT_EQ(host.get_tag(q, "QUERY_RESULT").as_pointer().id, 0u);
+             EXPECT_TRUE(host.heap_alive(result));
+         }},
+        {"ZOKFWQUERYBEHAV",
+         {{"RESPONSE", "kept"}},
+         {},
+         [&](ObjectRef qb) { EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept")); }},
+        {"ZOKFWDELAYBEHAV",
+         {on_target, {"METHOD", "hit"}, {"DELAYMESSAGESTRING", "fire"}},
+         {},
+         [&](ObjectRef d) { // the inner behaviour is restored too
+             EXPECT_EQ(host.get_tag(inner(d), "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+             EXPECT_EQ(uses("hit"), 1);
+         }},
+    };
+    for (const Old& old : olds) {
+        SCOPED_TRACE(old.cls);
+        const ObjectRef obj = host.new_object(old.cls, {}, old.kw);
+        if (host.isa(obj, "ZOKFWQUERY")) {
+            host.call_method(obj, "SETRESULT", {5});
+            result = host.get_tag(obj, "QUERY_RESULT").as_pointer().id;
+        }
+        if (host.isa(obj, "ZOKFWDELAYBEHAV"))
+            as_if_restored(inner(obj), "MESSIDENT");
+        for (const auto& [cls, ident] : {std::pair{"ZOKFWBEHAVIOR", "MESSIDENT"},
+                                         {"ZOKFWMESSAGE", "MESS_IDENT"},
+                                         {"ZOKFWOBJBEHAV", "METH_IDENT"},
+                                         {"ZOKFWDELAYBEHAV", "METH_IDENT"}})
+            if (host.isa(obj, cls))
+                as_if_restored(obj, ident);
+        const std::string version = std::string(old.cls) + "_VERSION";
+        host.set_tag(obj, version, -3);
+        for (const auto& [field, value] : old.saved)
+            host.set_tag(obj, field, value);
+        host.call_method(obj, "RESTORE");
+        EXPECT_EQ(host.get_tag(obj, version).as_int(), 1);
+        if (old.after)
+            old.after(obj);
+        EXPECT_EQ(check_all(), "");
+    }
 }
 
 } // namespace

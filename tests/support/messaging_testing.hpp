@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,14 +29,17 @@ using zok::Value;
 // registry's use counts, for "a refusal changes nothing".
 struct Observable {
     zok::Observation host;
-    std::vector<std::string> registry; // each text with its use count
+    std::string registry; // each text with its use count
 
     explicit Observable(zok::Host& h) : host(h.observe()) {
         for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            registry.push_back(e.name + "=" + std::to_string(e.uses));
+            registry += e.name + "=" + std::to_string(e.uses) + " ";
     }
-    bool operator==(const Observable& other) const {
-        return zok::difference(host, other.host).empty() && registry == other.registry;
+    // What changed since `before`; empty when nothing did.
+    std::string since(const Observable& before) const {
+        if (std::string d = zok::difference(before.host, host); !d.empty())
+            return d;
+        return registry == before.registry ? "" : before.registry + "-> " + registry;
     }
 };
 
@@ -55,7 +59,7 @@ inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusal
         if (!refusals[i].text.empty()) {
             EXPECT_EQ(e.text(), refusals[i].text);
         }
-        EXPECT_TRUE(Observable(host) == before);
+        EXPECT_EQ(Observable(host).since(before), "");
     }
 }
 
@@ -113,6 +117,13 @@ protected:
         return ids;
     }
     ObjectRef default_handler() const { return ObjectRef{flux::default_handler()}; }
+    // The registry's use count of a text; none when the registry does not know it.
+    static std::optional<int32_t> uses(const std::string& text) {
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            if (e.name == text)
+                return e.uses;
+        return std::nullopt;
+    }
 
     // The first broken invariant of the module and of every live handler (the
     // full check: these programs never leave dead names in a table).
