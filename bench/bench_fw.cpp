@@ -1,5 +1,6 @@
 // The identifier registry and the map class, each beside a plain C++
-// equivalent on the same keys in the same run.
+// equivalent on the same keys in the same run; the map class also beside a
+// program class doing the same with a std::map through the same call path.
 #include <map>
 #include <random>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "count.hpp"
 #include "fw/fw_ident.hpp"
 #include "host.hpp"
 
@@ -43,10 +45,16 @@ void BM_fwident_existing(benchmark::State& state) {
     for (auto& d : descs)
         flux::fwident_acquire_name(&d);
     size_t i = 0;
-    for (auto _ : state) {
+    auto acquire = [&] {
         benchmark::DoNotOptimize(flux::fwident_acquire_name(&descs[i]));
         i = i + 1 == descs.size() ? 0 : i + 1;
-    }
+    };
+    for (auto _ : state)
+        acquire();
+    bench::count_instructions("name_existing/" + std::to_string(state.range(0)), 1000, [&] {
+        for (int k = 0; k < 1000; ++k)
+            acquire();
+    });
 }
 
 // The same counting of existing names in a standard container.
@@ -57,10 +65,18 @@ void BM_existing(benchmark::State& state) {
     for (auto& n : names)
         counts[n] += 1;
     size_t i = 0;
-    for (auto _ : state) {
+    auto count = [&] {
         benchmark::DoNotOptimize(counts[names[i]] += 1);
         i = i + 1 == names.size() ? 0 : i + 1;
-    }
+    };
+    for (auto _ : state)
+        count();
+    if constexpr (std::is_same_v<Counts, std::map<std::string, int>>)
+        bench::count_instructions("name_floor_std_map/" + std::to_string(state.range(0)), 1000,
+                                  [&] {
+                                      for (int k = 0; k < 1000; ++k)
+                                          count();
+                                  });
 }
 
 // Acquire by name of new names, collected in batches outside the timing.
@@ -98,59 +114,75 @@ void BM_map_new(benchmark::State& state) {
     }
 }
 
-// ZOKDSMAP::INSERT of n keys (fresh map each round), through the host's call.
-void BM_dsmap_insert(benchmark::State& state) {
+// A program class whose INSERT and GETDATA do what the map class's do with a
+// std::map of values, so that both go through the same call path.
+void define_std_map_class(zok::Host& host, std::map<std::string, zok::Value>& m) {
+    host.define_struct("STDMAPCLASS", {{"N", ZOK_T_LONG}});
+    host.add_procedure("STDMAPCLASS::INSERT", 3, 3, [&m](zok::Call& call) {
+        m[call.arg(1).as_string()] = call.arg(2);
+        return zok::Value();
+    });
+    host.add_function("STDMAPCLASS::GETDATA", 2, 2, [&m](zok::Call& call) {
+        auto it = m.find(call.arg(1).as_string());
+        return it == m.end() ? zok::Value() : it->second;
+    });
+}
+
+// INSERT of n keys into a fresh map each round, through the host's method call,
+// by the map class or (with range(1)) by the program class.
+void BM_map_class_insert(benchmark::State& state) {
     zok::Host host;
     host.load_module(ZOK_Load, ZOK_ResetSession);
+    std::map<std::string, zok::Value> m;
+    define_std_map_class(host, m);
+    const char* cls = state.range(1) ? "STDMAPCLASS" : "ZOKDSMAP";
     const auto names = make_names(static_cast<size_t>(state.range(0)), 3);
-    for (auto _ : state) {
-        state.PauseTiming();
-        const zok::ObjectRef map = host.new_object("ZOKDSMAP");
-        state.ResumeTiming();
+    auto insert_all = [&](zok::ObjectRef map) {
         for (const auto& n : names)
             host.call_method(map, "INSERT", {n, 1});
+    };
+    auto fresh = [&] {
+        m.clear();
+        return host.new_object(cls);
+    };
+    for (auto _ : state) {
+        state.PauseTiming();
+        const zok::ObjectRef map = fresh();
+        state.ResumeTiming();
+        insert_all(map);
         state.PauseTiming();
         host.destroy(map);
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
+    const zok::ObjectRef map = fresh();
+    bench::count_instructions(std::string("map_insert_") + cls + "/" +
+                                  std::to_string(state.range(0)),
+                              state.range(0), [&] { insert_all(map); });
 }
 
-void BM_std_map_insert(benchmark::State& state) {
-    const auto names = make_names(static_cast<size_t>(state.range(0)), 3);
-    for (auto _ : state) {
-        std::map<std::string, zok::Value> m;
-        for (const auto& n : names)
-            m[n] = 1;
-        benchmark::DoNotOptimize(m);
-    }
-    state.SetItemsProcessed(state.iterations() * state.range(0));
-}
-
-void BM_dsmap_getdata(benchmark::State& state) {
+void BM_map_class_getdata(benchmark::State& state) {
     zok::Host host;
     host.load_module(ZOK_Load, ZOK_ResetSession);
+    std::map<std::string, zok::Value> m;
+    define_std_map_class(host, m);
+    const char* cls = state.range(1) ? "STDMAPCLASS" : "ZOKDSMAP";
     const auto names = make_names(static_cast<size_t>(state.range(0)), 4);
-    const zok::ObjectRef map = host.new_object("ZOKDSMAP");
+    const zok::ObjectRef map = host.new_object(cls);
     for (const auto& n : names)
         host.call_method(map, "INSERT", {n, 1});
     size_t i = 0;
-    for (auto _ : state) {
+    auto get = [&] {
         benchmark::DoNotOptimize(host.call_method(map, "GETDATA", {names[i]}));
         i = i + 1 == names.size() ? 0 : i + 1;
-    }
-}
-
-void BM_std_map_getdata(benchmark::State& state) {
-    const auto names = make_names(static_cast<size_t>(state.range(0)), 4);
-    std::map<std::string, zok::Value> m;
-    for (const auto& n : names)
-        m[n] = 1;
-    size_t i = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(zok::Value(m.find(names[i])->second));
-        i = i + 1 == names.size() ? 0 : i + 1;
-    }
+    };
+    for (auto _ : state)
+        get();
+    bench::count_instructions(
+        std::string("map_getdata_") + cls + "/" + std::to_string(state.range(0)), 1000, [&] {
+            for (int k = 0; k < 1000; ++k)
+                get();
+        });
 }
 
 } // namespace
@@ -160,7 +192,5 @@ BENCHMARK_TEMPLATE(BM_existing, std::unordered_map<std::string, int>)->Arg(1000)
 BENCHMARK_TEMPLATE(BM_existing, std::map<std::string, int>)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_fwident_new)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_map_new)->Arg(1000)->Arg(100000);
-BENCHMARK(BM_dsmap_insert)->Arg(1000)->Arg(10000);
-BENCHMARK(BM_std_map_insert)->Arg(1000)->Arg(10000);
-BENCHMARK(BM_dsmap_getdata)->Arg(1000)->Arg(10000);
-BENCHMARK(BM_std_map_getdata)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_map_class_insert)->ArgsProduct({{1000, 10000}, {0, 1}});
+BENCHMARK(BM_map_class_getdata)->ArgsProduct({{1000, 10000}, {0, 1}});

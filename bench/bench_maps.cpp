@@ -19,6 +19,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "count.hpp"
 #include "frame/structs.hpp"
 #include "host.hpp"
 #include "maps/map.hpp"
@@ -68,9 +69,11 @@ std::vector<std::string> string_keys(size_t n) {
 }
 
 struct IntKeys : KeySet<int32_t> {
+    static constexpr const char* name = "int";
     explicit IntKeys(size_t n) : KeySet(int_keys(n)) {}
 };
 struct StringKeys : KeySet<std::string> {
+    static constexpr const char* name = "string";
     explicit StringKeys(size_t n) : KeySet(string_keys(n)) {}
 };
 
@@ -78,6 +81,7 @@ struct StringKeys : KeySet<std::string> {
 
 template <class K>
 struct StdMap {
+    static constexpr const char* name = "std_map";
     std::map<K, uint32_t> m;
     void insert(const K& k, uint32_t v) { m.emplace(k, v); }
     bool find(const K& k) { return m.find(k) != m.end(); }
@@ -93,6 +97,7 @@ struct StdMap {
 // map_rb with the integer or the string key kind.
 template <class K>
 struct Rb {
+    static constexpr const char* name = "map_rb";
     flux::RbNode* head = flux::map_rb_new_tree();
     ~Rb() { flux::map_rb_free_tree(head); }
     flux::RbNode* find_n(const K& k, bool& found) {
@@ -141,6 +146,7 @@ int text_order(uint32_t a, uint32_t b) {
 
 template <class K>
 struct Rbh {
+    static constexpr const char* name = "map_rbh";
     uint32_t head = flux::map_rbh_new_tree();
     ~Rbh() { flux::map_rbh_free_tree(head); }
     uint32_t word(const K& k) {
@@ -192,6 +198,13 @@ struct Setup {
     }
 };
 
+// The label of a workload's instruction count: workload/container/keys/n.
+template <class C, class Keys>
+std::string label(const char* workload, benchmark::State& state) {
+    return std::string(workload) + "/" + C::name + "/" + Keys::name + "/" +
+           std::to_string(state.range(0));
+}
+
 template <class C, class Key>
 void fill(C& c, const std::vector<const Key*>& keys) {
     uint32_t v = 0;
@@ -230,15 +243,19 @@ void find_all(benchmark::State& state, bool hits) {
     C c;
     fill(c, setup.keys.present);
     const auto& probes = hits ? setup.keys.present : setup.keys.absent;
-    for (auto _ : state) {
+    auto find_each = [&] {
         size_t found = 0;
         for (const auto* k : probes)
             found += c.find(*k);
         if (found != (hits ? probes.size() : 0))
             state.SkipWithError("wrong find result");
         benchmark::DoNotOptimize(found);
-    }
+    };
+    for (auto _ : state)
+        find_each();
     state.SetItemsProcessed(state.iterations() * state.range(0));
+    bench::count_instructions(label<C, Keys>(hits ? "find_hit" : "find_miss", state),
+                              state.range(0), find_each);
 }
 
 template <class C, class Keys>
@@ -256,18 +273,25 @@ void BM_random_erase(benchmark::State& state) {
     Setup<Keys> setup(state);
     auto order = setup.keys.present;
     std::shuffle(order.begin(), order.end(), std::mt19937(3));
+    auto erase_each = [&](C& c) {
+        for (const auto* k : order)
+            c.erase(*k);
+    };
     for (auto _ : state) {
         state.PauseTiming();
         auto c = std::make_unique<C>();
         fill(*c, setup.keys.present);
         state.ResumeTiming();
-        for (const auto* k : order)
-            c->erase(*k);
+        erase_each(*c);
         state.PauseTiming();
         c.reset();
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
+    C c;
+    fill(c, setup.keys.present);
+    bench::count_instructions(label<C, Keys>("erase", state), state.range(0),
+                              [&] { erase_each(c); });
 }
 
 template <class C, class Keys>

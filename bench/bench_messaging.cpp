@@ -1,13 +1,15 @@
 // Sending through handler chains, beside a plain loop over std::function
 // receivers in the same run.  The sends use the module's own send operation,
 // so that the figures are the module's (and the host's method calls), not the
-// program API's conversions.
+// program API's conversions; the program's own SENDMESSAGE to program
+// behaviours and the making of a connection go through the program API.
 #include <functional>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "count.hpp"
 #include "fw/fw_ident.hpp"
 #include "fw/fw_messhndlr.hpp"
 #include "host.hpp"
@@ -18,6 +20,7 @@ extern "C" void ZOK_ResetSession();
 namespace {
 
 using zok::ObjectRef;
+using zok::Value;
 
 uint32_t ident_of(const char* text) {
     std::string s(text);
@@ -51,14 +54,101 @@ void BM_std_function_receivers(benchmark::State& state) {
     std::vector<std::function<void(int)>> receivers;
     for (int64_t i = 0; i < state.range(0); ++i)
         receivers.emplace_back([&sum](int v) { sum += v; });
-    for (auto _ : state) {
+    auto send = [&] {
         for (const auto& receive : receivers)
             receive(1);
         benchmark::DoNotOptimize(sum);
-    }
+    };
+    for (auto _ : state)
+        send();
     state.SetItemsProcessed(state.iterations() * state.range(0));
+    bench::count_instructions("send_floor_std_function/" + std::to_string(state.range(0)),
+                              100 * state.range(0), [&] {
+                                  for (int i = 0; i < 100; ++i)
+                                      send();
+                              });
 }
 BENCHMARK(BM_std_function_receivers)->Arg(1)->Arg(10)->Arg(100);
+
+// A program's subclass of the behaviour base whose EXECUTE reads its integer
+// argument, and a handler scoping "tick".
+struct ProgramBehaviors {
+    zok::Host host;
+    ObjectRef h;
+    int64_t sum = 0;
+    ProgramBehaviors() {
+        host.load_module(ZOK_Load, ZOK_ResetSession);
+        host.define_struct("COUNTINGBEHAVIOR", {{"SEEN", ZOK_T_LONG}}, "ZOKFWBEHAVIOR");
+        host.add_procedure("COUNTINGBEHAVIOR::EXECUTE", 1, 2, [this](zok::Call& call) {
+            sum += call.integer(1);
+            return Value();
+        });
+        h = make_handler(host, {});
+        host.call_method(h, "SCOPEMESSAGE", {"tick"});
+    }
+    ObjectRef connect(bool registered) {
+        return host.new_object(
+            "COUNTINGBEHAVIOR", {},
+            {{"HANDLER", h}, {"MESSAGESTRING", "tick"}, {"REGISTER", registered ? 1 : 0}});
+    }
+};
+
+// The program's SENDMESSAGE of a text with an integer to n program behaviours.
+void BM_send_to_program_behaviors(benchmark::State& state) {
+    ProgramBehaviors p;
+    for (int64_t i = 0; i < state.range(0); ++i)
+        p.connect(true);
+    auto send = [&] { p.host.call_method(p.h, "SENDMESSAGE", {"tick", 1}); };
+    for (auto _ : state)
+        send();
+    if (p.sum != static_cast<int64_t>(state.iterations()) * state.range(0))
+        state.SkipWithError("a receiver missed a send");
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+    bench::count_instructions("send_program_behaviors/" + std::to_string(state.range(0)),
+                              10 * state.range(0), [&] {
+                                  for (int i = 0; i < 10; ++i)
+                                      send();
+                              });
+}
+BENCHMARK(BM_send_to_program_behaviors)->Arg(1)->Arg(100);
+
+// A connection: a program behaviour made with MESSAGESTRING and REGISTER in a
+// scope of 100, then UNREGISTER and destroy.
+void BM_connection(benchmark::State& state) {
+    ProgramBehaviors p;
+    for (int i = 0; i < 100; ++i)
+        p.connect(true);
+    auto connection = [&] {
+        const ObjectRef b = p.connect(true);
+        p.host.call_method(b, "UNREGISTER");
+        p.host.destroy(b);
+    };
+    for (auto _ : state)
+        connection();
+    bench::count_instructions("connection", 100, [&] {
+        for (int i = 0; i < 100; ++i)
+            connection();
+    });
+}
+BENCHMARK(BM_connection);
+
+// The same for a std::function put into a vector of 100 and taken out again.
+void BM_std_function_connection(benchmark::State& state) {
+    int sum = 0;
+    std::vector<std::function<void(int)>> receivers(100, [&sum](int v) { sum += v; });
+    auto connection = [&] {
+        receivers.emplace_back([&sum](int v) { sum += v; });
+        receivers.erase(receivers.begin() + 50);
+        benchmark::DoNotOptimize(receivers.data());
+    };
+    for (auto _ : state)
+        connection();
+    bench::count_instructions("connection_floor_std_function", 100, [&] {
+        for (int i = 0; i < 100; ++i)
+            connection();
+    });
+}
+BENCHMARK(BM_std_function_connection);
 
 // A send that climbs n handlers, each scoping another message, to the one
 // that scopes "tick" with one behaviour.
@@ -91,10 +181,16 @@ void BM_register_unregister(benchmark::State& state) {
                         {{"HANDLER", h}, {"MESSAGESTRING", "tick"}, {"REGISTER", 1}});
     const ObjectRef b =
         host.new_object("ZOKFWBEHAVIOR", {}, {{"HANDLER", h}, {"MESSAGESTRING", "tick"}});
-    for (auto _ : state) {
+    auto round = [&] {
         host.call_method(b, "REGISTER");
         host.call_method(b, "UNREGISTER");
-    }
+    };
+    for (auto _ : state)
+        round();
+    bench::count_instructions("register_unregister", 100, [&] {
+        for (int i = 0; i < 100; ++i)
+            round();
+    });
 }
 BENCHMARK(BM_register_unregister);
 

@@ -9,14 +9,23 @@
 #include "state.hpp"
 
 #include <array>
+#include <cctype>
 #include <cstring>
 
 namespace zok::detail {
 
 namespace {
 
-std::unordered_map<std::string, std::unique_ptr<zok_name>>& name_table() {
-    static std::unordered_map<std::string, std::unique_ptr<zok_name>> table;
+// Looked up by any text without making a std::string of it.
+struct TextHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+using NameTable =
+    std::unordered_map<std::string, std::unique_ptr<zok_name>, TextHash, std::equal_to<>>;
+
+NameTable& name_table() {
+    static NameTable table;
     return table;
 }
 
@@ -29,9 +38,11 @@ public:
     MethodArgs(uint32_t self_id, int32_t argc, zok_var** args) : count_(argc + 1) {
         self_.type = ZOK_T_OBJECT;
         self_.value.heap_id = self_id;
-        if (static_cast<size_t>(count_) + 1 > kSmallArgs)
-            heap_.resize(static_cast<size_t>(count_) + 1);
-        zok_var** v = data();
+        zok_var** v = small_;
+        if (static_cast<size_t>(count_) + 1 > kSmallArgs) {
+            heap_ = std::make_unique<zok_var*[]>(static_cast<size_t>(count_) + 1);
+            v = heap_.get();
+        }
         v[0] = &self_;
         for (int32_t i = 0; i < argc; ++i)
             v[i + 1] = args[i];
@@ -39,14 +50,14 @@ public:
     }
     MethodArgs(const MethodArgs&) = delete;
     MethodArgs& operator=(const MethodArgs&) = delete;
-    zok_var** data() { return heap_.empty() ? small_.data() : heap_.data(); }
+    zok_var** data() { return heap_ ? heap_.get() : small_; }
     int32_t count() const { return count_; }
 
 private:
     zok_var self_{};
     int32_t count_;
-    std::array<zok_var*, kSmallArgs> small_{};
-    std::vector<zok_var*> heap_;
+    zok_var* small_[kSmallArgs]; // filled up to count_ by the constructor
+    std::unique_ptr<zok_var*[]> heap_;
 };
 
 // The argument vector of a routine called by handle: a null entry of the call
@@ -118,28 +129,40 @@ zok_name* name_cleanup() {
 
 zok_name* find_name(std::string_view text) {
     auto& table = name_table();
-    auto it = table.find(std::string(text));
+    auto it = table.find(text);
     return it == table.end() ? nullptr : it->second.get();
 }
 
 zok_name* intern(std::string_view text) {
+    if (zok_name* known = find_name(text))
+        return known;
     auto& table = name_table();
     std::string key(text);
     auto& slot = table[key];
     if (!slot) {
-        slot = std::make_unique<zok_name>();
-        slot->text = key;
-        slot->colons = key.find("::");
+        auto made = std::make_unique<zok_name>();
+        made->text = key;
+        made->colons = key.find("::");
+        // The table's nodes stay put, so `slot` survives the parts' insertions.
+        if (made->colons != std::string::npos) {
+            made->qualifier = intern(key.substr(0, made->colons));
+            made->bare = intern(key.substr(made->colons + 2));
+        }
+        slot = std::move(made);
     }
     return slot.get();
 }
 
+uint64_t g_method_generation = 1;
+
 void invalidate_method_caches() {
+    ++g_method_generation;
     for (auto& [name, info] : state().structs)
         info->methods.clear();
 }
 
 void unbind_names(State& s) {
+    ++g_method_generation;
     for (zok_name* n : s.bound_names) {
         n->routine = nullptr;
         n->structure = nullptr;
@@ -153,8 +176,7 @@ void add_routine(std::unique_ptr<Routine> r) {
     zok_name* n = r->name;
     n->routine = r.get();
     s.bound_names.push_back(n);
-    if (size_t colons = n->text.find("::"); colons != std::string::npos) {
-        zok_name* method = intern(n->text.substr(colons + 2));
+    if (zok_name* method = n->bare) {
         ++method->method_routines;
         s.bound_names.push_back(method);
     }
@@ -162,26 +184,23 @@ void add_routine(std::unique_ptr<Routine> r) {
     invalidate_method_caches();
 }
 
-Routine* resolve_method(StructInfo* cls, const zok_name* method) {
-    auto hit = cls->methods.find(method);
-    if (hit != cls->methods.end())
-        return hit->second;
+Routine* resolve_method_slow(StructInfo* cls, const zok_name* method) {
     Routine* found = nullptr;
-    for (StructInfo* c = cls; c && !found; c = c->parent)
-        if (zok_name* n = find_name(c->name + "::" + method->text))
-            found = n->routine;
-    cls->methods.emplace(method, found);
+    if (auto hit = cls->methods.find(method); hit != cls->methods.end()) {
+        found = hit->second;
+    } else {
+        for (StructInfo* c = cls; c && !found; c = c->parent)
+            if (zok_name* n = find_name(c->name + "::" + method->text))
+                found = n->routine;
+        cls->methods.emplace(method, found);
+    }
+    method->resolved_class = cls;
+    method->resolved = found;
+    method->resolved_in = g_method_generation;
     return found;
 }
 
-FrameGuard::FrameGuard(State& s, const Routine* r) : s_(s) {
-    frame_.parent = s.frame;
-    frame_.routine = r;
-    frame_.first_temp = s.temp_seq;
-    s.frame = &frame_;
-}
-
-FrameGuard::~FrameGuard() {
+void FrameGuard::end_unusually() {
     const bool failing = !done_;
     if (!frame_.held_kw.empty() && !failing)
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
@@ -193,59 +212,68 @@ FrameGuard::~FrameGuard() {
     release_held_keywords(frame_);
     if (failing)
         release_temps_since(frame_.first_temp);
-    s_.frame = frame_.parent;
 }
 
 namespace {
 
+// The refusals of a call, kept out of line so that the call's own frame stays small.
+[[gnu::cold, gnu::noinline]] void refuse_arg_count(const Routine& r, int32_t argc) {
+    raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+          format("Incorrect number of arguments: %s takes %u to %u, got %d.", r.name->text.c_str(),
+                 r.min_args, r.max_args, argc));
+}
+
+[[gnu::cold, gnu::noinline]] void refuse_keywords(const Routine& r, const zok_keywords& kw) {
+    raise(ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR,
+          "Keyword " + kw.entries.front().first + " not allowed in call to: " + r.name->text + ".");
+}
+
+[[gnu::cold, gnu::noinline]] void refuse_null_argument(const Routine& r, int32_t i) {
+    raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+          format("Argument %d of %s is null.", i, r.name->text.c_str()));
+}
+
+[[gnu::cold, gnu::noinline]] void refuse_no_result(const Routine& r) {
+    raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+          "Function " + r.name->text + " returned no variable.");
+}
+
+[[gnu::noinline]] zok_var* program_result(const Value& out) {
+    zok_var* result = new_temp();
+    if (result)
+        to_var(out, *result);
+    return result;
+}
+
+} // namespace
+
 zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
                          zok_keywords* kw) {
-    if (argc < r.min_args || argc > r.max_args) {
-        raise(ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
-              format("Incorrect number of arguments: %s takes %u to %u, got %d.",
-                     r.name->text.c_str(), r.min_args, r.max_args, argc));
+    if (argc < r.min_args || argc > r.max_args) [[unlikely]] {
+        refuse_arg_count(r, argc);
         return nullptr;
     }
-    if (kw && !kw->entries.empty() && !(r.flags & ZOK_RT_KEYWORDS)) {
-        raise(ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR,
-              "Keyword " + kw->entries.front().first + " not allowed in call to: " + r.name->text +
-                  ".");
+    if (kw && !kw->entries.empty() && !(r.flags & ZOK_RT_KEYWORDS)) [[unlikely]] {
+        refuse_keywords(r, *kw);
         return nullptr;
     }
     for (int32_t i = 0; i < argc; ++i)
-        if (!argv[i]) {
-            raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
-                  format("Argument %d of %s is null.", i, r.name->text.c_str()));
+        if (!argv[i]) [[unlikely]] {
+            refuse_null_argument(r, i);
             return nullptr;
         }
     if (r.program) {
         Call call = HostAccess::make_call(s.host, argc, argv, kw);
-        Value out = r.program(call);
-        if (!r.is_function)
-            return nullptr;
-        zok_var* result = new_temp();
-        if (result)
-            to_var(out, *result);
-        return result;
+        const Value out = r.program(call);
+        return r.is_function ? program_result(out) : nullptr;
     }
     if (!r.is_function) {
         r.procedure(argc, argv, kw);
         return nullptr;
     }
     zok_var* result = r.function(argc, argv, kw);
-    if (!result)
-        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
-              "Function " + r.name->text + " returned no variable.");
-    return result;
-}
-
-} // namespace
-
-zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
-    State& s = state();
-    FrameGuard guard(s, &r);
-    zok_var* result = invoke_in_frame(s, r, argc, argv, kw);
-    guard.done();
+    if (!result) [[unlikely]]
+        refuse_no_result(r);
     return result;
 }
 
@@ -328,6 +356,36 @@ void destroy_object(uint32_t id, zok_keywords* kw) {
 using namespace zok::detail;
 
 namespace {
+
+// The refusals of host_call_method, out of line like those of a call.
+[[gnu::cold, gnu::noinline]] zok_var* refuse_method_call(int32_t code, const char* why) {
+    raise(code, ZOK_ACTION_ERROR, why + where() + ".");
+    return nullptr;
+}
+
+[[gnu::cold, gnu::noinline]] zok_var* refuse_not_object(uint32_t id) {
+    return refuse_method_call(
+        ZOK_ERR_NOT_OBJECT,
+        format("host_call_method: heap variable %u holds no object", id).c_str());
+}
+
+[[gnu::cold, gnu::noinline]] zok_var* refuse_unknown_method(const StructInfo& cls,
+                                                            const zok_name& method) {
+    raise(ZOK_ERR_UNKNOWN_METHOD, ZOK_ACTION_ERROR,
+          "Attempt to call undefined method: " + cls.name + "::" + method.text + where() + ".");
+    return nullptr;
+}
+
+// Whether `text`, in any case, is the (upper-case) class name `name`.
+bool names_class(std::string_view name, const char* text) {
+    for (char c : name) {
+        if (*text == '\0' ||
+            static_cast<char>(std::toupper(static_cast<unsigned char>(*text))) != c)
+            return false;
+        ++text;
+    }
+    return *text == '\0';
+}
 
 bool is_routine_name(std::string_view name) {
     if (name.empty())
@@ -445,41 +503,28 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
                           int32_t reserved0, int32_t argc, zok_var** args, int32_t reserved1,
                           int32_t reserved2, int32_t reserved3) {
     if (mode != 2 || reserved0 != 0 || reserved1 != 0 || reserved2 != 0 || reserved3 != 0 ||
-        !name || argc < 0 || (argc > 0 && !args)) {
-        raise(ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
-              "host_call_method: bad arguments" + where() + ".");
-        return nullptr;
-    }
+        !name || argc < 0 || (argc > 0 && !args)) [[unlikely]]
+        return refuse_method_call(ZOK_ERR_BAD_ARGUMENT, "host_call_method: bad arguments");
     HeapSlot* slot = object ? heap_slot(object->id) : nullptr;
-    if (!slot || &slot->rec != object) {
-        raise(ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_ERROR,
-              "host_call_method: the object is not a live heap variable" + where() + ".");
-        return nullptr;
-    }
+    if (!slot || &slot->rec != object) [[unlikely]]
+        return refuse_method_call(ZOK_ERR_INVALID_OBJECT,
+                                  "host_call_method: the object is not a live heap variable");
     const zok_var& var = slot->rec.var;
     StructInfo* cls = var.type == ZOK_T_STRUCT && !(var.flags & ZOK_VF_ARRAY)
                           ? struct_info(var.value.st.def)
                           : nullptr;
-    if (!cls) {
-        raise(ZOK_ERR_NOT_OBJECT, ZOK_ACTION_ERROR,
-              format("host_call_method: heap variable %u holds no object", object->id) + where() +
-                  ".");
-        return nullptr;
-    }
+    if (!cls) [[unlikely]]
+        return refuse_not_object(object->id);
     // CLASS::METHOD starts the search at CLASS, which must be in the object's chain.
     StructInfo* from = cls;
     const zok_name* method = name;
-    if (const size_t colons = name->colons; colons != std::string::npos) {
-        from = find_struct(name->text.substr(0, colons));
-        method = intern(name->text.substr(colons + 2));
+    if (name->qualifier) {
+        from = name->qualifier->structure;
+        method = name->bare;
     }
     Routine* r = from && cls->derives_from(from) ? resolve_method(from, method) : nullptr;
-    if (!r) {
-        raise(ZOK_ERR_UNKNOWN_METHOD, ZOK_ACTION_ERROR,
-              "Attempt to call undefined method: " + cls->name + "::" + method->text + where() +
-                  ".");
-        return nullptr;
-    }
+    if (!r) [[unlikely]]
+        return refuse_unknown_method(*cls, *method);
     MethodArgs argv(object->id, argc, args);
     return invoke(*r, argv.count(), argv.data(), nullptr);
 }
@@ -513,8 +558,11 @@ int32_t host_object_isa(const zok_struct_def* def, const char* class_name, int32
               "host_object_isa: not a structure definition of this host" + where() + ".");
         return 0;
     }
-    const StructInfo* wanted = find_struct(class_name);
-    return wanted && info->derives_from(wanted) ? 1 : 0;
+    // Up the parent links, comparing names in place: no copy, no look-up.
+    for (const StructInfo* c = info; c; c = c->parent)
+        if (names_class(c->name, class_name))
+            return 1;
+    return 0;
 }
 
 zok_var* host_find_class(const char* class_name) {

@@ -227,12 +227,19 @@ void free_whole_heap(State& s) {
 
 namespace {
 
-zok_heap_record* lookup_or_raise(uint32_t id, int32_t action, int32_t code, const char* what) {
-    if (HeapSlot* slot = heap_slot(id))
-        return &slot->rec;
+[[gnu::noinline, gnu::cold]] zok_heap_record* no_heap_var(uint32_t id, int32_t action, int32_t code,
+                                                          const char* what) {
     raise(code, action,
           format("Invalid %s: no live heap variable has identifier %u", what, id) + where() + ".");
     return nullptr;
+}
+
+// The look-up itself stays free of the raise's frame: it runs under every call.
+inline zok_heap_record* lookup_or_raise(uint32_t id, int32_t action, int32_t code,
+                                        const char* what) {
+    if (HeapSlot* slot = heap_slot(id)) [[likely]]
+        return &slot->rec;
+    return no_heap_var(id, action, code, what);
 }
 
 } // namespace

@@ -56,11 +56,17 @@ public:
         to_var(a.value(), *t);
         return t;
     }
-    std::vector<zok_var*> args(const Args& args) {
+    // The argument vector of a call: `self` first when given, then the
+    // arguments, then the closing null.
+    std::vector<zok_var*> args(const Args& args, zok_var* self = nullptr) {
         std::vector<zok_var*> out;
-        out.reserve(args.size() + 1);
+        out.reserve(args.size() + 2);
+        temps_.reserve(args.size());
+        if (self)
+            out.push_back(self);
         for (const Arg& a : args)
             out.push_back(arg(a));
+        out.push_back(nullptr);
         return out;
     }
     zok_keywords* keywords(const Keywords& kw) {
@@ -233,7 +239,6 @@ Value Host::call_function(std::string_view name, const Args& args, const Keyword
                   "Attempt to call undefined function: " + upper(name) + ".");
     Statement st(*state_);
     std::vector<zok_var*> argv = st.args(args);
-    argv.push_back(nullptr);
     zok_keywords* k = st.keywords(kw);
     return st.result(invoke(*r, static_cast<int32_t>(args.size()), argv.data(), k));
 }
@@ -245,7 +250,6 @@ void Host::call_procedure(std::string_view name, const Args& args, const Keyword
                   "Attempt to call undefined procedure: " + upper(name) + ".");
     Statement st(*state_);
     std::vector<zok_var*> argv = st.args(args);
-    argv.push_back(nullptr);
     zok_keywords* k = st.keywords(kw);
     invoke(*r, static_cast<int32_t>(args.size()), argv.data(), k);
 }
@@ -254,25 +258,30 @@ Value Host::call_method(ObjectRef self, std::string_view method, const Args& arg
                         const Keywords& kw) {
     HeapSlot* slot = object_slot(self);
     StructInfo& cls = class_of_slot(slot);
-    std::string name = upper(method);
+    // A name nobody interned names no method; one already in upper case needs no copy.
+    const std::string upper_text = is_upper(method) ? std::string() : upper(method);
+    const std::string_view text = upper_text.empty() ? method : upper_text;
+    const zok_name* name = find_name(text);
     StructInfo* from = &cls;
-    if (size_t colons = name.find("::"); colons != std::string::npos) {
-        from = detail::find_struct(name.substr(0, colons));
-        name = name.substr(colons + 2);
+    if (name && name->qualifier) {
+        from = name->qualifier->structure;
+        name = name->bare;
     }
     detail::Routine* r =
-        from && cls.derives_from(from) ? resolve_method(from, intern(name)) : nullptr;
-    if (!r)
-        api_error(ZOK_ERR_UNKNOWN_METHOD,
-                  "Attempt to call undefined method: " + cls.name + "::" + name + ".");
+        name && from && cls.derives_from(from) ? resolve_method(from, name) : nullptr;
+    if (!r) {
+        const size_t colons = text.find("::");
+        api_error(
+            ZOK_ERR_UNKNOWN_METHOD,
+            "Attempt to call undefined method: " + cls.name + "::" +
+                std::string(colons == std::string_view::npos ? text : text.substr(colons + 2)) +
+                ".");
+    }
     Statement st(*state_);
     zok_var self_var{};
     self_var.type = ZOK_T_OBJECT;
     self_var.value.heap_id = self.id;
-    std::vector<zok_var*> argv{&self_var};
-    for (zok_var* a : st.args(args))
-        argv.push_back(a);
-    argv.push_back(nullptr);
+    std::vector<zok_var*> argv = st.args(args, &self_var);
     zok_keywords* k = st.keywords(kw);
     return st.result(invoke(*r, static_cast<int32_t>(argv.size() - 1), argv.data(), k));
 }
@@ -283,7 +292,6 @@ ObjectRef Host::new_object(std::string_view class_name, const Args& args, const 
         api_error(ZOK_ERR_UNKNOWN_CLASS, "Class " + upper(class_name) + " is not defined.");
     Statement st(*state_);
     std::vector<zok_var*> argv = st.args(args);
-    argv.push_back(nullptr);
     zok_keywords* k = st.keywords(kw);
     return ObjectRef{create_object(cls, static_cast<int32_t>(args.size()), argv.data(), k)};
 }
@@ -635,11 +643,37 @@ Value Call::arg(int32_t i) const {
     return from_var(*var(i));
 }
 
-zok_var* Call::var(int32_t i) const {
-    if (i < 0 || i >= argc_)
-        throw Error(ZOK_ERR_ARG_COUNT, format("Argument %d asked of a call with %d.", i, argc_),
-                    running_routine());
-    return argv_[i];
+int64_t Call::integer(int32_t i) const {
+    const zok_var& v = *var(i);
+    if (!(v.flags & ZOK_VF_ARRAY)) {
+        switch (v.type) {
+        case ZOK_T_BYTE:
+            return v.value.byte_val;
+        case ZOK_T_SHORT:
+            return v.value.short_val;
+        case ZOK_T_USHORT:
+            return v.value.ushort_val;
+        case ZOK_T_LONG:
+            return v.value.long_val;
+        case ZOK_T_ULONG:
+            return v.value.ulong_val;
+        case ZOK_T_LONG64:
+            return v.value.long64_val;
+        default:
+            break;
+        }
+    }
+    return other_integer(i);
+}
+
+// Every other type, with its reading or its error.
+int64_t Call::other_integer(int32_t i) const {
+    return arg(i).as_int();
+}
+
+void Call::no_argument(int32_t i) const {
+    throw Error(ZOK_ERR_ARG_COUNT, format("Argument %d asked of a call with %d.", i, argc_),
+                running_routine());
 }
 
 void Call::set(int32_t i, const Value& v) const {

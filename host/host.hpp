@@ -142,7 +142,9 @@ public:
 
     // Array elements (a scalar reads as an array of one).
     std::vector<Value> elements() const;
-    size_t size() const { return is_array_ ? elements_.size() : (defined() ? 1 : 0); }
+    size_t size() const {
+        return is_array_ ? (elements_ ? elements_->size() : 0) : (defined() ? 1 : 0);
+    }
 
     friend bool operator==(const Value& a, const Value& b);
     // A readable rendering for test failure messages.
@@ -175,7 +177,9 @@ private:
     double double_ = 0;
     std::string text_;
     std::shared_ptr<const StructValue> struct_;
-    std::vector<Value> elements_;
+    // Shared, as a Value never changes once made: copying or dropping a Value
+    // costs no walk of its elements.
+    std::shared_ptr<const std::vector<Value>> elements_;
 };
 
 template <typename T>
@@ -247,8 +251,15 @@ public:
     int32_t argc() const { return argc_; }
     // Argument i as a value (throws for i out of range).
     Value arg(int32_t i) const;
+    // Argument i as an integer, read straight from a scalar integer variable:
+    // the same reading and errors as arg(i).as_int() without making a Value.
+    int64_t integer(int32_t i) const;
     // Argument i as the host variable itself, for routines that write outputs.
-    zok_var* var(int32_t i) const;
+    zok_var* var(int32_t i) const {
+        if (i < 0 || i >= argc_) [[unlikely]]
+            no_argument(i);
+        return argv_[i];
+    }
     // Stores a copy of `v` into argument i (an output argument).
     void set(int32_t i, const Value& v) const;
     // Argument 0 of a method.
@@ -266,6 +277,8 @@ private:
     friend struct HostAccess;
     Call(Host* host, int32_t argc, zok_var** argv, zok_keywords* kw)
         : host_(host), argc_(argc), argv_(argv), kw_(kw) {}
+    [[noreturn, gnu::cold, gnu::noinline]] void no_argument(int32_t i) const;
+    [[gnu::noinline]] int64_t other_integer(int32_t i) const;
     Host* host_;
     int32_t argc_;
     zok_var** argv_;

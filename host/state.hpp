@@ -52,12 +52,20 @@ struct HostAccess {
 
 struct zok_name {
     std::string text;
-    // Where "::" stands in a qualified name (CLASS::METHOD), or npos.
+    // Where "::" stands in a qualified name (CLASS::METHOD), or npos; and the
+    // interned CLASS and METHOD parts of such a name.
     size_t colons = std::string::npos;
+    zok_name* qualifier = nullptr;
+    zok_name* bare = nullptr;
     // Bindings in the current host (cleared when it goes).
     zok::detail::Routine* routine = nullptr;
     zok::detail::StructInfo* structure = nullptr;
     uint32_t method_routines = 0; // routines CLASS::<text> registered
+    // The last method resolution of this name, good while `resolved_in` is the
+    // current method generation: most calls of one name go to one class.
+    mutable const zok::detail::StructInfo* resolved_class = nullptr;
+    mutable zok::detail::Routine* resolved = nullptr;
+    mutable uint64_t resolved_in = 0;
 };
 
 namespace zok::detail {
@@ -385,6 +393,8 @@ StructInfo* struct_info(const zok_struct_def* def);
 StructInfo* find_struct(std::string_view name);
 StructInfo* define_struct(const char* name, const zok_tag_entry* tags);
 std::string upper(std::string_view s);
+// Whether upper() would leave the text as it is.
+bool is_upper(std::string_view s);
 
 // Calls f(id) for every heap identifier a structure instance holds in its
 // pointer and object-reference tags.
@@ -429,8 +439,17 @@ zok_name* intern(std::string_view text);
 // The interned name, or null when the text was never interned.
 zok_name* find_name(std::string_view text);
 void add_routine(std::unique_ptr<Routine> r);
-Routine* resolve_method(StructInfo* cls, const zok_name* method);
-zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw);
+// Bumped whenever a routine or structure is added or the host goes, which
+// makes every name's last resolution stale.
+extern uint64_t g_method_generation;
+// The routine a method call of `method` on `cls` runs (null: none): the name's
+// last resolution when it still holds, else the class's cache or the search.
+Routine* resolve_method_slow(StructInfo* cls, const zok_name* method);
+inline Routine* resolve_method(StructInfo* cls, const zok_name* method) {
+    if (method->resolved_class == cls && method->resolved_in == g_method_generation) [[likely]]
+        return method->resolved;
+    return resolve_method_slow(cls, method);
+}
 void invalidate_method_caches();
 // Why a program routine cannot be registered ("" when it can).
 std::string program_routine_problem(const std::string& name, uint16_t min_args, uint16_t max_args);
@@ -446,17 +465,42 @@ void release_held_keywords(Frame& f);
 // made during the frame when it ends by an exception; pops the frame.
 class FrameGuard {
 public:
-    FrameGuard(State& s, const Routine* r);
-    ~FrameGuard();
+    FrameGuard(State& s, const Routine* r) : s_(s) {
+        frame_.parent = s.frame;
+        frame_.routine = r;
+        frame_.first_temp = s.temp_seq;
+        s.frame = &frame_;
+    }
+    ~FrameGuard() {
+        if (!done_ || !frame_.held_kw.empty()) [[unlikely]]
+            end_unusually();
+        s_.frame = frame_.parent;
+    }
     FrameGuard(const FrameGuard&) = delete;
     FrameGuard& operator=(const FrameGuard&) = delete;
     // The routine returned; a frame left without this is unwinding an error.
     void done() { done_ = true; }
 
 private:
+    // An error unwinds the frame, or keyword texts are still held.
+    void end_unusually();
+
     State& s_;
     Frame frame_;
     bool done_ = false;
 };
+
+// Runs a routine whose frame is already pushed: the argument checks, then the call.
+zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
+                         zok_keywords* kw);
+
+// Runs a routine in a frame of its own.
+inline zok_var* invoke(const Routine& r, int32_t argc, zok_var** argv, zok_keywords* kw) {
+    State& s = state();
+    FrameGuard guard(s, &r);
+    zok_var* result = invoke_in_frame(s, r, argc, argv, kw);
+    guard.done();
+    return result;
+}
 
 } // namespace zok::detail

@@ -16,10 +16,31 @@
 
 namespace zok::detail {
 
+namespace {
+
+// Upper-case letters, digits and the punctuation of names are no lower-case
+// letter in any locale, so toupper leaves them as they are without being asked.
+bool kept_by_toupper(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == ':' || c == '$';
+}
+
+char to_upper(char c) {
+    return kept_by_toupper(c) ? c : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+}
+
+} // namespace
+
+bool is_upper(std::string_view s) {
+    for (char c : s)
+        if (to_upper(c) != c)
+            return false;
+    return true;
+}
+
 std::string upper(std::string_view s) {
     std::string out(s);
     for (char& c : out)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        c = to_upper(c);
     return out;
 }
 

@@ -95,7 +95,8 @@ Value Value::array(uint8_t type, std::vector<Value> elements) {
     Value out;
     out.type_ = type;
     out.is_array_ = true;
-    out.elements_.reserve(elements.size());
+    std::vector<Value> coerced;
+    coerced.reserve(elements.size());
     for (Value& e : elements) {
         if (e.is_array_)
             throw Error(ZOK_ERR_CONVERSION, "Array elements must be scalars", {});
@@ -105,8 +106,9 @@ Value Value::array(uint8_t type, std::vector<Value> elements) {
                         "Array element " + e.to_string() + " does not fit an array of " +
                             detail::type_name(type),
                         {});
-        out.elements_.push_back(std::move(c));
+        coerced.push_back(std::move(c));
     }
+    out.elements_ = std::make_shared<const std::vector<Value>>(std::move(coerced));
     return out;
 }
 
@@ -205,7 +207,7 @@ const StructValue& Value::as_struct() const {
 
 std::vector<Value> Value::elements() const {
     if (is_array_)
-        return elements_;
+        return *elements_;
     if (!defined())
         return {};
     return {*this};
@@ -215,7 +217,7 @@ bool operator==(const Value& a, const Value& b) {
     if (a.type_ != b.type_ || a.is_array_ != b.is_array_)
         return false;
     if (a.is_array_)
-        return a.elements_ == b.elements_;
+        return *a.elements_ == *b.elements_;
     switch (a.type_) {
     case ZOK_T_UNDEFINED:
         return true;
@@ -234,8 +236,9 @@ bool operator==(const Value& a, const Value& b) {
 std::string Value::to_string() const {
     if (is_array_) {
         std::string out = std::string(detail::type_name(type_)) + "[";
-        for (size_t i = 0; i < elements_.size(); ++i)
-            out += (i ? ", " : "") + elements_[i].to_string();
+        const std::vector<Value>& elements = *elements_;
+        for (size_t i = 0; i < elements.size(); ++i)
+            out += (i ? ", " : "") + elements[i].to_string();
         return out + "]";
     }
     switch (type_) {

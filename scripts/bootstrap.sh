@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, and any named as arguments,
 # when one is missing.
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev libbenchmark-dev clang-14 libclang-rt-14-dev binutils zlib1g-dev "$@")
+packages=(cmake g++ make libgtest-dev libbenchmark-dev clang-14 libclang-rt-14-dev binutils zlib1g-dev valgrind "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

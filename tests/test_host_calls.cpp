@@ -156,11 +156,18 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(animal, "DOG::SPEAK"); });
     EXPECT_TRUE(host.isa(puppy, "ANIMAL"));
     EXPECT_FALSE(host.isa(dog, "PUPPY"));
+    // Names in any case, on every path.
+    EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
+    EXPECT_TRUE(host.isa(puppy, "animal"));
+    EXPECT_FALSE(host.isa(puppy, "animalx"));
 
     // A method added later is found, though a failed look-up was cached.
     expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(puppy, "SIT"); });
     host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
     EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
+    // ... and an override added later wins over what was resolved before it.
+    host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
+    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
 
     const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
     EXPECT_NE(handle, nullptr);
@@ -170,6 +177,29 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
     EXPECT_EQ(host.live_temps(), 0u);
     EXPECT_EQ(host.live_texts(), 0u);
+}
+
+// The integer reader of a call reads, and refuses, as a reading through a Value does.
+TEST(HostCalls, TheIntegerReaderAgreesWithTheValueReading) {
+    zok::Host host;
+    host.add_function("AGREES", 1, 1, [](zok::Call& c) {
+        auto read = [](auto how) {
+            try {
+                return std::to_string(how());
+            } catch (const zok::Error& e) {
+                return std::to_string(e.code()) + " " + e.text();
+            }
+        };
+        const bool same =
+            read([&] { return c.integer(0); }) == read([&] { return c.arg(0).as_int(); });
+        return zok::Value(same ? 1 : 0);
+    });
+    const std::vector<zok::Value> values = {
+        uint8_t{200},          int16_t{-7},       uint16_t{65535},           int32_t{-2000000000},
+        uint32_t{4000000000u}, int64_t{-5},       uint64_t{1} << 63,         2.75,
+        std::string("12"),     zok::ObjectRef{1}, std::vector<int32_t>{1, 2}};
+    for (const zok::Value& v : values)
+        EXPECT_EQ(host.call_function("AGREES", {v}).as_int(), 1) << v.to_string();
 }
 
 TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {

@@ -12,6 +12,7 @@
 
 #include "frame/host_api.hpp"
 #include "maps/maph.hpp"
+#include "maps/rbh.hpp"
 
 namespace flux {
 namespace {
@@ -30,7 +31,7 @@ int compare_keys(uint32_t key, uint32_t leaf_key) {
         host_require_string(&a->var, ZOK_ACTION_ERROR);
     if (b->var.type != ZOK_T_STRING)
         host_require_string(&b->var, ZOK_ACTION_ERROR);
-    return host_string_compare(&a->var.value.str, &b->var.value.str);
+    return text_order(a->var.value.str, b->var.value.str);
 }
 
 struct DsMap {
@@ -114,14 +115,17 @@ void dsmap_insert(int32_t, zok_var** argv, zok_keywords*) {
     if (m.map == 0)
         raise_module_message(MSG_DSMAP_HEAPDEREFERR);
     KeyCopy k(key);
-    if (const uint32_t entry = maph_find(m.map, k.id(), compare_keys)) {
-        host_var_store(&deref(maph_node_value(entry))->var, argv[2]);
+    // One search finds the entry or the place of a new one.
+    bool found;
+    const uint32_t at = map_rbh_find_gkey_n(m.map, k.id(), compare_keys, found);
+    if (found) {
+        host_var_store(&deref(maph_node_value(at))->var, argv[2]);
         return;
     }
     const uint32_t v =
         host_heap_var_new(ZOK_HEAP_POINTER, argv[2], ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)->id;
     Undo drop_value([v] { host_heap_free(v, 0, 0); });
-    if (maph_put(m.map, k.id(), v, compare_keys) == 0)
+    if (map_rbh_insert_b(at, k.id(), v) == 0)
         raise_no_memory("ZOKdsMap::Insert");
     drop_value.commit();
     k.keep();

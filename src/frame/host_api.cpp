@@ -31,9 +31,12 @@ bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls) {
     const zok_var& v = rec->var;
     if (v.type != ZOK_T_STRUCT || (v.flags & ZOK_VF_ARRAY) != 0)
         return false;
-    // The module's own class is the common case and needs no walk of the tree.
-    return v.value.st.def == cls.definition() ||
-           host_object_isa(v.value.st.def, cls.name, 0, 0, ZOK_ACTION_ERROR) != 0;
+    // Membership follows the definitions' parent links: no look-up by name.
+    const zok_struct_def* wanted = cls.definition();
+    for (const zok_struct_def* d = v.value.st.def; d != nullptr; d = d->parent)
+        if (d == wanted)
+            return true;
+    return false;
 }
 
 void* live_instance(uint32_t id, const ClassRef& cls) {

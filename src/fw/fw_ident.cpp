@@ -15,6 +15,7 @@
 #include "frame/host_api.hpp"
 #include "maps/map.hpp"
 #include "maps/rb.hpp"
+#include "maps/rb_access.hpp"
 
 namespace flux {
 namespace {
@@ -27,9 +28,12 @@ struct IdentRecord {
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
 
+const zok_string& text_at(RbWord word) {
+    return *reinterpret_cast<const zok_string*>(word);
+}
+
 int compare_names(RbWord key, RbWord leaf_key) {
-    return host_string_compare(reinterpret_cast<const zok_string*>(key),
-                               reinterpret_cast<const zok_string*>(leaf_key));
+    return text_order(text_at(key), text_at(leaf_key));
 }
 
 // Identifiers compare by their wrapping difference.
@@ -61,8 +65,12 @@ zok_string* key_of(RbNode* entry) {
 IdentRecord* find_record(const zok_string* name) {
     if (name_index == nullptr)
         return nullptr;
-    RbNode* entry = map_find(name_index, reinterpret_cast<RbWord>(name), compare_names);
-    return entry == nullptr ? nullptr : record_of(entry);
+    // The comparison inline: an acquire of a known name is this search alone.
+    bool found;
+    RbNode* entry = RbTree::find(
+        name_index, [name](RbWord leaf_key) { return text_order(*name, text_at(leaf_key)); },
+        RbAccess::complaints.find_gkey_non_head, found);
+    return found ? record_of(entry) : nullptr;
 }
 
 void free_ident_heap_var(uint32_t ident) {

@@ -22,11 +22,6 @@ int32_t ikey_of(RbWord word) {
     return static_cast<int32_t>(static_cast<uint32_t>(word));
 }
 
-template <class T>
-int three_way(T a, T b) {
-    return (a > b) - (a < b);
-}
-
 using RbAudit = tree::Audit<RbAccess>;
 
 } // namespace
@@ -72,7 +67,10 @@ RbNode* map_rb_find_key_n(RbNode* head, const char* key, bool& found) {
 }
 
 RbNode* map_rb_find_ikey_n(RbNode* head, int32_t key, bool& found) {
-    auto compare = [key](RbWord leaf_key) { return three_way(key, ikey_of(leaf_key)); };
+    // A difference in 64 bits orders two 32-bit keys without a three-way step.
+    auto compare = [key](RbWord leaf_key) {
+        return static_cast<int64_t>(key) - static_cast<int64_t>(ikey_of(leaf_key));
+    };
     return RbTree::find(head, compare, find_ikey_non_head, found);
 }
 

@@ -207,7 +207,7 @@ struct Tree {
         if (n == h)
             return h;
         Ref last = A::right(hv);
-        int order = compare(key(last));
+        auto order = compare(key(last));
         if (order == 0) {
             found = true;
             return last;
