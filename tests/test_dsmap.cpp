@@ -149,23 +149,6 @@ TEST_F(DsMap, AgreesWithStdMap) {
     EXPECT_EQ(host.heap_count(), baseline_heap);
 }
 
-TEST_F(DsMap, NonStringKeysAreRefusedAndChangeNothing) {
-    call("INSERT", {"k", 1});
-    const size_t heap = host.heap_count();
-    for (const char* method : {"INSERT", "REMOVE", "GETDATA", "KEYEXISTS"}) {
-        zok::Args args = {7};
-        if (std::string(method) == "INSERT")
-            args.push_back(8);
-        expect_error(ZOK_ERR_NOT_STRING,
-                     "String expression required in ZOKDSMAP::" + std::string(method) +
-                         ": got LONG (temporary).",
-                     [&] { call(method, args); });
-        EXPECT_EQ(host.heap_count(), heap) << method;
-    }
-    EXPECT_EQ(call("GETSIZE").as_int(), 1);
-    EXPECT_EQ(host.live_temps(), 0u);
-}
-
 TEST_F(DsMap, VanishedHeapVariablesRaiseTheDereferenceError) {
     call("INSERT", {"k", 1});
     // Free the stored value's heap variable behind the class's back.

@@ -189,24 +189,6 @@ TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
-TEST_F(Registry, WrongArgumentTypesAreRefusedBeforeAnythingChanges) {
-    get("x");
-    const auto before = flux::fwident_entries();
-    const std::string pointer = "Pointer expression required in ";
-    expect_error(ZOK_ERR_NOT_STRING,
-                 "String expression required in GET_FWIDENT: got LONG (temporary).",
-                 [&] { host.call_function("GET_FWIDENT", {42}); });
-    expect_error(ZOK_ERR_NOT_POINTER, pointer + "ROLLOVER_FWIDENT: got STRING (temporary).",
-                 [&] { host.call_function("ROLLOVER_FWIDENT", {"x"}); });
-    expect_error(ZOK_ERR_NOT_POINTER, pointer + "FWIDENT_ACQUIRE: got LONG (temporary).",
-                 [&] { host.call_procedure("FWIDENT_ACQUIRE", {7}); });
-    expect_error(ZOK_ERR_NOT_POINTER, pointer + "FWIDENT_RELEASE: got STRING (temporary).",
-                 [&] { host.call_procedure("FWIDENT_RELEASE", {"x"}); });
-    const auto after = flux::fwident_entries();
-    ASSERT_EQ(after.size(), before.size());
-    EXPECT_EQ(after[0].uses, before[0].uses);
-}
-
 TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
     const uint32_t a = get("a");
     const uint32_t b = get("b");

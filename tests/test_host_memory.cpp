@@ -405,30 +405,4 @@ TEST(HostObservation, NamesEachKindOfChange) {
     host_string_release(&text, 1);
 }
 
-TEST(HostFaults, RegistrationOperationsRefuseTheNthCall) {
-    zok::Host host;
-    const zok_message_def msgs[] = {{"M0", "first"}, {"M1", "second"}};
-    host.refuse(zok::Operation::DefineMessageBlock);
-    EXPECT_EQ(host_define_message_block("BLK", 2, msgs), nullptr);
-    const zok_message_block* blk = host_define_message_block("BLK", 2, msgs);
-    ASSERT_NE(blk, nullptr);
-    try {
-        host_message_from_block(blk, -1, ZOK_ACTION_ERROR);
-        ADD_FAILURE() << "no error raised";
-    } catch (const zok::Error& e) {
-        EXPECT_EQ(e.code(), -1);
-        EXPECT_EQ(e.text(), "second");
-    }
-
-    zok_function fn = [](int32_t, zok_var**, zok_keywords*) { return host_temp_long(1); };
-    const zok_routine_entry first[] = {{{fn}, "FIRST", 0, 0, 0, nullptr}};
-    const zok_routine_entry second[] = {{{fn}, "SECOND", 0, 0, 0, nullptr}};
-    host.refuse(zok::Operation::AddRoutines, 2);
-    EXPECT_EQ(host_add_routines(first, 1, 1), 1);
-    EXPECT_EQ(host_add_routines(second, 1, 1), 0);
-    EXPECT_FALSE(host.has_routine("SECOND"));
-    EXPECT_EQ(host_add_routines(second, 1, 1), 1);
-    EXPECT_EQ(host.call_function("SECOND").as_int(), 1);
-}
-
 } // namespace

@@ -256,38 +256,22 @@ protected:
     std::deque<std::string> texts;
 };
 
-TEST_F(Trees, RbStringKeysMatchModel) {
-    Differential<RbSubject> run(
-        {RbSubject::key}, [this](uint32_t i) { return text_key(i); },
-        [this] { return plain_blocks(); });
-    run.run(test_seed(), steps);
-}
-
-TEST_F(Trees, RbIntegerKeysMatchModel) {
-    // Scattered over the whole signed range, negatives included.
-    Differential<RbSubject> run(
-        {RbSubject::ikey}, [](uint32_t i) { return RbWord{i * 2654435761u}; },
-        [this] { return plain_blocks(); });
-    run.run(test_seed(), steps);
-}
-
-TEST_F(Trees, RbComparisonKeysMatchModel) {
-    Differential<RbSubject> run(
-        {RbSubject::gkey}, [](uint32_t i) { return RbWord{i}; }, [this] { return plain_blocks(); });
-    run.run(test_seed(), steps);
-}
-
-TEST_F(Trees, RbhUnsignedKeysMatchModel) {
-    Differential<RbhSubject> run(
-        {RbhSubject::key}, [](uint32_t i) { return i * 2654435761u; },
-        [this] { return heap_vars(); });
-    run.run(test_seed(), steps);
-}
-
-TEST_F(Trees, RbhComparisonKeysMatchModel) {
-    Differential<RbhSubject> run(
-        {RbhSubject::gkey}, [](uint32_t i) { return i; }, [this] { return heap_vars(); });
-    run.run(test_seed(), steps);
+// Every key kind of both variants: string keys, whose order differs from the numbers';
+// integer keys scattered over the whole signed range, negatives included; unsigned heap
+// keys over the whole range; and the comparison kinds in orders of their own.
+TEST_F(Trees, EveryKeyKindMatchesTheModel) {
+    const uint32_t seed = test_seed();
+    auto rb_nodes = [this] { return plain_blocks(); };
+    auto rbh_nodes = [this] { return heap_vars(); };
+    auto scattered = [](uint32_t i) { return i * 2654435761u; };
+    auto plain = [](uint32_t i) { return i; };
+    Differential<RbSubject>(
+        {RbSubject::key}, [this](uint32_t i) { return text_key(i); }, rb_nodes)
+        .run(seed, steps);
+    Differential<RbSubject>({RbSubject::ikey}, scattered, rb_nodes).run(seed + 1, steps);
+    Differential<RbSubject>({RbSubject::gkey}, plain, rb_nodes).run(seed + 2, steps);
+    Differential<RbhSubject>({RbhSubject::key}, scattered, rbh_nodes).run(seed + 3, steps);
+    Differential<RbhSubject>({RbhSubject::gkey}, plain, rbh_nodes).run(seed + 4, steps);
 }
 
 } // namespace

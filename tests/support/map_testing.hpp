@@ -49,6 +49,19 @@ inline int unsigned_order(uint32_t a, uint32_t b) {
     return (a > b) - (a < b);
 }
 
+// The texts of the error messages raised and returned since the last call, each checked
+// to be the host's text message.
+inline std::vector<std::string> raised_errors(zok::Host& host) {
+    std::vector<std::string> texts;
+    for (const zok::Message& m : host.messages()) {
+        EXPECT_EQ(m.code, ZOK_MSG_TEXT);
+        EXPECT_EQ(m.action, ZOK_ACTION_ERROR);
+        texts.push_back(m.text);
+    }
+    host.clear_messages();
+    return texts;
+}
+
 inline std::string int_text(flux::RbWord key) {
     return std::to_string(static_cast<int32_t>(key));
 }
