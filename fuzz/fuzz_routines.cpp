@@ -203,7 +203,7 @@ private:
                 // A second INIT of a live object replaces what the first made.
                 reinit_ = reinit_ || init;
                 texts_kept_ = texts_kept_ || keeps_texts(r.name, kw);
-                idents_released_ = idents_released_ || releases_idents(r.name);
+                idents_released_ = idents_released_ || releases_idents(r.name, args);
             },
             restored);
     }
@@ -574,11 +574,13 @@ private:
     bool idents_released_ = false;
 
     // An explicit CLEANUP, or a release by the program, gives back a use that an
-    // object still names; a collection after it takes the identifier away, and
-    // the object's own CLEANUP then meets it in a key comparison. That
+    // object still names, and a collection with the all argument frees
+    // identifiers in use; either way an object can be left holding a dead
+    // identifier, and its own CLEANUP then meets it in a key comparison. That
     // corruption is the program's doing, and the module reports it.
-    static bool releases_idents(const std::string& routine) {
-        return routine.ends_with("::CLEANUP") || routine == "FWIDENT_RELEASE";
+    static bool releases_idents(const std::string& routine, const zok::Args& args) {
+        return routine.ends_with("::CLEANUP") || routine == "FWIDENT_RELEASE" ||
+               (routine == "FWIDENT_GC" && !args.empty());
     }
     static bool is_ident_corruption(const zok::Error& e) {
         return e.code() == -1 && e.text() == "FWIdent corruption" && !e.block().empty();
