@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 namespace zok::detail {
@@ -313,8 +314,13 @@ zok_heap_record* host_heap_var_new(int32_t kind, zok_var* value, int32_t mode, i
     if (inject_fault(kHeapLabel))
         return refuse(ZOK_ERR_NO_MEMORY, "unable to allocate a heap variable");
     zok_var held{};
-    if (mode == ZOK_HEAP_NEW_COPY)
-        copy_value(*value, held);
+    if (mode == ZOK_HEAP_NEW_COPY) {
+        try {
+            copy_value(*value, held);
+        } catch (const std::bad_alloc&) {
+            return refuse(ZOK_ERR_NO_MEMORY, "unable to allocate a heap variable");
+        }
+    }
     HeapSlot* slot = s.heap.create();
     if (!slot) {
         free_value(held);

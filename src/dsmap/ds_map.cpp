@@ -24,14 +24,20 @@ zok_heap_record* deref(uint32_t heap_id) {
     return rec;
 }
 
-int compare_keys(uint32_t key, uint32_t leaf_key) {
-    const zok_heap_record* a = deref(key);
-    const zok_heap_record* b = deref(leaf_key);
-    if (a->var.type != ZOK_T_STRING)
-        host_require_string(&a->var, ZOK_ACTION_ERROR);
-    if (b->var.type != ZOK_T_STRING)
-        host_require_string(&b->var, ZOK_ACTION_ERROR);
-    return text_order(a->var.value.str, b->var.value.str);
+// A key heap variable's text.
+const zok_string& key_text(uint32_t key) {
+    const zok_heap_record* rec = deref(key);
+    if (rec->var.type != ZOK_T_STRING)
+        host_require_string(&rec->var, ZOK_ACTION_ERROR);
+    return rec->var.value.str;
+}
+
+// Orders the key argument's text against an entry's key: the search needs no heap copy
+// of the key it looks for.
+auto order_against(const zok_var* key) {
+    return [text = &key->value.str](uint32_t entry_key) {
+        return text_order(*text, key_text(entry_key));
+    };
 }
 
 struct DsMap {
@@ -52,36 +58,13 @@ const zok_var* key_argument(zok_var** argv) {
     return argv[1];
 }
 
-// A heap copy of the search key, freed at scope exit unless kept.
-class KeyCopy {
-public:
-    explicit KeyCopy(const zok_var* key)
-        : id_(host_heap_var_new(ZOK_HEAP_POINTER, const_cast<zok_var*>(key), ZOK_HEAP_NEW_COPY,
-                                ZOK_ACTION_ERROR)
-                  ->id) {}
-    KeyCopy(const KeyCopy&) = delete;
-    KeyCopy& operator=(const KeyCopy&) = delete;
-    ~KeyCopy() {
-        if (id_ != 0)
-            host_heap_free(id_, 0, 0);
-    }
-    uint32_t id() const { return id_; }
-    uint32_t keep() {
-        const uint32_t id = id_;
-        id_ = 0;
-        return id;
-    }
-
-private:
-    uint32_t id_;
-};
-
 // The entry for the key argument, or 0.
 uint32_t find_entry(const DsMap& m, const zok_var* key) {
     if (m.map == 0)
         return 0;
-    const KeyCopy probe(key);
-    return maph_find(m.map, probe.id(), compare_keys);
+    bool found;
+    const uint32_t at = maph_search(m.map, order_against(key), found);
+    return found ? at : 0;
 }
 
 void free_if_alive(uint32_t heap_id) {
@@ -114,21 +97,25 @@ void dsmap_insert(int32_t, zok_var** argv, zok_keywords*) {
     const zok_var* key = key_argument(argv);
     if (m.map == 0)
         raise_module_message(MSG_DSMAP_HEAPDEREFERR);
-    KeyCopy k(key);
     // One search finds the entry or the place of a new one.
     bool found;
-    const uint32_t at = map_rbh_find_gkey_n(m.map, k.id(), compare_keys, found);
+    const uint32_t at = maph_search(m.map, order_against(key), found);
     if (found) {
         host_var_store(&deref(maph_node_value(at))->var, argv[2]);
         return;
     }
+    // The key and value copies first, then the entry: a failure frees what was made.
+    const uint32_t k = host_heap_var_new(ZOK_HEAP_POINTER, const_cast<zok_var*>(key),
+                                         ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)
+                           ->id;
+    Undo drop_key([k] { host_heap_free(k, 0, 0); });
     const uint32_t v =
         host_heap_var_new(ZOK_HEAP_POINTER, argv[2], ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)->id;
     Undo drop_value([v] { host_heap_free(v, 0, 0); });
-    if (map_rbh_insert_b(at, k.id(), v) == 0)
+    if (maph_insert_before(at, k, v) == 0)
         raise_no_memory("ZOKdsMap::Insert");
     drop_value.commit();
-    k.keep();
+    drop_key.commit();
 }
 
 void dsmap_remove(int32_t, zok_var** argv, zok_keywords*) {

@@ -214,12 +214,12 @@ void fwident_collect(bool all) {
 
 int fwident_order(uint32_t a, uint32_t b) {
     const zok_string* text_a = fwident_text(a);
-    const zok_string* text_b = fwident_text(b);
+    const zok_string* text_b = b == a ? text_a : fwident_text(b);
     if (text_a == nullptr || text_b == nullptr) {
         raise_module_message(MSG_FWMSG_IDCORRUPT);
         return 0;
     }
-    return host_string_compare(text_a, text_b);
+    return text_order(*text_a, *text_b);
 }
 
 IdentReservation::IdentReservation(const zok_string* name) {

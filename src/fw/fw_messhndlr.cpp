@@ -128,8 +128,7 @@ uint32_t message_ident_of_behavior(uint32_t behavior) {
 
 // Puts a behaviour into a set unless it is there already.
 void file_behavior(uint32_t set, uint32_t behavior) {
-    if (maph_find(set, behavior, behavior_order) == 0 &&
-        maph_insert_gkey(set, behavior, 0, behavior_order) == 0)
+    if (maph_find_or_insert(set, behavior, 0, behavior_order) == 0)
         raise_no_memory("ZOKfwMessageHandler");
 }
 

@@ -22,6 +22,9 @@ uint32_t maph_new();
 // Replaces the entry with an equal key, if any, by a new one.  The new entry, or 0 when
 // no heap variable can be made (an entry it replaced is gone even then).
 uint32_t maph_put(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
+// The entry with an equal key if there is one, else a new entry; 0 when no heap variable
+// can be made.  One search either way.
+uint32_t maph_find_or_insert(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
 // The entry with an equal key, or 0 (also for map 0).
 uint32_t maph_find(uint32_t map, uint32_t key, RbhCompare compare);
 void maph_remove_node(uint32_t entry);    // nothing for 0
@@ -35,6 +38,19 @@ uint32_t maph_last(uint32_t map);
 uint32_t maph_next(uint32_t entry);
 std::size_t maph_count(uint32_t map);
 bool maph_is_empty(uint32_t map);
+
+// The entry whose key `order(entry_key)` finds equal (found set), else the entry to insert
+// before with maph_insert_before, or the map itself to append.  `order` orders the sought
+// key against an entry's key: negative less, 0 equal, positive greater.
+template <class Order>
+uint32_t maph_search(uint32_t map, Order order, bool& found) {
+    return RbhAccess::id(
+        RbhTree::find(HeapNode{map}, order, RbhAccess::complaints.find_gkey_non_head, found));
+}
+// A new entry just before what maph_search returned; 0 when no heap variable can be made.
+inline uint32_t maph_insert_before(uint32_t at, uint32_t key, uint32_t value) {
+    return map_rbh_insert_b(at, key, value);
+}
 
 // Insertions without a look for an equal key.  Each returns the new entry or 0.
 // Just after `entry` (before its successor; after the map itself means first).

@@ -28,16 +28,17 @@ bool RbhAccess::alive(Ref n) {
            record->var.value.st.def == struct_map_rbh_node() && record->var.value.st.data;
 }
 
-// A zeroed one-element instance, moved into a new heap pointer variable.
+// A new heap pointer variable holding a copy of a zeroed instance: one host call, and no
+// temporary to make and release.
 HeapNode RbhAccess::make() {
-    zok_var* temp = host_temp_struct(struct_map_rbh_node());
-    if (!temp)
-        return {};
-    zok_heap_record* record =
-        host_heap_var_new(ZOK_HEAP_POINTER, temp, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_RETURN);
-    if (temp->flags & ZOK_VF_TEMPORARY)
-        host_release_temp(temp);
-    return record ? Ref{record->id} : Ref{};
+    static RbhNodeData zeroed{};
+    zok_var prototype{};
+    prototype.type = ZOK_T_STRUCT;
+    prototype.flags = ZOK_VF_STRUCT;
+    prototype.value.st = {&zeroed, struct_map_rbh_node()};
+    const zok_heap_record* record =
+        host_heap_var_new(ZOK_HEAP_POINTER, &prototype, ZOK_HEAP_NEW_COPY, ZOK_ACTION_RETURN);
+    return record ? Ref{record->id, static_cast<RbhNodeData*>(record->var.value.st.data)} : Ref{};
 }
 
 void RbhAccess::free(Ref n, const char*) {

@@ -1,7 +1,9 @@
-// How the tree algorithm reaches map_rbh nodes: by heap identifier, looked up again for
-// every access, the five flags as status bytes, routing words holding leaf identifiers.
+// How the tree algorithm reaches map_rbh nodes: by a handle that carries the node's data,
+// looked up by heap identifier once when the handle is read from a link, the five flags
+// as status bytes, routing words holding leaf identifiers.
 #pragma once
 
+#include <compare>
 #include <cstring>
 
 #include <zok/zok.h>
@@ -11,19 +13,39 @@
 
 namespace flux {
 
-// A node's heap identifier, kept apart from key and value words.
-enum class HeapNode : uint32_t {};
+// A node: its heap identifier and its data, or null when no live heap variable has the
+// identifier.  A node's data stays where it is while the node lives, so one look-up
+// serves every access through the handle until the node is freed.  Handles compare by
+// identifier.
+class HeapNode {
+public:
+    HeapNode() = default;
+    explicit HeapNode(uint32_t id) : id_(id), data_(data_of(id)) {}
+    HeapNode(uint32_t id, RbhNodeData* data) : id_(id), data_(data) {}
+
+    uint32_t id() const { return id_; }
+    RbhNodeData* data() const { return data_; }
+    friend bool operator==(HeapNode a, HeapNode b) { return a.id_ == b.id_; }
+    friend std::strong_ordering operator<=>(HeapNode a, HeapNode b) { return a.id_ <=> b.id_; }
+
+private:
+    static RbhNodeData* data_of(uint32_t id) {
+        const zok_heap_record* record = host_heap_var(id);
+        return record ? static_cast<RbhNodeData*>(record->var.value.st.data) : nullptr;
+    }
+
+    uint32_t id_ = 0;
+    RbhNodeData* data_ = nullptr;
+};
 
 struct RbhAccess {
     using Ref = HeapNode;
     using View = RbhNodeData*;
     using Word = uint32_t;
 
-    static uint32_t id(Ref n) { return static_cast<uint32_t>(n); }
+    static uint32_t id(Ref n) { return n.id(); }
 
-    static View at(Ref n) {
-        return static_cast<RbhNodeData*>(host_heap_var(id(n))->var.value.st.data);
-    }
+    static View at(Ref n) { return n.data(); }
     static Ref left(View v) { return Ref{v->flink}; }
     static Ref right(View v) { return Ref{v->blink}; }
     static Ref parent(View v) { return Ref{v->parent}; }

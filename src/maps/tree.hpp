@@ -12,8 +12,8 @@
 //  - the head's parent is the root (the head itself when empty), the root's parent is
 //    the head, and the status flags mirror the shape (root, head, left child).
 //
-// A node is reached through `A::at(ref)`, whose view is valid only until a node is made
-// or freed: code below re-reads a node after `A::make` and `A::free`.
+// A node is reached through `A::at(ref)`, whose view stays valid while the node lives:
+// making or freeing other nodes does not move it.
 //
 // Misuse and impossible states are raised through the host with the error action.  Code
 // goes on after a raise that returns: a search searches, a count counts, and a deletion
