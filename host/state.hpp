@@ -279,8 +279,7 @@ struct zok::Host::State {
     // Structures, routines, calls.
     std::map<std::string, std::unique_ptr<detail::StructInfo>, std::less<>> structs;
     std::unordered_map<const zok_struct_def*, detail::StructInfo*> struct_by_def;
-    // Definitions found lately, by a hash of their address ((null, null) when unused).
-    std::array<std::pair<const zok_struct_def*, detail::StructInfo*>, 16> def_hits{};
+    std::pair<const zok_struct_def*, detail::StructInfo*> last_def{}; // (null, null) at first
     std::vector<std::unique_ptr<detail::Routine>> routines;
     std::vector<zok_name*> bound_names;
     detail::Frame base_frame;

@@ -76,15 +76,13 @@ bool StructInfo::derives_from(const StructInfo* ancestor) const {
 
 StructInfo* struct_info(const zok_struct_def* def) {
     State& s = state();
-    // Definitions live as long as the host, so a definition found once stays valid.
-    const auto address = reinterpret_cast<uintptr_t>(def);
-    auto& hit = s.def_hits[((address >> 4) ^ (address >> 9)) % s.def_hits.size()];
-    if (def == hit.first)
-        return hit.second;
+    // Definitions live as long as the host, so the last one found stays valid.
+    if (def == s.last_def.first)
+        return s.last_def.second;
     auto it = s.struct_by_def.find(def);
     if (it == s.struct_by_def.end())
         return nullptr;
-    hit = *it;
+    s.last_def = *it;
     return it->second;
 }
 

@@ -1,6 +1,7 @@
 // The module's classes and routine groups, in the order of the class tree;
 // the frame registers their routines and runs their session resets.
 #include "dsmap/ds_map.hpp"
+#include "frame/host_api.hpp"
 #include "frame/module.hpp"
 #include "fw/fw_behavior.hpp"
 #include "fw/fw_delayargbehav.hpp"
@@ -34,6 +35,7 @@ const SessionReset resets[] = {
 };
 
 const LoadForget forgets[] = {
+    anchor_forget,
     fwident_forget,
     messagehandler_forget,
     behavior_forget,

@@ -1,10 +1,32 @@
 // The module's message block handle and self resolution.
 #include "frame/host_api.hpp"
 
+#include <cstddef>
+
 namespace flux {
 namespace {
 const zok_message_block* module_block = nullptr;
+
+// Where the anchor lies in an instance of a framework class: a class lists its parent's
+// tags first, so the place is the same in every class under the root.  Learnt from the
+// first object resolved after the module loads; negative until then.
+std::ptrdiff_t anchor_offset = -1;
+
+// The anchor of an object already known to be of a framework class.
+void* framework_anchor(zok_heap_record* rec) {
+    auto* data = static_cast<char*>(rec->var.value.st.data);
+    if (anchor_offset >= 0 && data != nullptr) [[likely]]
+        return data + anchor_offset;
+    auto* anchor = static_cast<char*>(host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0));
+    if (anchor != nullptr && data != nullptr)
+        anchor_offset = anchor - data;
+    return anchor;
+}
 } // namespace
+
+void anchor_forget() {
+    anchor_offset = -1;
+}
 
 const zok_message_block* message_block() {
     return module_block;
@@ -43,14 +65,14 @@ void* live_instance(uint32_t id, const ClassRef& cls) {
     zok_heap_record* rec = host_heap_var(id);
     if (rec == nullptr || !is_instance_of(rec, cls))
         return nullptr;
-    return host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0);
+    return framework_anchor(rec);
 }
 
 Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role) {
     zok_heap_record* rec = host_object_heap_var(id, ZOK_ACTION_ERROR);
     if (!is_instance_of(rec, cls))
         host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, role, cls.display_name);
-    return Self{host_struct_tag_data(&rec->var, FRAMEWORK_ANCHOR, 0, 0, 0), id};
+    return Self{framework_anchor(rec), id};
 }
 
 } // namespace flux

@@ -111,6 +111,9 @@ bool is_instance_of(const zok_heap_record* rec, const ClassRef& cls);
 // class is refused with host message -572, `role` and the class's name.
 Self resolve_instance(uint32_t id, const ClassRef& cls, const char* role);
 
+// Forgets where framework objects keep their anchor (learnt again after a load).
+void anchor_forget();
+
 // The fields of a live object of `cls` (or of a class derived from it), or
 // null; raises nothing, for code that must tolerate a dead or foreign object.
 void* live_instance(uint32_t id, const ClassRef& cls);

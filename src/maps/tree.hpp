@@ -433,6 +433,10 @@ struct Tree {
         }
         Ref next = left(x);
         Ref prev = right(x);
+        // Only a routing word on x's own side can name x, and none names the first leaf as
+        // the least of a subtree or the last as the greatest.
+        const Side x_side = side(x);
+        const bool named = !is(x_side == Side::left ? prev : next, head);
         set_right(next, prev);
         set_left(prev, next);
         if (is(x, root)) {
@@ -460,29 +464,33 @@ struct Tree {
         A::free(p, "map_rb_delete_node");
         A::free(x, "map_rb_delete_node");
 
-        // The routing words that named x now name s's extreme leaves.  A red internal s
-        // has two leaf children; turning it black restores the black height.
+        // The routing word that named x now names s's extreme leaf on x's side; the one on
+        // the other side names s's own extreme leaf already.  A red internal s has two leaf
+        // children; turning it black restores the black height.
         if (is(s, internal)) {
             if (is_red(s)) {
-                aim_anchors(s, left(s), right(s));
+                if (named)
+                    aim_anchor(s, x_side, child(s, x_side));
                 mark(s, red, false);
                 return;
             }
             A::complain(says.sibling_black_internal, s);
-        } else {
-            aim_anchors(s, s, s);
+        } else if (named) {
+            aim_anchor(s, x_side, s);
         }
         if (!p_was_red)
             rebalance_after_delete(s);
     }
 
-    static void aim_anchors(Ref s, Ref least, Ref greatest) {
-        Ref anchor = value_anchor(s);
-        if (!is(anchor, head))
-            A::set_value_leaf(A::at(anchor), least);
-        anchor = key_anchor(s);
-        if (!is(anchor, head))
-            A::set_key_leaf(A::at(anchor), greatest);
+    // Aims the routing word that names the least (side left) or greatest (side right) leaf of
+    // s's subtree at `leaf`.
+    static void aim_anchor(Ref s, Side side, Ref leaf) {
+        if (side == Side::left) {
+            if (Ref anchor = value_anchor(s); !is(anchor, head))
+                A::set_value_leaf(A::at(anchor), leaf);
+        } else if (Ref anchor = key_anchor(s); !is(anchor, head)) {
+            A::set_key_leaf(A::at(anchor), leaf);
+        }
     }
 
     // x's subtree has one black node fewer than its sibling's; x is black.
