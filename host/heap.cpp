@@ -116,9 +116,9 @@ void HeapTable::destroy(HeapSlot* slot) {
     uint32_t pi = id >> kPageBits;
     slot->live = false;
     poison_record(slot);
-    --dir_[pi]->live;
     --count_;
-    drop_page_if_done(pi);
+    if (--dir_[pi]->live == 0)
+        drop_page_if_done(pi);
 }
 
 // A page whose identifiers have all been handed out and freed is given back.

@@ -258,7 +258,10 @@ void copy_value(const zok_var& src, zok_var& dest) {
         out.value.str = copy;
     } else if (src.type == ZOK_T_STRUCT && src.value.st.data) {
         const StructInfo& info = info_of(src.value.st.def);
-        void* data = new_instance(info);
+        // Not zeroed: the copy writes every byte.
+        void* data = alloc_instance_memory(info.def.size);
+        if (!data)
+            throw std::bad_alloc();
         try {
             copy_instance(info, src.value.st.data, data);
         } catch (...) {
