@@ -1,7 +1,7 @@
 // map_rbh: the tree algorithm over nodes that are heap pointer variables holding
 // ZOK_MAP_RBH_NODE instances, its two key kinds, and its text dump.  A node's data is
-// looked up by identifier for every access and never kept across the making or freeing
-// of a heap variable.
+// looked up by identifier once per operation that reaches it through a link, and kept no
+// longer than the operation.
 #include "maps/rbh.hpp"
 
 #include <cstdio>

@@ -19,7 +19,7 @@ using RbhCompare = int (*)(uint32_t key, uint32_t leaf_key);
 // A new empty tree's head, or 0 when no heap variable can be made.
 uint32_t map_rbh_new_tree();
 // The node's instance data, or null when no heap variable has that identifier.  Valid
-// only until the next heap variable is made or freed.
+// until the node is freed.
 RbhNodeData* map_rbh_node(uint32_t node);
 
 // As map_rb_find_*_n: the leaf with an equal key (found = true), else the leaf to insert
