@@ -124,17 +124,11 @@ struct Model {
         remove(behavior_handler(b), b);
         add(behavior_handler(b), b);
     }
-    void do_register(uint32_t b) {
-        if (behaviors.at(b).registered)
+    void set_registered(uint32_t b, bool on) {
+        if (behaviors.at(b).registered == on)
             return;
-        add(behavior_handler(b), b);
-        behaviors.at(b).registered = true;
-    }
-    void do_unregister(uint32_t b) {
-        if (!behaviors.at(b).registered)
-            return;
-        remove(behavior_handler(b), b);
-        behaviors.at(b).registered = false;
+        on ? add(behavior_handler(b), b) : remove(behavior_handler(b), b);
+        behaviors.at(b).registered = on;
     }
     void scope_message(uint32_t h, const std::string& text) {
         if (scope(h, text) != nullptr)
@@ -180,7 +174,7 @@ struct Model {
                     } else if (b.kind != Kind::method) {
                         delivered.push_back(id);
                     } else if (live_targets.count(b.target) == 0) {
-                        do_unregister(id);
+                        set_registered(id, false);
                     } else if (!b.name.empty()) {
                         delivered.push_back(id);
                         if (b.killer)
@@ -200,7 +194,7 @@ struct Model {
         handlers.erase(h);
     }
     void destroy_behavior(uint32_t b) {
-        do_unregister(b);
+        set_registered(b, false);
         behaviors.erase(b);
     }
     // Whether destroying the behaviour would leave it filed somewhere.
@@ -244,36 +238,30 @@ protected:
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
 
-    template <class Map>
-    uint32_t pick(const Map& objects) {
+    // Any one of a map's keys or a set's elements; 0 when there is none.
+    template <class Container>
+    uint32_t pick(const Container& objects) {
         if (objects.empty())
             return 0;
-        auto it = objects.begin();
-        std::advance(it, rng() % objects.size());
-        return it->first;
+        auto it = std::next(objects.begin(), rng() % objects.size());
+        if constexpr (std::is_same_v<Container, std::set<uint32_t>>)
+            return *it;
+        else
+            return it->first;
     }
     const std::string& text() {
         static const std::string texts[] = {"alpha", "beta", "gamma", kGeneric};
         return texts[rng() % 4];
     }
     Value value() {
-        switch (rng() % 3) {
-        case 0:
-            return Value(static_cast<int32_t>(rng()));
-        case 1:
-            return Value(std::vector<std::string>{text(), text()});
-        default:
-            return Value(text());
-        }
+        const uint32_t kind = rng() % 3;
+        return kind == 0   ? Value(static_cast<int32_t>(rng()))
+               : kind == 1 ? Value(std::vector<std::string>{text(), text()})
+                           : Value(text());
     }
     uint32_t program_handler_or_none() {
-        std::vector<uint32_t> program;
-        for (const auto& [h, handler] : model.handlers)
-            if (h < Model::kDefaultBase)
-                program.push_back(h);
-        if (program.empty() || rng() % 3 == 0)
-            return 0;
-        return program[rng() % program.size()];
+        const uint32_t h = rng() % 3 == 0 ? 0 : pick(model.handlers);
+        return h < Model::kDefaultBase ? h : 0;
     }
     // A new target, or one of the live ones; sometimes none at all.
     uint32_t any_target() {
@@ -281,9 +269,7 @@ protected:
             return 0;
         if (model.live_targets.empty() || rng() % 2 == 0)
             return *model.live_targets.insert(host.new_object("TARGET").id).first;
-        auto it = model.live_targets.begin();
-        std::advance(it, rng() % model.live_targets.size());
-        return *it;
+        return pick(model.live_targets);
     }
     // Every delivery records what it was given (a probe's EXECUTE records
     // who ran itself).
@@ -337,51 +323,35 @@ uint32_t MessagingModel::new_behavior() {
                              "ZOKFWQUERYBEHAV"};
     const uint32_t id = host.new_object(classes[static_cast<int>(kind)], {}, kw).id;
     const ObjectRef self{id};
-    // Routines and methods of its own, named in either case.
-    b.name = (rng() % 2 ? "CALL_" : "call_") + std::to_string(id);
-    const std::string routine = "CALL_" + std::to_string(id);
-    auto run = [this, id](zok::Call& call) { return ran(id, call, 0); };
-    switch (kind) {
-    case Kind::probe:
+    if (kind == Kind::probe) {
         on_execute[id] = [this](zok::Call& call) {
             EXPECT_GT(host.memory("ZOkfwBehaviorList").blocks, 0u) << "a delivery walks a snapshot";
             ran(0, call, 1);
         };
-        break;
-    case Kind::procedure:
-        host.add_procedure(routine, 1, 1, run);
-        host.call_method(self, "SETPROC", {b.name});
-        EXPECT_EQ(host.call_method(self, "PROC"), Value(b.name));
-        break;
-    case Kind::function:
-        host.add_function(routine, 1, 1, [this, id](zok::Call& call) {
-            ran(id, call, 0);
-            return Value("a result nobody keeps");
-        });
-        host.call_method(self, "SETFUNC", {b.name});
-        EXPECT_EQ(host.call_method(self, "FUNC"), Value(b.name));
-        break;
-    case Kind::method:
-        b.killer = rng() % 4 == 0;
-        host.add_procedure("TARGET::" + routine, 1, 2,
-                           [this, id, killer = b.killer](zok::Call& call) {
-                               ran(id, call, 1);
-                               if (killer)
-                                   host.destroy(call.self());
-                               return Value();
-                           });
-        host.call_method(self, "SETMETHOD", {b.name});
-        EXPECT_EQ(host.call_method(self, "METHOD"), Value(b.name));
-        break;
-    case Kind::answer:
-        b.name.clear();
-        break;
+    } else if (kind != Kind::answer) { // a routine or method of its own, named in either case
+        const bool method = kind == Kind::method;
+        b.killer = method && rng() % 4 == 0;
+        b.name = (rng() % 2 ? "CALL_" : "call_") + std::to_string(id);
+        const auto add =
+            kind == Kind::function ? &zok::Host::add_function : &zok::Host::add_procedure;
+        (host.*add)((method ? "TARGET::CALL_" : "CALL_") + std::to_string(id), 1, method ? 2 : 1,
+                    [this, id, kind, killer = b.killer](zok::Call& call) {
+                        ran(id, call, kind == Kind::method ? 1 : 0);
+                        if (killer)
+                            host.destroy(call.self());
+                        return kind == Kind::function ? Value("a result nobody keeps") : Value();
+                    },
+                    false);
+        const char* getters[] = {"PROC", "FUNC", "METHOD"};
+        const std::string getter = getters[static_cast<int>(kind) - 1];
+        host.call_method(self, "SET" + getter, {b.name});
+        EXPECT_EQ(host.call_method(self, getter), Value(b.name));
     }
     model.behaviors[id] = b;
     if (scope)
         model.scope_message(model.behavior_handler(id), b.text);
     if (reg)
-        model.do_register(id);
+        model.set_registered(id, true);
     return id;
 }
 
@@ -458,7 +428,7 @@ void MessagingModel::step() {
         if (b != 0) {
             const bool reg = rng() % 2 == 0;
             host.call_method(ObjectRef{b}, reg ? "REGISTER" : "UNREGISTER");
-            reg ? model.do_register(b) : model.do_unregister(b);
+            model.set_registered(b, reg);
         }
         break;
     case 5:
