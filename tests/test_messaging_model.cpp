@@ -62,7 +62,7 @@ struct Model {
     std::map<uint32_t, Handler> handlers;
     std::map<uint32_t, Behavior> behaviors;
     std::map<uint32_t, Message> messages;
-    std::set<uint32_t> live_targets;
+    std::map<uint32_t, bool> live_targets; // each with whether its class overrides the methods
     uint32_t default_key = 0;
     uint32_t incarnations = 0;
     std::vector<uint32_t> delivered;
@@ -175,6 +175,8 @@ struct Model {
                         delivered.push_back(id);
                     } else if (live_targets.count(b.target) == 0) {
                         set_registered(id, false);
+                    } else if (!b.name.empty() && live_targets.at(b.target)) {
+                        delivered.push_back(~id); // the subclass's override ran
                     } else if (!b.name.empty()) {
                         delivered.push_back(id);
                         if (b.killer)
@@ -220,6 +222,7 @@ class MessagingModel : public Messaging {
 protected:
     MessagingModel() {
         host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
+        host.define_struct("SUBTARGET", {}, "TARGET");
         // Sends, from message 1, argument 2: the caller's own temporary, as an
         // interpreter passes a value; keeps what the send left of it.
         host.add_procedure("RELAY", 2, 2, [this](zok::Call& call) {
@@ -238,16 +241,13 @@ protected:
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
 
-    // Any one of a map's keys or a set's elements; 0 when there is none.
+    // Any one of a map's keys; 0 when there is none.
     template <class Container>
     uint32_t pick(const Container& objects) {
         if (objects.empty())
             return 0;
         auto it = std::next(objects.begin(), rng() % objects.size());
-        if constexpr (std::is_same_v<Container, std::set<uint32_t>>)
-            return *it;
-        else
-            return it->first;
+        return it->first;
     }
     const std::string& text() {
         static const std::string texts[] = {"alpha", "beta", "gamma", kGeneric};
@@ -267,8 +267,11 @@ protected:
     uint32_t any_target() {
         if (rng() % 8 == 0)
             return 0;
-        if (model.live_targets.empty() || rng() % 2 == 0)
-            return *model.live_targets.insert(host.new_object("TARGET").id).first;
+        if (model.live_targets.empty() || rng() % 2 == 0) {
+            const bool sub = rng() % 4 == 0;
+            return model.live_targets.emplace(host.new_object(sub ? "SUBTARGET" : "TARGET").id, sub)
+                .first->first;
+        }
         return pick(model.live_targets);
     }
     // Every delivery records what it was given (a probe's EXECUTE records
@@ -342,6 +345,9 @@ uint32_t MessagingModel::new_behavior() {
                         return kind == Kind::function ? Value("a result nobody keeps") : Value();
                     },
                     false);
+        if (method) // the target's own class resolves the name
+            host.add_procedure("SUBTARGET::CALL_" + std::to_string(id), 1, 2,
+                               [this, id](zok::Call& call) { return ran(~id, call, 1); });
         const char* getters[] = {"PROC", "FUNC", "METHOD"};
         const std::string getter = getters[static_cast<int>(kind) - 1];
         host.call_method(self, "SET" + getter, {b.name});
@@ -472,7 +478,8 @@ void MessagingModel::step() {
             // is left empty; a single one gets the caller's temporary itself.
             const bool shared = model.receivers >= 2;
             for (size_t i = 0; i < given.size(); ++i) {
-                if (model.behaviors.at(executed[i]).kind != Kind::probe)
+                const auto run = model.behaviors.find(executed[i]);
+                if (run == model.behaviors.end() || run->second.kind != Kind::probe)
                     continue; // a routine's or method's argument is the host's copy
                 const Given& g = given[i];
                 EXPECT_EQ(g.var == caller, !shared);
@@ -631,6 +638,7 @@ void MessagingModel::compare() {
     // Every use the registry counts is held by a live object or a scope key.
     for (const flux::FwIdentEntry& entry : flux::fwident_entries())
         EXPECT_EQ(entry.uses, uses.count(entry.name) ? uses[entry.name] : 0) << entry.name;
+    EXPECT_EQ(host.live_temps(), 0u);
     ASSERT_EQ(check_all(), "");
 }
 
