@@ -202,7 +202,7 @@ Routine* resolve_method_slow(StructInfo* cls, const zok_name* method) {
 
 void FrameGuard::end_unusually() {
     const bool failing = !done_;
-    if (!frame_.held_kw.empty() && !failing)
+    if (s_.held_kw.size() != frame_.held_from && !failing)
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
                                       "Keyword texts were not freed by " +
                                           frame_.routine->name->text + "; the host freed them.",
@@ -225,7 +225,8 @@ namespace {
 
 [[gnu::cold, gnu::noinline]] void refuse_keywords(const Routine& r, const zok_keywords& kw) {
     raise(ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR,
-          "Keyword " + kw.entries.front().first + " not allowed in call to: " + r.name->text + ".");
+          "Keyword " + std::string(kw.entries.front().name) +
+              " not allowed in call to: " + r.name->text + ".");
 }
 
 [[gnu::cold, gnu::noinline]] void refuse_null_argument(const Routine& r, int32_t i) {

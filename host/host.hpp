@@ -22,6 +22,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace zok {
@@ -143,7 +144,10 @@ public:
     // Array elements (a scalar reads as an array of one).
     std::vector<Value> elements() const;
     size_t size() const {
-        return is_array_ ? (elements_ ? elements_->size() : 0) : (defined() ? 1 : 0);
+        if (!is_array_)
+            return defined() ? 1 : 0;
+        const Elements* e = std::get_if<Elements>(&payload_);
+        return e && *e ? (*e)->size() : 0;
     }
 
     friend bool operator==(const Value& a, const Value& b);
@@ -171,15 +175,20 @@ private:
     void set_uint64(uint64_t v);
     [[noreturn]] void out_of_range() const;
 
+    // Shared, as a Value never changes once made: copying or dropping a Value
+    // costs no walk of its elements.
+    using Elements = std::shared_ptr<const std::vector<Value>>;
+    const std::string& text() const { return std::get<std::string>(payload_); }
+    const Elements& elements_of() const { return std::get<Elements>(payload_); }
+
     uint8_t type_ = ZOK_T_UNDEFINED;
     bool is_array_ = false;
     int64_t int_ = 0;
     double double_ = 0;
-    std::string text_;
-    std::shared_ptr<const StructValue> struct_;
-    // Shared, as a Value never changes once made: copying or dropping a Value
-    // costs no walk of its elements.
-    std::shared_ptr<const std::vector<Value>> elements_;
+    // A string's text, a structure's fields or an array's elements: one of them at
+    // most, so that a scalar Value is made and dropped without touching any.
+    std::variant<std::monostate, std::string, std::shared_ptr<const StructValue>, Elements>
+        payload_;
 };
 
 template <typename T>
