@@ -32,6 +32,8 @@ uint32_t the_spare = 0;
 // Tree nodes that re-filing one behaviour may need: a new scope at the root
 // (its set and the table's entry) and the behaviour's entry in a set.
 constexpr std::size_t kRefilingNodes = 5;
+// Tree nodes of one entry inserted into an existing set.
+constexpr std::size_t kEntryNodes = 2;
 
 MessageHandlerFields& fields_of(Self self) {
     return self.fields<MessageHandlerFields>();
@@ -352,13 +354,19 @@ MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_regis
         nodes += scope_->nodes();
     }
     if (register_) {
+        // The behaviour's entry in the set it lands in: one that exists, or the
+        // scope made above, or one at the root made by REGISTER.
+        std::size_t filing = kEntryNodes;
         // The climb that REGISTER will make, so that it makes the default handler now.
         if (!(scope_ && scope_->needed())) {
             const Reached at = climb_to_scope(handler(), ident);
-            if (at.set == 0 && fields_of(handler_self(at.handler)).behaviors == 0)
-                refuse_cleaned_up_root(at.handler);
+            if (at.set == 0) {
+                if (fields_of(handler_self(at.handler)).behaviors == 0)
+                    refuse_cleaned_up_root(at.handler);
+                filing = kRefilingNodes;
+            }
         }
-        nodes += kRefilingNodes;
+        nodes += filing;
     }
     reserve(nodes_, nodes);
 }
@@ -422,7 +430,7 @@ void add_behavior(uint32_t handler, uint32_t behavior) {
             refuse_cleaned_up_root(at.handler);
         reserve(nodes, root_scope->nodes());
     }
-    reserve(nodes, 2);
+    reserve(nodes, kEntryNodes);
     made_default.commit();
     if (root_scope)
         root_scope->commit();
