@@ -652,7 +652,9 @@ Value Call::arg(int32_t i) const {
     return from_var(*var(i));
 }
 
-int64_t Call::integer(int32_t i) const {
+// Every reading but the inline one: the other integer types, then every other
+// type with its reading or its error.
+int64_t Call::other_integer(int32_t i) const {
     const zok_var& v = *var(i);
     if (!(v.flags & ZOK_VF_ARRAY)) {
         switch (v.type) {
@@ -672,11 +674,6 @@ int64_t Call::integer(int32_t i) const {
             break;
         }
     }
-    return other_integer(i);
-}
-
-// Every other type, with its reading or its error.
-int64_t Call::other_integer(int32_t i) const {
     return arg(i).as_int();
 }
 

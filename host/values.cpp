@@ -84,14 +84,16 @@ void Value::set_uint64(uint64_t v) {
 Value::Value(float v) : type_(ZOK_T_FLOAT), double_(v) {}
 Value::Value(double v) : type_(ZOK_T_DOUBLE), double_(v) {}
 Value::Value(const char* text)
-    : type_(ZOK_T_STRING), payload_(std::in_place_type<std::string>, text ? text : "") {}
-Value::Value(std::string text) : type_(ZOK_T_STRING), payload_(std::move(text)) {}
+    : type_(ZOK_T_STRING),
+      payload_(std::in_place, std::in_place_type<std::string>, text ? text : "") {}
+Value::Value(std::string text) : type_(ZOK_T_STRING), payload_(std::in_place, std::move(text)) {}
 Value::Value(std::string_view text)
-    : type_(ZOK_T_STRING), payload_(std::in_place_type<std::string>, text) {}
+    : type_(ZOK_T_STRING), payload_(std::in_place, std::in_place_type<std::string>, text) {}
 Value::Value(ObjectRef ref) : type_(ZOK_T_OBJECT), int_(ref.id) {}
 Value::Value(PointerRef ref) : type_(ZOK_T_POINTER), int_(ref.id) {}
 Value::Value(StructValue st)
-    : type_(ZOK_T_STRUCT), payload_(std::make_shared<const StructValue>(std::move(st))) {}
+    : type_(ZOK_T_STRUCT),
+      payload_(std::in_place, std::make_shared<const StructValue>(std::move(st))) {}
 
 Value Value::array(uint8_t type, std::vector<Value> elements) {
     for (Value& e : elements) {
@@ -110,7 +112,7 @@ Value Value::array(uint8_t type, std::vector<Value> elements) {
     Value out;
     out.type_ = type;
     out.is_array_ = true;
-    out.payload_ = std::make_shared<const std::vector<Value>>(std::move(elements));
+    out.payload_.emplace(std::make_shared<const std::vector<Value>>(std::move(elements)));
     return out;
 }
 
@@ -204,7 +206,7 @@ PointerRef Value::as_pointer() const {
 }
 
 const StructValue& Value::as_struct() const {
-    const auto* st = std::get_if<std::shared_ptr<const StructValue>>(&payload_);
+    const auto* st = payload_as<std::shared_ptr<const StructValue>>();
     if (is_array_ || type_ != ZOK_T_STRUCT || !st || !*st)
         conversion_error(*this, "a structure");
     return **st;
