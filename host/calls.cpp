@@ -202,7 +202,7 @@ Routine* resolve_method_slow(StructInfo* cls, const zok_name* method) {
 
 void FrameGuard::end_unusually() {
     const bool failing = !done_;
-    if (s_.held_kw.size() != frame_.held_from && !failing)
+    if (frame_.holds_kw && s_.held_kw.size() != frame_.held_from && !failing)
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
                                       "Keyword texts were not freed by " +
                                           frame_.routine->name->text + "; the host freed them.",

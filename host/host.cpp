@@ -69,14 +69,13 @@ public:
     // The keyword block: names already in upper case are used in place, the
     // others through upper-case copies kept until the statement ends.
     zok_keywords* keywords(const Keywords& kw) {
-        if (kw.empty())
-            return &kw_;
-        kw_.entries.reserve(kw.size());
-        upper_names_.reserve(kw.size()); // no reallocation: the views stay valid
         for (const Keyword& k : kw) {
             std::string_view name = k.name;
-            if (!is_upper(name))
+            if (!is_upper(name)) {
+                if (upper_names_.empty())
+                    upper_names_.reserve(kw.size()); // no reallocation: the views stay valid
                 name = upper_names_.emplace_back(upper(name));
+            }
             kw_.entries.push_back({name, arg(k.arg)});
         }
         return &kw_;

@@ -13,6 +13,8 @@
 namespace zok::detail {
 
 void release_held_keywords(Frame& f) {
+    if (!f.holds_kw)
+        return;
     State& s = state();
     for (size_t i = f.held_from; i < s.held_kw.size(); ++i)
         if (s.texts.erase(s.held_kw[i]))
@@ -84,7 +86,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
     }
     std::memset(rec, 0, sizeof(uint64_t));
 
-    static const zok_keywords none;
+    static const zok_keywords none{};
     Held held;
     for (const auto& [name, var] : (kw ? kw : &none)->entries) {
         const zok_keyword_entry* match = nullptr;
@@ -138,7 +140,11 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
     for (int32_t i = 0; i < argc; ++i)
         plain[i] = argv[i];
     if (!held.texts.empty()) {
+        Frame& f = *s.frame;
+        if (!f.holds_kw)
+            f.held_from = s.held_kw.size();
         s.held_kw.insert(s.held_kw.end(), held.texts.begin(), held.texts.end());
+        f.holds_kw = true;
         held.texts.clear();
         uint64_t holds = 1;
         std::memcpy(rec, &holds, sizeof holds);

@@ -25,6 +25,42 @@
 #include <unordered_set>
 #include <vector>
 
+namespace zok::detail {
+
+// A vector of trivially copyable elements whose first N live in place, so that
+// the usual few cost no allocation.
+template <typename T, size_t N>
+class SmallVector {
+public:
+    SmallVector() = default;
+    SmallVector(const SmallVector&) = delete;
+    SmallVector& operator=(const SmallVector&) = delete;
+    void push_back(const T& v) {
+        if (size_ == N && spilled_.empty())
+            spilled_.assign(in_place_.begin(), in_place_.end());
+        if (size_ >= N)
+            spilled_.push_back(v);
+        else
+            in_place_[size_] = v;
+        ++size_;
+    }
+    T* data() { return size_ > N ? spilled_.data() : in_place_.data(); }
+    T* begin() { return data(); }
+    T* end() { return data() + size_; }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    const T& front() const { return *begin(); }
+    const T* begin() const { return size_ > N ? spilled_.data() : in_place_.data(); }
+    const T* end() const { return begin() + size_; }
+
+private:
+    std::array<T, N> in_place_;
+    std::vector<T> spilled_;
+    size_t size_ = 0;
+};
+
+} // namespace zok::detail
+
 // The opaque handle types of zok.h are defined here, in the global namespace.
 struct zok_keywords {
     // A keyword of the call: its name in upper case, in text that lives as long
@@ -33,7 +69,7 @@ struct zok_keywords {
         std::string_view name;
         zok_var* var;
     };
-    std::vector<Entry> entries;
+    zok::detail::SmallVector<Entry, 8> entries;
 };
 
 struct zok_message_block {
@@ -224,7 +260,10 @@ struct Frame {
     Frame* parent = nullptr;
     const Routine* routine = nullptr;
     uint64_t first_temp = 0; // temporaries with seq >= this were made in the call
-    size_t held_from = 0;    // State::held_kw from this index on is the call's
+    // Once keyword processing held texts in this call: State::held_kw from
+    // `held_from` on is the call's.
+    bool holds_kw = false;
+    size_t held_from = 0;
 };
 
 struct LoadedModule {
@@ -323,34 +362,6 @@ inline State& state() {
 inline State* state_or_null() {
     return g_state;
 }
-
-// A vector of trivially copyable elements whose first N live in place, so that
-// the usual few cost no allocation.
-template <typename T, size_t N>
-class SmallVector {
-public:
-    SmallVector() = default;
-    SmallVector(const SmallVector&) = delete;
-    SmallVector& operator=(const SmallVector&) = delete;
-    void push_back(const T& v) {
-        if (size_ == N && spilled_.empty())
-            spilled_.assign(in_place_.begin(), in_place_.end());
-        if (size_ >= N)
-            spilled_.push_back(v);
-        else
-            in_place_[size_] = v;
-        ++size_;
-    }
-    T* data() { return size_ > N ? spilled_.data() : in_place_.data(); }
-    T* begin() { return data(); }
-    T* end() { return data() + size_; }
-    size_t size() const { return size_; }
-
-private:
-    std::array<T, N> in_place_;
-    std::vector<T> spilled_;
-    size_t size_ = 0;
-};
 
 // ---- Messages (errors.cpp)
 // Records an error of the program API and throws it, whatever errors_return says.
@@ -530,11 +541,10 @@ public:
         frame_.parent = s.frame;
         frame_.routine = r;
         frame_.first_temp = s.temp_seq;
-        frame_.held_from = s.held_kw.size();
         s.frame = &frame_;
     }
     ~FrameGuard() {
-        if (!done_ || s_.held_kw.size() != frame_.held_from) [[unlikely]]
+        if (!done_ || frame_.holds_kw) [[unlikely]]
             end_unusually();
         s_.frame = frame_.parent;
     }
