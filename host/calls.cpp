@@ -512,7 +512,7 @@ namespace {
 
 // host_call_method past its reserved arguments; `slot` is the object's live
 // heap slot, or null when `object` is none.
-[[gnu::always_inline]] inline zok_var* call_method(const zok_name* name,
+[[gnu::always_inline]] inline zok_var* call_method(State& s, const zok_name* name,
                                                    const zok_heap_record* object, HeapSlot* slot,
                                                    int32_t argc, zok_var** args) {
     if (!name || argc < 0 || (argc > 0 && !args)) [[unlikely]]
@@ -537,7 +537,6 @@ namespace {
     if (!r) [[unlikely]]
         return refuse_unknown_method(*cls, *method);
     MethodArgs argv(object->id, argc, args);
-    State& s = state();
     FrameGuard guard(s, r);
     zok_var* result = run_in_frame(s, *r, argv.count(), argv.data(), nullptr);
     guard.done();
@@ -554,17 +553,19 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
     if (mode != 2 || reserved0 != 0 || reserved1 != 0 || reserved2 != 0 || reserved3 != 0)
         [[unlikely]]
         return refuse_method_call(ZOK_ERR_BAD_ARGUMENT, "host_call_method: bad arguments");
-    HeapSlot* slot = object ? heap_slot(object->id) : nullptr;
-    return call_method(name, object, slot && &slot->rec == object ? slot : nullptr, argc, args);
+    State& s = state();
+    HeapSlot* slot = object ? s.heap.find(object->id) : nullptr;
+    return call_method(s, name, object, slot && &slot->rec == object ? slot : nullptr, argc, args);
 }
 
 zok_var* host_call_method_id(const zok_name* name, uint32_t id, int32_t argc, zok_var** args) {
-    HeapSlot* slot = heap_slot(id);
+    State& s = state();
+    HeapSlot* slot = s.heap.find(id);
     // Exactly as host_object_heap_var, then host_call_method: the same errors.
     if (!slot) [[unlikely]]
         return host_call_method(2, name, host_object_heap_var(id, ZOK_ACTION_ERROR), 0, argc, args,
                                 0, 0, 0);
-    return call_method(name, &slot->rec, slot, argc, args);
+    return call_method(s, name, &slot->rec, slot, argc, args);
 }
 
 zok_var* host_call_routine(const zok_call_block* call) {

@@ -512,8 +512,9 @@ zok_name* intern(std::string_view text);
 zok_name* find_name(std::string_view text);
 void add_routine(std::unique_ptr<Routine> r);
 // Bumped whenever a routine or structure is added or the host goes, which
-// makes every name's last resolution stale.
-extern uint64_t g_method_generation;
+// makes every name's last resolution stale.  Hidden, as g_state: every method
+// call reads it.
+extern uint64_t g_method_generation [[gnu::visibility("hidden")]];
 // The routine a method call of `method` on `cls` runs (null: none): the name's
 // last resolution when it still holds, else the class's cache or the search.
 Routine* resolve_method_slow(StructInfo* cls, const zok_name* method);
