@@ -314,7 +314,9 @@ void fill_instance(const StructInfo& info, const StructValue& st, void* data) {
 void write_element(uint8_t type, const Value& given, void* dst) {
     if (!given.defined())
         return;
-    Value v = coerce(given, type);
+    // A value of the type already is read in place, not copied.
+    const Value coerced = given.type() == type ? Value() : coerce(given, type);
+    const Value& v = given.type() == type ? given : coerced;
     if (v.type() != type)
         throw Error(ZOK_ERR_CONVERSION,
                     "Value " + given.to_string() + " does not fit a " + type_name(type), {});
