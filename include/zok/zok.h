@@ -16,9 +16,9 @@
  *    result.  ZOK_ACTION_ERROR raises it: the running routine is ended and
  *    control goes back to the host program.  host_message and
  *    host_message_from_block record their message under every action (that
- *    is what they are for) and return unless the action is ZOK_ACTION_ERROR.  Inside the reference
- * host an error travels as a C++ exception that unwinds through module frames, so module code must
- * not hold a resource by a raw pointer across any call that can raise.
+ *    is what they are for) and return unless the action is ZOK_ACTION_ERROR.  Inside the reference host an error travels as a C++
+ *    exception that unwinds through module frames, so module code must not
+ *    hold a resource by a raw pointer across any call that can raise.
  *  - Arguments documented as "reserved" must be passed as 0 (or the value
  *    given).  The reference host refuses other values.
  *  - Variables returned by operations that make temporaries carry
