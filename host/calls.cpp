@@ -202,7 +202,7 @@ Routine* resolve_method_slow(StructInfo* cls, const zok_name* method) {
 
 void FrameGuard::end_unusually() {
     const bool failing = !done_;
-    if (!frame_.held_kw.empty() && !failing)
+    if (frame_.holds_kw && s_.held_kw.size() != frame_.held_from && !failing)
         s_.messages.push_back(Message{ZOK_ERR_BAD_FREE,
                                       "Keyword texts were not freed by " +
                                           frame_.routine->name->text + "; the host freed them.",
@@ -225,7 +225,8 @@ namespace {
 
 [[gnu::cold, gnu::noinline]] void refuse_keywords(const Routine& r, const zok_keywords& kw) {
     raise(ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR,
-          "Keyword " + kw.entries.front().first + " not allowed in call to: " + r.name->text + ".");
+          "Keyword " + std::string(kw.entries.front().name) +
+              " not allowed in call to: " + r.name->text + ".");
 }
 
 [[gnu::cold, gnu::noinline]] void refuse_null_argument(const Routine& r, int32_t i) {
@@ -245,10 +246,9 @@ namespace {
     return result;
 }
 
-} // namespace
-
-zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
-                         zok_keywords* kw) {
+// invoke_in_frame's body, also inlined where a method call runs it.
+[[gnu::always_inline]] inline zok_var* run_in_frame(State& s, const Routine& r, int32_t argc,
+                                                    zok_var** argv, zok_keywords* kw) {
     if (argc < r.min_args || argc > r.max_args) [[unlikely]] {
         refuse_arg_count(r, argc);
         return nullptr;
@@ -275,6 +275,13 @@ zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** arg
     if (!result) [[unlikely]]
         refuse_no_result(r);
     return result;
+}
+
+} // namespace
+
+zok_var* invoke_in_frame(State& s, const Routine& r, int32_t argc, zok_var** argv,
+                         zok_keywords* kw) {
+    return run_in_frame(s, r, argc, argv, kw);
 }
 
 uint32_t create_object(StructInfo* cls, int32_t argc, zok_var** args, zok_keywords* kw) {
@@ -499,14 +506,18 @@ const zok_name* host_lookup_name(const char* name, int32_t reserved0, int32_t ki
     return nullptr;
 }
 
-zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_record* object,
-                          int32_t reserved0, int32_t argc, zok_var** args, int32_t reserved1,
-                          int32_t reserved2, int32_t reserved3) {
-    if (mode != 2 || reserved0 != 0 || reserved1 != 0 || reserved2 != 0 || reserved3 != 0 ||
-        !name || argc < 0 || (argc > 0 && !args)) [[unlikely]]
+} // extern "C"
+
+namespace {
+
+// host_call_method past its reserved arguments; `slot` is the object's live
+// heap slot, or null when `object` is none.
+[[gnu::always_inline]] inline zok_var* call_method(State& s, const zok_name* name,
+                                                   const zok_heap_record* object, HeapSlot* slot,
+                                                   int32_t argc, zok_var** args) {
+    if (!name || argc < 0 || (argc > 0 && !args)) [[unlikely]]
         return refuse_method_call(ZOK_ERR_BAD_ARGUMENT, "host_call_method: bad arguments");
-    HeapSlot* slot = object ? heap_slot(object->id) : nullptr;
-    if (!slot || &slot->rec != object) [[unlikely]]
+    if (!slot) [[unlikely]]
         return refuse_method_call(ZOK_ERR_INVALID_OBJECT,
                                   "host_call_method: the object is not a live heap variable");
     const zok_var& var = slot->rec.var;
@@ -526,7 +537,35 @@ zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_rec
     if (!r) [[unlikely]]
         return refuse_unknown_method(*cls, *method);
     MethodArgs argv(object->id, argc, args);
-    return invoke(*r, argv.count(), argv.data(), nullptr);
+    FrameGuard guard(s, r);
+    zok_var* result = run_in_frame(s, *r, argv.count(), argv.data(), nullptr);
+    guard.done();
+    return result;
+}
+
+} // namespace
+
+extern "C" {
+
+zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_record* object,
+                          int32_t reserved0, int32_t argc, zok_var** args, int32_t reserved1,
+                          int32_t reserved2, int32_t reserved3) {
+    if (mode != 2 || reserved0 != 0 || reserved1 != 0 || reserved2 != 0 || reserved3 != 0)
+        [[unlikely]]
+        return refuse_method_call(ZOK_ERR_BAD_ARGUMENT, "host_call_method: bad arguments");
+    State& s = state();
+    HeapSlot* slot = object ? s.heap.find(object->id) : nullptr;
+    return call_method(s, name, object, slot && &slot->rec == object ? slot : nullptr, argc, args);
+}
+
+zok_var* host_call_method_id(const zok_name* name, uint32_t id, int32_t argc, zok_var** args) {
+    State& s = state();
+    HeapSlot* slot = s.heap.find(id);
+    // Exactly as host_object_heap_var, then host_call_method: the same errors.
+    if (!slot) [[unlikely]]
+        return host_call_method(2, name, host_object_heap_var(id, ZOK_ACTION_ERROR), 0, argc, args,
+                                0, 0, 0);
+    return call_method(s, name, &slot->rec, slot, argc, args);
 }
 
 zok_var* host_call_routine(const zok_call_block* call) {

@@ -52,26 +52,32 @@ public:
         zok_var* t = new_temp();
         if (!t)
             api_error(ZOK_ERR_NO_MEMORY, "Unable to allocate an argument temporary.");
-        temps_.emplace_back(t, reinterpret_cast<TempSlot*>(t)->seq);
+        temps_.push_back({t, reinterpret_cast<TempSlot*>(t)->seq});
         to_var(a.value(), *t);
         return t;
     }
     // The argument vector of a call: `self` first when given, then the
     // arguments, then the closing null.
-    std::vector<zok_var*> args(const Args& args, zok_var* self = nullptr) {
-        std::vector<zok_var*> out;
-        out.reserve(args.size() + 2);
-        temps_.reserve(args.size());
+    zok_var** args(const Args& args, zok_var* self = nullptr) {
         if (self)
-            out.push_back(self);
+            argv_.push_back(self);
         for (const Arg& a : args)
-            out.push_back(arg(a));
-        out.push_back(nullptr);
-        return out;
+            argv_.push_back(arg(a));
+        argv_.push_back(nullptr);
+        return argv_.data();
     }
+    // The keyword block: names already in upper case are used in place, the
+    // others through upper-case copies kept until the statement ends.
     zok_keywords* keywords(const Keywords& kw) {
-        for (const Keyword& k : kw)
-            kw_.entries.emplace_back(upper(k.name), arg(k.arg));
+        for (const Keyword& k : kw) {
+            std::string_view name = k.name;
+            if (!is_upper(name)) {
+                if (upper_names_.empty())
+                    upper_names_.reserve(kw.size()); // no reallocation: the views stay valid
+                name = upper_names_.emplace_back(upper(name));
+            }
+            kw_.entries.push_back({name, arg(k.arg)});
+        }
         return &kw_;
     }
     // Reads a result and lets it go.
@@ -96,8 +102,10 @@ private:
     State& s_;
     uint64_t first_;
     int uncaught_;
-    std::vector<std::pair<zok_var*, uint64_t>> temps_;
+    SmallVector<std::pair<zok_var*, uint64_t>, 8> temps_;
+    SmallVector<zok_var*, 8> argv_;
     zok_keywords kw_;
+    std::vector<std::string> upper_names_;
 };
 
 Routine* routine_named(std::string_view name) {
@@ -238,9 +246,9 @@ Value Host::call_function(std::string_view name, const Args& args, const Keyword
         api_error(ZOK_ERR_UNKNOWN_ROUTINE,
                   "Attempt to call undefined function: " + upper(name) + ".");
     Statement st(*state_);
-    std::vector<zok_var*> argv = st.args(args);
+    zok_var** argv = st.args(args);
     zok_keywords* k = st.keywords(kw);
-    return st.result(invoke(*r, static_cast<int32_t>(args.size()), argv.data(), k));
+    return st.result(invoke(*r, static_cast<int32_t>(args.size()), argv, k));
 }
 
 void Host::call_procedure(std::string_view name, const Args& args, const Keywords& kw) {
@@ -249,9 +257,9 @@ void Host::call_procedure(std::string_view name, const Args& args, const Keyword
         api_error(ZOK_ERR_UNKNOWN_ROUTINE,
                   "Attempt to call undefined procedure: " + upper(name) + ".");
     Statement st(*state_);
-    std::vector<zok_var*> argv = st.args(args);
+    zok_var** argv = st.args(args);
     zok_keywords* k = st.keywords(kw);
-    invoke(*r, static_cast<int32_t>(args.size()), argv.data(), k);
+    invoke(*r, static_cast<int32_t>(args.size()), argv, k);
 }
 
 Value Host::call_method(ObjectRef self, std::string_view method, const Args& args,
@@ -281,9 +289,9 @@ Value Host::call_method(ObjectRef self, std::string_view method, const Args& arg
     zok_var self_var{};
     self_var.type = ZOK_T_OBJECT;
     self_var.value.heap_id = self.id;
-    std::vector<zok_var*> argv = st.args(args, &self_var);
+    zok_var** argv = st.args(args, &self_var);
     zok_keywords* k = st.keywords(kw);
-    return st.result(invoke(*r, static_cast<int32_t>(argv.size() - 1), argv.data(), k));
+    return st.result(invoke(*r, static_cast<int32_t>(args.size() + 1), argv, k));
 }
 
 ObjectRef Host::new_object(std::string_view class_name, const Args& args, const Keywords& kw) {
@@ -291,9 +299,9 @@ ObjectRef Host::new_object(std::string_view class_name, const Args& args, const 
     if (!cls)
         api_error(ZOK_ERR_UNKNOWN_CLASS, "Class " + upper(class_name) + " is not defined.");
     Statement st(*state_);
-    std::vector<zok_var*> argv = st.args(args);
+    zok_var** argv = st.args(args);
     zok_keywords* k = st.keywords(kw);
-    return ObjectRef{create_object(cls, static_cast<int32_t>(args.size()), argv.data(), k)};
+    return ObjectRef{create_object(cls, static_cast<int32_t>(args.size()), argv, k)};
 }
 
 void Host::destroy(ObjectRef obj) {
@@ -643,7 +651,9 @@ Value Call::arg(int32_t i) const {
     return from_var(*var(i));
 }
 
-int64_t Call::integer(int32_t i) const {
+// Every reading but the inline one: the other integer types, then every other
+// type with its reading or its error.
+int64_t Call::other_integer(int32_t i) const {
     const zok_var& v = *var(i);
     if (!(v.flags & ZOK_VF_ARRAY)) {
         switch (v.type) {
@@ -663,11 +673,6 @@ int64_t Call::integer(int32_t i) const {
             break;
         }
     }
-    return other_integer(i);
-}
-
-// Every other type, with its reading or its error.
-int64_t Call::other_integer(int32_t i) const {
     return arg(i).as_int();
 }
 
@@ -697,7 +702,7 @@ ObjectRef Call::self() const {
 zok_var* Call::keyword_var(std::string_view name) const {
     if (!kw_)
         return nullptr;
-    std::string wanted = upper(name);
+    const std::string wanted = upper(name);
     for (const auto& [k, v] : kw_->entries)
         if (k == wanted)
             return v;

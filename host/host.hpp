@@ -22,6 +22,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace zok {
@@ -143,7 +144,10 @@ public:
     // Array elements (a scalar reads as an array of one).
     std::vector<Value> elements() const;
     size_t size() const {
-        return is_array_ ? (elements_ ? elements_->size() : 0) : (defined() ? 1 : 0);
+        if (!is_array_)
+            return defined() ? 1 : 0;
+        const Elements* e = payload_as<Elements>();
+        return e && *e ? (*e)->size() : 0;
     }
 
     friend bool operator==(const Value& a, const Value& b);
@@ -171,15 +175,23 @@ private:
     void set_uint64(uint64_t v);
     [[noreturn]] void out_of_range() const;
 
+    // Shared, as a Value never changes once made: copying or dropping a Value
+    // costs no walk of its elements.
+    using Elements = std::shared_ptr<const std::vector<Value>>;
+    template <typename T>
+    const T* payload_as() const {
+        return payload_ ? std::get_if<T>(&*payload_) : nullptr;
+    }
+    const std::string& text() const { return std::get<std::string>(payload_.value()); }
+    const Elements& elements_of() const { return std::get<Elements>(payload_.value()); }
+
     uint8_t type_ = ZOK_T_UNDEFINED;
     bool is_array_ = false;
     int64_t int_ = 0;
     double double_ = 0;
-    std::string text_;
-    std::shared_ptr<const StructValue> struct_;
-    // Shared, as a Value never changes once made: copying or dropping a Value
-    // costs no walk of its elements.
-    std::shared_ptr<const std::vector<Value>> elements_;
+    // A string's text, a structure's fields or an array's elements; none for a
+    // scalar, which is then made and dropped without touching any of them.
+    std::optional<std::variant<std::string, std::shared_ptr<const StructValue>, Elements>> payload_;
 };
 
 template <typename T>
@@ -255,7 +267,14 @@ public:
     Value arg(int32_t i) const;
     // Argument i as an integer, read straight from a scalar integer variable:
     // the same reading and errors as arg(i).as_int() without making a Value.
-    int64_t integer(int32_t i) const;
+    int64_t integer(int32_t i) const {
+        if (i >= 0 && i < argc_) [[likely]] {
+            const zok_var& v = *argv_[i];
+            if (v.type == ZOK_T_LONG && !(v.flags & ZOK_VF_ARRAY))
+                return v.value.long_val;
+        }
+        return other_integer(i);
+    }
     // Argument i as the host variable itself, for routines that write outputs.
     zok_var* var(int32_t i) const {
         if (i < 0 || i >= argc_) [[unlikely]]

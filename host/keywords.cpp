@@ -13,11 +13,13 @@
 namespace zok::detail {
 
 void release_held_keywords(Frame& f) {
+    if (!f.holds_kw)
+        return;
     State& s = state();
-    for (char* text : f.held_kw)
-        if (s.texts.erase(text))
-            std::free(text);
-    f.held_kw.clear();
+    for (size_t i = f.held_from; i < s.held_kw.size(); ++i)
+        if (s.texts.erase(s.held_kw[i]))
+            std::free(s.held_kw[i]);
+    s.held_kw.resize(f.held_from);
 }
 
 } // namespace zok::detail
@@ -84,13 +86,9 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
     }
     std::memset(rec, 0, sizeof(uint64_t));
 
-    static const zok_keywords none;
+    static const zok_keywords none{};
     Held held;
-    for (const auto& [given_name, var] : (kw ? kw : &none)->entries) {
-        // Names from the program API come upper-cased already and need no copy.
-        const std::string upper_copy = is_upper(given_name) ? std::string() : upper(given_name);
-        const std::string_view name =
-            upper_copy.empty() ? std::string_view(given_name) : upper_copy;
+    for (const auto& [name, var] : (kw ? kw : &none)->entries) {
         const zok_keyword_entry* match = nullptr;
         int prefixes = 0;
         for (size_t i = 1; i < n; ++i) {
@@ -142,7 +140,11 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
     for (int32_t i = 0; i < argc; ++i)
         plain[i] = argv[i];
     if (!held.texts.empty()) {
-        s.frame->held_kw.insert(s.frame->held_kw.end(), held.texts.begin(), held.texts.end());
+        Frame& f = *s.frame;
+        if (!f.holds_kw)
+            f.held_from = s.held_kw.size();
+        s.held_kw.insert(s.held_kw.end(), held.texts.begin(), held.texts.end());
+        f.holds_kw = true;
         held.texts.clear();
         uint64_t holds = 1;
         std::memcpy(rec, &holds, sizeof holds);

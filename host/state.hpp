@@ -25,9 +25,51 @@
 #include <unordered_set>
 #include <vector>
 
+namespace zok::detail {
+
+// A vector of trivially copyable elements whose first N live in place, so that
+// the usual few cost no allocation.
+template <typename T, size_t N>
+class SmallVector {
+public:
+    SmallVector() = default;
+    SmallVector(const SmallVector&) = delete;
+    SmallVector& operator=(const SmallVector&) = delete;
+    void push_back(const T& v) {
+        if (size_ == N && spilled_.empty())
+            spilled_.assign(in_place_.begin(), in_place_.end());
+        if (size_ >= N)
+            spilled_.push_back(v);
+        else
+            in_place_[size_] = v;
+        ++size_;
+    }
+    T* data() { return size_ > N ? spilled_.data() : in_place_.data(); }
+    T* begin() { return data(); }
+    T* end() { return data() + size_; }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    const T& front() const { return *begin(); }
+    const T* begin() const { return size_ > N ? spilled_.data() : in_place_.data(); }
+    const T* end() const { return begin() + size_; }
+
+private:
+    std::array<T, N> in_place_;
+    std::vector<T> spilled_;
+    size_t size_ = 0;
+};
+
+} // namespace zok::detail
+
 // The opaque handle types of zok.h are defined here, in the global namespace.
 struct zok_keywords {
-    std::vector<std::pair<std::string, zok_var*>> entries;
+    // A keyword of the call: its name in upper case, in text that lives as long
+    // as the call, and its argument.
+    struct Entry {
+        std::string_view name;
+        zok_var* var;
+    };
+    zok::detail::SmallVector<Entry, 8> entries;
 };
 
 struct zok_message_block {
@@ -110,7 +152,12 @@ struct StructInfo {
     // address costs one comparison with the tag it found then.
     const Tag* find_tag(const char* tag) const;
     // Whether this structure is `ancestor` or inherits from it.
-    bool derives_from(const StructInfo* ancestor) const;
+    bool derives_from(const StructInfo* ancestor) const {
+        for (const StructInfo* c = this; c; c = c->parent)
+            if (c == ancestor)
+                return true;
+        return false;
+    }
 
 private:
     struct TagHit {
@@ -212,8 +259,11 @@ struct TempSlot {
 struct Frame {
     Frame* parent = nullptr;
     const Routine* routine = nullptr;
-    uint64_t first_temp = 0;    // temporaries with seq >= this were made in the call
-    std::vector<char*> held_kw; // texts held by keyword processing in this call
+    uint64_t first_temp = 0; // temporaries with seq >= this were made in the call
+    // Once keyword processing held texts in this call: State::held_kw from
+    // `held_from` on is the call's.
+    bool holds_kw = false;
+    size_t held_from = 0;
 };
 
 struct LoadedModule {
@@ -284,6 +334,8 @@ struct zok::Host::State {
     std::vector<zok_name*> bound_names;
     detail::Frame base_frame;
     detail::Frame* frame = &base_frame;
+    // Texts held by keyword processing, frame by frame: inner calls' after outer ones'.
+    std::vector<char*> held_kw;
     int api_depth = 0;
 
     // Program variables (std::map keeps their addresses stable).
@@ -400,7 +452,16 @@ void free_whole_heap(State& s);
 size_t collect_garbage(State& s);
 
 // ---- Structures (structs.cpp)
-StructInfo* struct_info(const zok_struct_def* def);
+StructInfo* struct_info_slow(const zok_struct_def* def);
+// The host's structure of a definition, or null when the definition is not one
+// of this host's; definitions live as long as the host, so the last one found
+// stays valid.
+inline StructInfo* struct_info(const zok_struct_def* def) {
+    const State& s = state();
+    if (def == s.last_def.first) [[likely]]
+        return s.last_def.second;
+    return struct_info_slow(def);
+}
 StructInfo* find_struct(std::string_view name);
 StructInfo* define_struct(const char* name, const zok_tag_entry* tags);
 std::string upper(std::string_view s);
@@ -451,8 +512,9 @@ zok_name* intern(std::string_view text);
 zok_name* find_name(std::string_view text);
 void add_routine(std::unique_ptr<Routine> r);
 // Bumped whenever a routine or structure is added or the host goes, which
-// makes every name's last resolution stale.
-extern uint64_t g_method_generation;
+// makes every name's last resolution stale.  Hidden, as g_state: every method
+// call reads it.
+extern uint64_t g_method_generation [[gnu::visibility("hidden")]];
 // The routine a method call of `method` on `cls` runs (null: none): the name's
 // last resolution when it still holds, else the class's cache or the search.
 Routine* resolve_method_slow(StructInfo* cls, const zok_name* method);
@@ -483,7 +545,7 @@ public:
         s.frame = &frame_;
     }
     ~FrameGuard() {
-        if (!done_ || !frame_.held_kw.empty()) [[unlikely]]
+        if (!done_ || frame_.holds_kw) [[unlikely]]
             end_unusually();
         s_.frame = frame_.parent;
     }

@@ -67,18 +67,8 @@ const StructInfo::Tag* StructInfo::find_tag(const char* tag) const {
     return found;
 }
 
-bool StructInfo::derives_from(const StructInfo* ancestor) const {
-    for (const StructInfo* c = this; c; c = c->parent)
-        if (c == ancestor)
-            return true;
-    return false;
-}
-
-StructInfo* struct_info(const zok_struct_def* def) {
+StructInfo* struct_info_slow(const zok_struct_def* def) {
     State& s = state();
-    // Definitions live as long as the host, so the last one found stays valid.
-    if (def == s.last_def.first)
-        return s.last_def.second;
     auto it = s.struct_by_def.find(def);
     if (it == s.struct_by_def.end())
         return nullptr;
@@ -88,7 +78,8 @@ StructInfo* struct_info(const zok_struct_def* def) {
 
 StructInfo* find_struct(std::string_view name) {
     State& s = state();
-    auto it = s.structs.find(upper(name));
+    // Names are kept in upper case; one given so needs no copy.
+    auto it = is_upper(name) ? s.structs.find(name) : s.structs.find(upper(name));
     return it == s.structs.end() ? nullptr : it->second.get();
 }
 

@@ -83,13 +83,17 @@ void Value::set_uint64(uint64_t v) {
 
 Value::Value(float v) : type_(ZOK_T_FLOAT), double_(v) {}
 Value::Value(double v) : type_(ZOK_T_DOUBLE), double_(v) {}
-Value::Value(const char* text) : type_(ZOK_T_STRING), text_(text ? text : "") {}
-Value::Value(std::string text) : type_(ZOK_T_STRING), text_(std::move(text)) {}
-Value::Value(std::string_view text) : type_(ZOK_T_STRING), text_(text) {}
+Value::Value(const char* text)
+    : type_(ZOK_T_STRING),
+      payload_(std::in_place, std::in_place_type<std::string>, text ? text : "") {}
+Value::Value(std::string text) : type_(ZOK_T_STRING), payload_(std::in_place, std::move(text)) {}
+Value::Value(std::string_view text)
+    : type_(ZOK_T_STRING), payload_(std::in_place, std::in_place_type<std::string>, text) {}
 Value::Value(ObjectRef ref) : type_(ZOK_T_OBJECT), int_(ref.id) {}
 Value::Value(PointerRef ref) : type_(ZOK_T_POINTER), int_(ref.id) {}
 Value::Value(StructValue st)
-    : type_(ZOK_T_STRUCT), struct_(std::make_shared<const StructValue>(std::move(st))) {}
+    : type_(ZOK_T_STRUCT),
+      payload_(std::in_place, std::make_shared<const StructValue>(std::move(st))) {}
 
 Value Value::array(uint8_t type, std::vector<Value> elements) {
     for (Value& e : elements) {
@@ -108,7 +112,7 @@ Value Value::array(uint8_t type, std::vector<Value> elements) {
     Value out;
     out.type_ = type;
     out.is_array_ = true;
-    out.elements_ = std::make_shared<const std::vector<Value>>(std::move(elements));
+    out.payload_.emplace(std::make_shared<const std::vector<Value>>(std::move(elements)));
     return out;
 }
 
@@ -186,7 +190,7 @@ double Value::as_double() const {
 const std::string& Value::as_string() const {
     if (is_array_ || type_ != ZOK_T_STRING)
         conversion_error(*this, "a string");
-    return text_;
+    return text();
 }
 
 ObjectRef Value::as_object() const {
@@ -202,14 +206,15 @@ PointerRef Value::as_pointer() const {
 }
 
 const StructValue& Value::as_struct() const {
-    if (is_array_ || type_ != ZOK_T_STRUCT || !struct_)
+    const auto* st = payload_as<std::shared_ptr<const StructValue>>();
+    if (is_array_ || type_ != ZOK_T_STRUCT || !st || !*st)
         conversion_error(*this, "a structure");
-    return *struct_;
+    return **st;
 }
 
 std::vector<Value> Value::elements() const {
     if (is_array_)
-        return *elements_;
+        return *elements_of();
     if (!defined())
         return {};
     return {*this};
@@ -219,7 +224,7 @@ bool operator==(const Value& a, const Value& b) {
     if (a.type_ != b.type_ || a.is_array_ != b.is_array_)
         return false;
     if (a.is_array_)
-        return *a.elements_ == *b.elements_;
+        return *a.elements_of() == *b.elements_of();
     switch (a.type_) {
     case ZOK_T_UNDEFINED:
         return true;
@@ -227,9 +232,10 @@ bool operator==(const Value& a, const Value& b) {
     case ZOK_T_DOUBLE:
         return a.double_ == b.double_;
     case ZOK_T_STRING:
-        return a.text_ == b.text_;
+        return a.text() == b.text();
     case ZOK_T_STRUCT:
-        return a.struct_->name == b.struct_->name && a.struct_->fields == b.struct_->fields;
+        return a.as_struct().name == b.as_struct().name &&
+               a.as_struct().fields == b.as_struct().fields;
     default:
         return a.int_ == b.int_;
     }
@@ -238,7 +244,7 @@ bool operator==(const Value& a, const Value& b) {
 std::string Value::to_string() const {
     if (is_array_) {
         std::string out = std::string(detail::type_name(type_)) + "[";
-        const std::vector<Value>& elements = *elements_;
+        const std::vector<Value>& elements = *elements_of();
         for (size_t i = 0; i < elements.size(); ++i)
             out += (i ? ", " : "") + elements[i].to_string();
         return out + "]";
@@ -250,7 +256,7 @@ std::string Value::to_string() const {
     case ZOK_T_DOUBLE:
         return detail::format("%.17g", double_);
     case ZOK_T_STRING:
-        return "'" + text_ + "'";
+        return "'" + text() + "'";
     case ZOK_T_POINTER:
         return detail::format("<pointer %lld>", static_cast<long long>(int_));
     case ZOK_T_OBJECT:
@@ -258,8 +264,8 @@ std::string Value::to_string() const {
     case ZOK_T_ULONG64:
         return detail::format("%llu", static_cast<unsigned long long>(int_));
     case ZOK_T_STRUCT: {
-        std::string out = "{" + struct_->name;
-        for (const auto& [name, v] : struct_->fields)
+        std::string out = "{" + as_struct().name;
+        for (const auto& [name, v] : as_struct().fields)
             out += ", " + name + ": " + v.to_string();
         return out + "}";
     }
@@ -308,7 +314,9 @@ void fill_instance(const StructInfo& info, const StructValue& st, void* data) {
 void write_element(uint8_t type, const Value& given, void* dst) {
     if (!given.defined())
         return;
-    Value v = coerce(given, type);
+    // A value of the type already is read in place, not copied.
+    const Value coerced = given.type() == type ? Value() : coerce(given, type);
+    const Value& v = given.type() == type ? given : coerced;
     if (v.type() != type)
         throw Error(ZOK_ERR_CONVERSION,
                     "Value " + given.to_string() + " does not fit a " + type_name(type), {});

@@ -506,6 +506,12 @@ const zok_name* host_lookup_name(const char* name, int32_t reserved0, int32_t ki
 zok_var* host_call_method(int32_t mode, const zok_name* name, const zok_heap_record* object,
                           int32_t reserved0, int32_t argc, zok_var** args, int32_t reserved1,
                           int32_t reserved2, int32_t reserved3);
+/*
+ * host_call_method (mode 2) on the object whose heap identifier is `id`,
+ * without fetching its record first: the same checks, errors and result as
+ * host_object_heap_var(id, 2) followed by host_call_method.
+ */
+zok_var* host_call_method_id(const zok_name* name, uint32_t id, int32_t argc, zok_var** args);
 /* Calls a routine by handle; a function's result, or null for a procedure. */
 zok_var* host_call_routine(const zok_call_block* call);
 /* Nonzero when the structure is the class `class_name` or inherits from it. */

@@ -83,12 +83,11 @@ void behavior_set_message(Self self, const zok_var* text) {
 }
 
 void execute_behavior(uint32_t behavior, zok_var* argument) {
-    const zok_heap_record* rec = host_object_heap_var(behavior, ZOK_ACTION_ERROR);
     if (execute_name == nullptr)
         execute_name = host_lookup_name("EXECUTE", 0, 1, ZOK_ACTION_ERROR, 0);
     const int32_t argc = argument != nullptr ? 1 : 0;
     TempGuard result(
-        host_call_method(2, execute_name, rec, 0, argc, argc != 0 ? &argument : nullptr, 0, 0, 0));
+        host_call_method_id(execute_name, behavior, argc, argc != 0 ? &argument : nullptr));
 }
 
 int behavior_order(uint32_t a, uint32_t b) {

@@ -13,6 +13,7 @@
 // failure, for want of memory too, leaves everything as it was.
 #include "fw/fw_messhndlr.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <set>
@@ -31,6 +32,8 @@ uint32_t the_spare = 0;
 // Tree nodes that re-filing one behaviour may need: a new scope at the root
 // (its set and the table's entry) and the behaviour's entry in a set.
 constexpr std::size_t kRefilingNodes = 5;
+// Tree nodes of one entry inserted into an existing set.
+constexpr std::size_t kEntryNodes = 2;
 
 MessageHandlerFields& fields_of(Self self) {
     return self.fields<MessageHandlerFields>();
@@ -192,19 +195,34 @@ Filed find_filed(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t p
 } // namespace
 
 BehaviorList::BehaviorList(uint32_t set, const char* free_label) : free_label_(free_label) {
-    count_ = set != 0 ? maph_count(set) : 0;
+    if (set == 0)
+        return;
+    // Copies keys into out[n..room) from entry e on; returns the entry it stopped at.
+    // One look-up per leaf: its key and its next link come from the same node.
+    auto gather = [set](uint32_t e, uint32_t* out, std::size_t room, std::size_t& n) {
+        for (; e != set && n < room; ++n) {
+            const RbhNodeData* leaf = map_rbh_node(e);
+            out[n] = leaf->key;
+            e = leaf->flink;
+        }
+        return e;
+    };
+    // The first identifiers gather on the stack while the walk counts; only a set
+    // larger than that is walked on from where the stack filled up.
+    constexpr std::size_t kOnStack = 128;
+    uint32_t first[kOnStack];
+    std::size_t gathered = 0;
+    const uint32_t rest = gather(maph_first(set), first, kOnStack, gathered);
+    count_ = gathered;
+    for (uint32_t e = rest; e != set; ++count_)
+        e = maph_next(e);
     if (count_ == 0)
         return;
     ids_ = static_cast<uint32_t*>(host_mem_alloc(count_ * sizeof(uint32_t), "ZOkfwBehaviorList"));
     if (ids_ == nullptr)
         raise_no_memory("ZOKfwMessageHandler");
-    // One look-up per leaf: its key and its next link come from the same node.
-    size_t i = 0;
-    for (uint32_t e = maph_first(set); e != set;) {
-        const RbhNodeData* leaf = map_rbh_node(e);
-        ids_[i++] = leaf->key;
-        e = leaf->flink;
-    }
+    std::copy_n(first, gathered, ids_);
+    gather(rest, ids_, count_, gathered);
 }
 
 BehaviorList::~BehaviorList() {
@@ -335,13 +353,19 @@ MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_regis
         nodes += scope_->nodes();
     }
     if (register_) {
+        // The behaviour's entry in the set it lands in: one that exists, or the
+        // scope made above, or one at the root made by REGISTER.
+        std::size_t filing = kEntryNodes;
         // The climb that REGISTER will make, so that it makes the default handler now.
         if (!(scope_ && scope_->needed())) {
             const Reached at = climb_to_scope(handler(), ident);
-            if (at.set == 0 && fields_of(handler_self(at.handler)).behaviors == 0)
-                refuse_cleaned_up_root(at.handler);
+            if (at.set == 0) {
+                if (fields_of(handler_self(at.handler)).behaviors == 0)
+                    refuse_cleaned_up_root(at.handler);
+                filing = kRefilingNodes;
+            }
         }
-        nodes += kRefilingNodes;
+        nodes += filing;
     }
     reserve(nodes_, nodes);
 }
@@ -405,7 +429,7 @@ void add_behavior(uint32_t handler, uint32_t behavior) {
             refuse_cleaned_up_root(at.handler);
         reserve(nodes, root_scope->nodes());
     }
-    reserve(nodes, 2);
+    reserve(nodes, kEntryNodes);
     made_default.commit();
     if (root_scope)
         root_scope->commit();
