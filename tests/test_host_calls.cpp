@@ -1,8 +1,9 @@
-// The reference host's calls: routine registration, argument-count and
-// keyword refusals, method resolution through inheritance (a program subclass
-// overriding a module method), object life (INIT, CLEANUP), errors unwinding
-// nested calls without leaks, and keyword processing.  The "module" here is a
-// handful of C routines registered through the C interface.
+// The reference host's calls: routine registration, method resolution through
+// inheritance (a program subclass overriding a module method), object life
+// (INIT, CLEANUP), errors unwinding nested calls without leaks, keyword
+// processing, modules, structure layout, and one table of every refusal with
+// its code and text.  The "module" here is a handful of C routines registered
+// through the C interface.
 #include "host.hpp"
 #include "support/testing.hpp"
 
@@ -12,18 +13,52 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
 
+// Every routine of these tests counts its runs: a refused call runs none.
+int g_runs = 0;
+
 zok_var* return_one(int32_t, zok_var**, zok_keywords*) {
+    ++g_runs;
     return host_temp_long(1);
 }
 
-int g_runs = 0;
 void count_run(int32_t, zok_var**, zok_keywords*) {
     ++g_runs;
+}
+
+zok_var* returns_text(const char* text) {
+    ++g_runs;
+    zok_var* t = host_temp_var();
+    t->type = ZOK_T_STRING;
+    host_string_store(&t->value.str, text);
+    return t;
+}
+
+zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
+    return returns_text("...");
+}
+
+zok_var* dog_speak(int32_t, zok_var**, zok_keywords*) {
+    return returns_text("woof");
+}
+
+// Calls SPEAK by name, so the object's own class decides which runs.
+zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
+    zok_heap_record* self = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
+    const zok_name* speak = host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_ERROR, 0);
+    return host_call_method(2, speak, self, 0, 0, nullptr, 0, 0, 0);
+}
+
+void define_animals(zok::Host& host) {
+    host.define_struct("ANIMAL", {{"LEGS", ZOK_T_LONG}});
+    host.define_struct("DOG", {{"TAIL", ZOK_T_BYTE}}, "ANIMAL");
+    const zok_routine_entry fns[] = {{{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr},
+                                     {{animal_speak}, "ANIMAL::SPEAK", 1, 1, 0, nullptr},
+                                     {{dog_speak}, "DOG::SPEAK", 1, 1, 0, nullptr}};
+    ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
 }
 
 TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
@@ -51,35 +86,18 @@ TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
     EXPECT_EQ(host.call_function("CLASH").as_int(), 1);
 }
 
-TEST(HostRoutines, CountAndKeywordRefusalsComeBeforeTheRoutineRuns) {
-    zok::Host host;
-    const zok_routine_entry procs[] = {
-        {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
-        {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
-    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
-    g_runs = 0;
-    zok::Error e = expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_procedure("TWOTHREE", {1}); });
-    EXPECT_EQ(e.routine(), "TWOTHREE");
-    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_procedure("TWOTHREE", {1, 2, 3, 4}); });
-    expect_error(ZOK_ERR_NO_KEYWORDS, [&] {
-        host.call_procedure("TWOTHREE", {1, 2}, {{"EXTRA", 1}});
-    });
-    EXPECT_EQ(g_runs, 0);
-    host.call_procedure("TWOTHREE", {1, 2});
-    host.call_procedure("TAKESKW", {}, {{"ANY", "x"}});
-    EXPECT_EQ(g_runs, 2);
-    // A procedure is no function, by name or by handle.
-    expect_error(ZOK_ERR_UNKNOWN_ROUTINE, [&] { host.call_function("TAKESKW"); });
-    zok_call_block call{1,       {},      0,      host_lookup_name("TAKESKW", 0, 1, 2, 0),
-                        nullptr, nullptr, nullptr};
-    expect_error(ZOK_ERR_UNKNOWN_ROUTINE, [&] { host_call_routine(&call); });
-    EXPECT_EQ(g_runs, 2);
-    EXPECT_EQ(host.live_temps(), 0u);
+// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
+void set_out(int32_t, zok_var** argv, zok_keywords*) {
+    zok_var* v = host_temp_long(42);
+    host_var_copy(v, argv[0], 0);
+    host_temp_var();
+    host_release_temp(v);
 }
 
 // A call block lists exactly the arguments the routine gets; a null entry is
-// an undefined argument, which the routine may still write.
-TEST(HostRoutines, ACallBlockPassesExactlyItsArguments) {
+// an undefined argument, which the routine may still write.  An output
+// argument is written back; a temporary a statement leaves is released.
+TEST(HostCalls, ACallGetsExactlyItsArgumentsAndMayWriteThem) {
     zok::Host host;
     std::vector<zok::Value> seen;
     host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
@@ -94,51 +112,12 @@ TEST(HostRoutines, ACallBlockPassesExactlyItsArguments) {
     EXPECT_EQ(host_call_routine(&call), nullptr);
     EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
     host_release_temp(given);
-    EXPECT_EQ(host.live_texts(), 0u);
-
-    args[1] = nullptr;
-    call.argc = 0;
-    expect_error(ZOK_ERR_ARG_COUNT, [&] { host_call_routine(&call); });
-    call.argc = 1;
-    call.pad[1] = 1;
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
-    call.pad[1] = 0;
-    zok_var one{};
-    args[1] = &one; // the list is not closed after argc entries
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
-    EXPECT_EQ(seen.size(), 2u);
-}
-
-// ---- Methods: a module class tree and a program subclass.
-
-zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
-    zok_var* t = host_temp_var();
-    t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, "...");
-    return t;
-}
-
-zok_var* dog_speak(int32_t, zok_var**, zok_keywords*) {
-    zok_var* t = host_temp_var();
-    t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, "woof");
-    return t;
-}
-
-// Calls SPEAK by name, so the object's own class decides which runs.
-zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
-    zok_heap_record* self = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
-    const zok_name* speak = host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_ERROR, 0);
-    return host_call_method(2, speak, self, 0, 0, nullptr, 0, 0, 0);
-}
-
-void define_animals(zok::Host& host) {
-    host.define_struct("ANIMAL", {{"LEGS", ZOK_T_LONG}});
-    host.define_struct("DOG", {{"TAIL", ZOK_T_BYTE}}, "ANIMAL");
-    const zok_routine_entry fns[] = {{{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr},
-                                     {{animal_speak}, "ANIMAL::SPEAK", 1, 1, 0, nullptr},
-                                     {{dog_speak}, "DOG::SPEAK", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
+    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
+    host.call_procedure("SETOUT", {zok::Ref{"out"}});
+    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
+    EXPECT_EQ(host.leftover_temps(), 1u);
+    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
@@ -156,8 +135,6 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
     EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
     EXPECT_EQ(host.call_method(puppy, "ANIMAL::SPEAK").as_string(), "...");
-    // A qualified call starts at a class of the object's own chain, never elsewhere.
-    expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(animal, "DOG::SPEAK"); });
     EXPECT_TRUE(host.isa(puppy, "ANIMAL"));
     EXPECT_FALSE(host.isa(dog, "PUPPY"));
     // Names in any case, on every path.
@@ -181,29 +158,6 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
     EXPECT_EQ(host.live_temps(), 0u);
     EXPECT_EQ(host.live_texts(), 0u);
-}
-
-// The integer reader of a call reads, and refuses, as a reading through a Value does.
-TEST(HostCalls, TheIntegerReaderAgreesWithTheValueReading) {
-    zok::Host host;
-    host.add_function("AGREES", 1, 1, [](zok::Call& c) {
-        auto read = [](auto how) {
-            try {
-                return std::to_string(how());
-            } catch (const zok::Error& e) {
-                return std::to_string(e.code()) + " " + e.text();
-            }
-        };
-        const bool same =
-            read([&] { return c.integer(0); }) == read([&] { return c.arg(0).as_int(); });
-        return zok::Value(same ? 1 : 0);
-    });
-    const std::vector<zok::Value> values = {
-        uint8_t{200},          int16_t{-7},       uint16_t{65535},           int32_t{-2000000000},
-        uint32_t{4000000000u}, int64_t{-5},       uint64_t{1} << 63,         2.75,
-        std::string("12"),     zok::ObjectRef{1}, std::vector<int32_t>{1, 2}};
-    for (const zok::Value& v : values)
-        EXPECT_EQ(host.call_function("AGREES", {v}).as_int(), 1) << v.to_string();
 }
 
 TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
@@ -262,29 +216,6 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
-// Creation by class handle: when the result cannot be made, no object is left
-// behind that nobody could reach.
-TEST(HostObjects, ACreationThatCannotReturnMakesNothing) {
-    zok::Host host;
-    int inits = 0;
-    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
-    host.add_function("PART::INIT", 1, 1, [&](zok::Call&) {
-        ++inits;
-        return zok::Value(1);
-    });
-    zok_var* cls = host_find_class("PART");
-    zok_var* args[] = {cls};
-    host.fail_label("(temp)");
-    expect_error(ZOK_ERR_NO_MEMORY, [&] { host_object_new(1, args, nullptr); });
-    host.clear_faults();
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(inits, 0);
-    zok_var* made = host_object_new(1, args, nullptr);
-    EXPECT_EQ(host.class_of(zok::ObjectRef{made->value.heap_id}), "PART");
-    host_release_temp(made);
-    host_release_temp(cls);
-}
-
 // ---- Errors through nested calls.
 
 // OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
@@ -320,8 +251,7 @@ void inner(int32_t argc, zok_var** argv, zok_keywords* kw) {
 
 // Every message a module may raise through the host, with its text: under the
 // error action it ends the call; under the warning action it is recorded and
-// the call goes on; a message block refused for want of a name or messages
-// records why and gives null.
+// the call goes on.
 TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
     zok::Host host;
     struct Case {
@@ -329,7 +259,7 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
         std::function<void(int32_t action)> raise;
         const char* text;
     };
-    const Case cases[] = {
+    std::vector<Case> all = {
         {ZOK_MSG_TEXT, [](int32_t a) { host_message(ZOK_MSG_TEXT, a, "%s=%d", "n", 4); }, "n=4"},
         {ZOK_MSG_ARG_TYPE, [](int32_t a) { host_message(ZOK_MSG_ARG_TYPE, a, "R"); },
          "Argument of the wrong type in R."},
@@ -338,7 +268,7 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
         {ZOK_MSG_NOT_OBJECT, [](int32_t a) { host_message(ZOK_MSG_NOT_OBJECT, a, "R"); },
          "R: the argument is not an object reference."},
     };
-    std::vector<std::pair<int32_t, std::string>> plain = {
+    const std::pair<int32_t, const char*> plain[] = {
         {ZOK_ERR_NOT_STRING, "String expression required."},
         {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
         {ZOK_ERR_NOT_OBJECT, "Object reference required."},
@@ -351,9 +281,8 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
         {ZOK_ERR_CONVERSION, "Value cannot be converted."},
         {-1234, "Message -1234 raised."},
     };
-    std::vector<Case> all(std::begin(cases), std::end(cases));
     for (const auto& [code, text] : plain)
-        all.push_back({code, [code](int32_t a) { host_message(code, a); }, text.c_str()});
+        all.push_back({code, [code](int32_t a) { host_message(code, a); }, text});
     for (const Case& c : all) {
         SCOPED_TRACE(c.text);
         expect_error(c.code, c.text, [&] { c.raise(ZOK_ACTION_ERROR); });
@@ -362,62 +291,6 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
         ASSERT_EQ(host.messages().size(), 1u);
         EXPECT_EQ(host.messages()[0].text, c.text);
         EXPECT_EQ(host.messages()[0].action, ZOK_ACTION_WARN);
-    }
-    const zok_message_def nameless[] = {{nullptr, "text"}};
-    for (const auto& [name, count, defs] :
-         {std::tuple{"", 1, nameless}, std::tuple{"B", 0, nameless},
-          std::tuple{"B", 1, nameless}}) {
-        host.clear_messages();
-        EXPECT_EQ(host_define_message_block(name, count, defs), nullptr);
-        ASSERT_EQ(host.messages().size(), 1u);
-        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_BAD_ARGUMENT);
-    }
-    EXPECT_TRUE(host.message_blocks().empty());
-}
-
-// Structure definitions and the operations' own arguments: each bad one is
-// refused with its code (recorded under the quiet action, raised under the
-// error action) and defines or makes nothing.
-TEST(HostErrors, BadDefinitionsAndArgumentsAreRefusedAndChangeNothing) {
-    zok::Host host;
-    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
-    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
-    const zok_tag_entry typed_parent{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}};
-    const zok_tag_entry late_parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
-    const zok_tag_entry nameless{"", nullptr, ZOK_T_LONG, 0, {}};
-    const zok_tag_entry dimensioned{"D", &a, ZOK_T_LONG, 0, {}};
-    const std::vector<std::pair<const char*, std::vector<zok_tag_entry>>> tables = {
-        {nullptr, {a, end}},        {"S", {end}},
-        {"S", {typed_parent, end}}, {"S", {a, late_parent, end}},
-        {"S", {dimensioned, end}},  {"S", {a, nameless, end}},
-    };
-    for (size_t i = 0; i < tables.size(); ++i) {
-        SCOPED_TRACE(i);
-        host.clear_messages();
-        EXPECT_EQ(host_make_struct(tables[i].first, 16, tables[i].second.data(), 2), nullptr);
-        ASSERT_EQ(host.messages().size(), 1u);
-        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_STRUCT) << host.messages()[0].text;
-    }
-    EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr);
-    EXPECT_EQ(host_make_struct("S", 8, tables[1].second.data(), 2), nullptr);
-    EXPECT_EQ(host.messages().back().code, ZOK_ERR_BAD_ARGUMENT);
-    EXPECT_TRUE(host.struct_names().empty());
-
-    zok_var v{};
-    v.type = ZOK_T_LONG;
-    const std::pair<int32_t, std::function<void()>> calls[] = {
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(5, &v, ZOK_HEAP_NEW_COPY, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, &v, 7, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_lookup_name("X", 1, 1, 2, 0); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
-        {ZOK_ERR_UNKNOWN_CLASS, [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
-        {ZOK_ERR_UNKNOWN_CLASS, [&] { host.new_object("NOSUCH"); }},
-    };
-    for (const auto& [code, call] : calls) {
-        const zok::Observation before = host.observe();
-        expect_error(code, call);
-        EXPECT_EQ(zok::difference(before, host.observe()), "");
     }
 }
 
@@ -434,18 +307,14 @@ TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     });
     zok::ObjectRef job = host.new_object("JOB");
     host.set_var("KEEP", "a program text");
-    size_t texts = host.live_texts();
-    zok::MemStats memory = host.memory_total();
+    const zok::Observation before = host.observe();
 
     zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { host.call_procedure("OUTER", {job}); });
     EXPECT_EQ(e.text(), "failed at 42 in inner");
     EXPECT_EQ(e.routine(), "INNER");
     EXPECT_EQ(host.messages().back().routine, "INNER");
     EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
-    EXPECT_EQ(host.live_temps(), 0u);
-    EXPECT_EQ(host.live_texts(), texts);
-    EXPECT_EQ(host.memory_total(), memory);
-    EXPECT_EQ(host.heap_count(), 1u);
+    EXPECT_EQ(zok::difference(before, host.observe()), "");
 
     // Nothing of the failed call's frames is left: a later raise outside any
     // routine names none, and the return action records and goes on.
@@ -457,24 +326,6 @@ TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
     EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
     EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
-}
-
-// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
-void set_out(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* v = host_temp_long(42);
-    host_var_copy(v, argv[0], 0);
-    host_temp_var();
-    host_release_temp(v);
-}
-
-TEST(HostCalls, OutputArgumentsAndWhatAStatementLeavesBehind) {
-    zok::Host host;
-    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
-    host.call_procedure("SETOUT", {zok::Ref{"out"}});
-    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
-    EXPECT_EQ(host.leftover_temps(), 1u);
-    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 // ---- Keywords.
@@ -542,7 +393,9 @@ KwResult process(zok::Host& host, const zok::Keywords& kw) {
     return out;
 }
 
-TEST(HostKeywords, AbsentValuesAreZeroedNulledOrPoisoned) {
+// Absent keywords are zeroed, nulled or poisoned as their entry says; a name
+// matches by its unique prefix, an exact match winning.
+TEST(HostKeywords, ProcessingFillsTheRecord) {
     zok::Host host;
     KwResult r = process(host, {});
     EXPECT_EQ(r.plain, 1);
@@ -554,10 +407,7 @@ TEST(HostKeywords, AbsentValuesAreZeroedNulledOrPoisoned) {
     EXPECT_EQ(r.rec.response, nullptr);
     EXPECT_EQ(r.rec.handler, 0xA5A5A5A5u);
     EXPECT_EQ(r.rec.message, static_cast<int32_t>(0xA5A5A5A5u));
-}
 
-TEST(HostKeywords, MatchingByPrefixWithExactMatchWinning) {
-    zok::Host host;
     KwResult exact = process(host, {{"message", 5}});
     EXPECT_EQ(exact.rec.message_given, 1);
     EXPECT_EQ(exact.rec.message, 5);
@@ -576,22 +426,6 @@ TEST(HostKeywords, MatchingByPrefixWithExactMatchWinning) {
     KwResult any = process(host, {{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}});
     EXPECT_EQ(any.rec.response, host.raw_var("R"));
     EXPECT_EQ(any.rec.count, 3);
-}
-
-TEST(HostKeywords, UnknownAmbiguousAndUnconvertibleKeywordsAreErrors) {
-    zok::Host host;
-    size_t texts = host.live_texts();
-    expect_error(ZOK_ERR_AMBIGUOUS_KEYWORD, [&] {
-        process(host, {{"MESSAGESTRING", "held"}, {"MESS", 1}});
-    });
-    EXPECT_EQ(host.live_texts(), texts); // the text taken before the error went back
-    expect_error(ZOK_ERR_UNKNOWN_KEYWORD, [&] { process(host, {{"NOSUCH", 1}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] { process(host, {{"COUNT", "abc"}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] { process(host, {{"HANDLER", 5}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] {
-        process(host, {{"COUNT", std::vector<int32_t>{1, 2}}});
-    });
-    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 // ---- Modules and the session.
@@ -613,10 +447,8 @@ void count_reset() {
     g_heap_at_reset = zok::Host::current().heap_count();
 }
 
-TEST(HostModules, LoadFailuresAreErrorsAndResetKeepsRegistrations) {
+TEST(HostModules, ResetRunsEachLoadedModulesResetAndKeepsRegistrations) {
     zok::Host host;
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("/nonexistent/libnothing.so"); });
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("libm.so.6"); }); // no ZOK_Load
     expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module(load_fails, count_reset); });
     host.load_module(load_ok, count_reset);
 #ifdef ZOK_MODULE_PATH
@@ -634,6 +466,304 @@ TEST(HostModules, LoadFailuresAreErrorsAndResetKeepsRegistrations) {
     EXPECT_EQ(host.heap_count(), 0u);
     EXPECT_EQ(host.call_function("PING").as_int(), 1);
     EXPECT_TRUE(host.new_object("THING"));
+}
+
+// ---- Structures.
+
+TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
+    zok::Host host;
+    zok_struct_def* parent =
+        host.define_struct("BASE", {{"TOP", ZOK_T_DOUBLE}, {"VERSION", ZOK_T_LONG}});
+    zok_struct_def* child = host.define_struct(
+        "DERIVED",
+        {{"OWN", ZOK_T_LONG}, {"FLAG", ZOK_T_BYTE}, {"TEXT", ZOK_T_STRING}, {"PTR", ZOK_T_POINTER}},
+        "BASE");
+    EXPECT_EQ(parent->size, 16u);
+    EXPECT_EQ(child->parent, parent);
+    EXPECT_STREQ(child->name, "DERIVED");
+    zok_var* t = host_temp_struct(child);
+    auto offset = [&](const char* tag) {
+        return static_cast<char*>(host_struct_tag_data(t, tag, 0, 0, 0)) -
+               static_cast<char*>(t->value.st.data);
+    };
+    // The own tags continue right after the parent's last tag.
+    EXPECT_EQ(offset("TOP"), 0);
+    EXPECT_EQ(offset("VERSION"), 8);
+    EXPECT_EQ(offset("OWN"), 12);
+    EXPECT_EQ(offset("FLAG"), 16);
+    EXPECT_EQ(offset("TEXT"), 24);
+    EXPECT_EQ(offset("PTR"), 40);
+    // A name at an address looked up before may hold another name now.
+    char reused[8] = "OWN";
+    EXPECT_EQ(offset(reused), 12);
+    std::strcpy(reused, "FLAG");
+    EXPECT_EQ(offset(reused), 16);
+    EXPECT_EQ(child->size, 48u);
+    EXPECT_EQ(child->align, 8u);
+    for (size_t i = 0; i < child->size; ++i)
+        ASSERT_EQ(static_cast<char*>(t->value.st.data)[i], 0) << "instance not zeroed at " << i;
+    expect_error(ZOK_ERR_STRUCT, [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
+    host_release_temp(t);
+
+    // The prepared form lists the string tags; copies and frees visit them.
+    const auto* prepared = static_cast<const uint32_t*>(host_struct_prepare("DERIVED", 0, 0, 1, 2));
+    ASSERT_NE(prepared, nullptr);
+    EXPECT_EQ(prepared[0], 1u);
+    EXPECT_EQ(prepared[1], 24u);
+    child->prepared = prepared;
+    zok_var* s = host.make_temp(zok::StructValue{"DERIVED", {{"TEXT", "hello"}, {"OWN", 3}}});
+    zok_var copy{};
+    host_var_copy(s, &copy, 0);
+    EXPECT_EQ(host.live_texts(), 2u);
+    EXPECT_EQ(host.read(copy), host.read(*s));
+    host_var_free_value(&copy);
+    host_release_temp(s);
+    EXPECT_EQ(host.live_texts(), 0u);
+    const zok_tag_entry tags[] = {{"A", nullptr, ZOK_T_LONG, 0, {}}, {nullptr, nullptr, 0, 0, {}}};
+    zok_struct_def* def = host_make_struct("ONE", 16, tags, 2);
+    ASSERT_NE(def, nullptr);
+    EXPECT_EQ(host_make_struct("ONE", 16, tags, 2), def); // the same layout again is no clash
+}
+
+// ---- Every refusal: its code, action and text, no routine run, and nothing
+// a program can observe changed.
+
+TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
+    zok::Host host;
+    define_animals(host);
+    const zok_routine_entry procs[] = {
+        {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
+        {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
+    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
+    host.add_procedure("TAKE", 1, 2, [](zok::Call&) {
+        ++g_runs;
+        return zok::Value();
+    });
+    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
+    host.add_function("PART::INIT", 1, 1, [](zok::Call&) {
+        ++g_runs;
+        return zok::Value(1);
+    });
+    process(host, {}); // defines KW
+    zok::ObjectRef animal = host.new_object("ANIMAL");
+    zok_var* part_class = host_find_class("PART");
+    zok_var number{};
+    number.type = ZOK_T_LONG;
+    const uint32_t dead = host_heap_var_new(ZOK_HEAP_POINTER, &number, ZOK_HEAP_NEW_COPY, 2)->id;
+    host_heap_free(dead, 0, 0);
+    zok_var one{};
+    // A call block of TAKE, changed by each row that uses it.
+    auto call_take = [&](int32_t argc, int32_t pad, zok_var* after) {
+        zok_var* args[] = {nullptr, after};
+        zok_call_block call{0,       {},   argc,   host_lookup_name("TAKE", 0, 1, 2, 0),
+                            nullptr, args, nullptr};
+        call.pad[1] = pad;
+        host_call_routine(&call);
+    };
+    auto make_struct = [](const char* name, std::vector<zok_tag_entry> tags) {
+        tags.push_back({nullptr, nullptr, 0, 0, {}});
+        EXPECT_EQ(host_make_struct(name, 16, tags.data(), 2), nullptr);
+    };
+    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry a_double{"A", nullptr, ZOK_T_DOUBLE, 0, {}};
+    const zok_tag_entry typed_parent{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry nameless{"", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry dimensioned{"D", &a, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
+    host_make_struct("ONE", 16, std::vector{a, end}.data(), 2);
+    const zok_message_def nameless_message[] = {{nullptr, "text"}};
+    struct Refusal {
+        int32_t code;
+        int32_t action;
+        std::string text;
+        std::function<void()> call;
+    };
+    const Refusal refusals[] = {
+        // Argument counts and keywords, by name and through a call block.
+        {ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+         "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
+         [&] { host.call_procedure("TWOTHREE", {1}); }},
+        {ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+         "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 4.",
+         [&] {
+             host.call_procedure("TWOTHREE", {1, 2, 3, 4});
+         }},
+        {ZOK_ERR_NO_KEYWORDS, ZOK_ACTION_ERROR, "Keyword EXTRA not allowed in call to: TWOTHREE.",
+         [&] {
+             host.call_procedure("TWOTHREE", {1, 2}, {{"EXTRA", 1}});
+         }},
+        {ZOK_ERR_ARG_COUNT, ZOK_ACTION_ERROR,
+         "Incorrect number of arguments: TAKE takes 1 to 2, got 0.",
+         [&] { call_take(0, 0, nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR, "host_call_routine: bad call block.",
+         [&] { call_take(1, 1, nullptr); }},
+        // The list is not closed after argc entries.
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR, "host_call_routine: bad call block.",
+         [&] { call_take(1, 0, &one); }},
+        // A procedure is no function, by name or by handle.
+        {ZOK_ERR_UNKNOWN_ROUTINE, ZOK_ACTION_ERROR, "Attempt to call undefined function: TAKESKW.",
+         [&] { host.call_function("TAKESKW"); }},
+        {ZOK_ERR_UNKNOWN_ROUTINE, ZOK_ACTION_ERROR, "Attempt to call undefined function: TAKESKW.",
+         [&] {
+             zok_call_block call{1,       {},      0,      host_lookup_name("TAKESKW", 0, 1, 2, 0),
+                                 nullptr, nullptr, nullptr};
+             host_call_routine(&call);
+         }},
+        // A qualified call starts at a class of the object's own chain, never elsewhere.
+        {ZOK_ERR_UNKNOWN_METHOD, ZOK_ACTION_ERROR,
+         "Attempt to call undefined method: ANIMAL::SPEAK.",
+         [&] { host.call_method(animal, "DOG::SPEAK"); }},
+        {ZOK_ERR_UNKNOWN_CLASS, ZOK_ACTION_ERROR, "Class NOSUCH is not defined.",
+         [&] { host.new_object("NOSUCH"); }},
+        // A creation whose result cannot be made makes nothing and runs no INIT.
+        {ZOK_ERR_NO_MEMORY, ZOK_ACTION_ERROR,
+         "Unable to allocate memory: making a temporary variable.",
+         [&] {
+             zok_var* args[] = {part_class};
+             host.fail_label("(temp)");
+             host_object_new(1, args, nullptr);
+         }},
+        // Keywords: the text taken before an ambiguous one goes back.
+        {ZOK_ERR_AMBIGUOUS_KEYWORD, ZOK_ACTION_ERROR, "Ambiguous keyword abbreviation: MESS in KW.",
+         [&] {
+             process(host, {{"MESSAGESTRING", "held"}, {"MESS", 1}});
+         }},
+        {ZOK_ERR_UNKNOWN_KEYWORD, ZOK_ACTION_ERROR, "Keyword NOSUCH not allowed in call to: KW.",
+         [&] {
+             process(host, {{"NOSUCH", 1}});
+         }},
+        {ZOK_ERR_CONVERSION, ZOK_ACTION_ERROR,
+         "Keyword COUNT must be a scalar LONG, got STRING (temporary) in KW.",
+         [&] {
+             process(host, {{"COUNT", "abc"}});
+         }},
+        {ZOK_ERR_CONVERSION, ZOK_ACTION_ERROR,
+         "Keyword HANDLER must be a scalar OBJREF, got LONG (temporary) in KW.",
+         [&] {
+             process(host, {{"HANDLER", 5}});
+         }},
+        {ZOK_ERR_CONVERSION, ZOK_ACTION_ERROR,
+         "Keyword COUNT must be a scalar LONG, got LONG array[2] (temporary) in KW.",
+         [&] {
+             process(host, {{"COUNT", std::vector<int32_t>{1, 2}}});
+         }},
+        // The heap operations' own arguments.
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+         "host_heap_var_new: kind 5 is neither pointer nor object.",
+         [&] { host_heap_var_new(5, &number, ZOK_HEAP_NEW_COPY, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+         "host_heap_var_new: mode 7 is neither copy nor move.",
+         [&] { host_heap_var_new(ZOK_HEAP_POINTER, &number, 7, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR, "host_heap_var_new: null value.",
+         [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
+        {ZOK_ERR_NOT_OBJECT, ZOK_ACTION_ERROR,
+         "host_heap_var_new: an object needs a scalar structure value, not LONG.",
+         [&] { host_heap_var_new(ZOK_HEAP_OBJECT, &number, 2, 2); }},
+        {ZOK_ERR_NOT_OBJECT, ZOK_ACTION_RETURN, "",
+         [&] { EXPECT_EQ(host_heap_var_new(ZOK_HEAP_OBJECT, &number, 2, 0), nullptr); }},
+        {ZOK_ERR_INVALID_POINTER, ZOK_ACTION_ERROR,
+         "Invalid pointer: no live heap variable has identifier 2.",
+         [&] { host_heap_free(dead, 0, 0); }},
+        {ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_ERROR,
+         "Invalid object reference: no live heap variable has identifier 2.",
+         [&] { host_object_heap_var(dead, 2); }},
+        {ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_WARN,
+         "Invalid object reference: no live heap variable has identifier 2.",
+         [&] { EXPECT_EQ(host_object_heap_var(dead, 1), nullptr); }},
+        {ZOK_ERR_INVALID_OBJECT, ZOK_ACTION_RETURN, "",
+         [&] { EXPECT_EQ(host_object_heap_var(dead, 0), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR, "host_lookup_name: bad arguments.",
+         [&] { host_lookup_name("X", 1, 1, 2, 0); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+         "host_struct_prepare: reserved arguments must be 0, 0, 1.",
+         [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, ZOK_ACTION_ERROR,
+         "host_struct_prepare: structure S is not defined.",
+         [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
+        // Structure definitions and message blocks are refused with a warning.
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure (unnamed) cannot be defined: it has no name.",
+         [&] { make_struct(nullptr, {a}); }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure S cannot be defined: it has no tags.",
+         [&] { make_struct("S", {}); }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN,
+         "Structure S cannot be defined: its inheritance entry has a type.",
+         [&] { make_struct("S", {typed_parent}); }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN,
+         "Structure S cannot be defined: the inheritance entry P is not first.",
+         [&] {
+             make_struct("S", {a, parent});
+         }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN,
+         "Structure S cannot be defined: it inherits P, which is not defined.",
+         [&] {
+             make_struct("S", {parent, a});
+         }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure S cannot be defined: tag D is not a scalar.",
+         [&] { make_struct("S", {dimensioned}); }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure S cannot be defined: a tag has no name.",
+         [&] {
+             make_struct("S", {a, nameless});
+         }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure S cannot be defined: tag A appears twice.",
+         [&] {
+             make_struct("S", {a, a});
+         }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN,
+         "Structure ONE cannot be defined: a structure of that name exists with another layout.",
+         [&] { make_struct("ONE", {a_double}); }},
+        {ZOK_ERR_STRUCT, ZOK_ACTION_WARN, "Structure S cannot be defined: it has no tag table.",
+         [&] { EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
+         "host_make_struct: reserved arguments must be 16 and 2, not 8 and 2.",
+         [&] { EXPECT_EQ(host_make_struct("S", 8, &a, 2), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
+         "Message block  refused: it needs a name and at least one message.",
+         [&] { EXPECT_EQ(host_define_message_block("", 1, nameless_message), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
+         "Message block B refused: it needs a name and at least one message.",
+         [&] { EXPECT_EQ(host_define_message_block("B", 0, nameless_message), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_WARN,
+         "Message block B refused: message 0 has no name or text.",
+         [&] { EXPECT_EQ(host_define_message_block("B", 1, nameless_message), nullptr); }},
+        // Modules that cannot load.
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR,
+         "Cannot load module /nonexistent/libnothing.so: /nonexistent/libnothing.so: cannot open "
+         "shared object file: No such file or directory",
+         [&] { host.load_module("/nonexistent/libnothing.so"); }},
+        {ZOK_ERR_BAD_ARGUMENT, ZOK_ACTION_ERROR, "Module libm.so.6 has no entry point ZOK_Load.",
+         [&] { host.load_module("libm.so.6"); }},
+    };
+    for (const Refusal& r : refusals) {
+        SCOPED_TRACE(r.text);
+        host.clear_messages();
+        const zok::Observation before = host.observe();
+        const int runs = g_runs;
+        const std::vector<std::string> structs = host.struct_names();
+        bool raised = false;
+        try {
+            r.call();
+        } catch (const zok::Error& e) {
+            raised = true;
+            EXPECT_EQ(e.code(), r.code);
+            EXPECT_EQ(e.text(), r.text);
+        }
+        host.clear_faults();
+        EXPECT_EQ(raised, r.action == ZOK_ACTION_ERROR);
+        if (r.action == ZOK_ACTION_RETURN) {
+            EXPECT_TRUE(host.messages().empty());
+        } else {
+            ASSERT_EQ(host.messages().size(), 1u);
+            EXPECT_EQ(host.messages()[0].code, r.code);
+            EXPECT_EQ(host.messages()[0].action, r.action);
+            EXPECT_EQ(host.messages()[0].text, r.text);
+        }
+        EXPECT_EQ(zok::difference(before, host.observe()), "");
+        EXPECT_EQ(g_runs, runs);
+        EXPECT_EQ(host.struct_names(), structs);
+    }
+    EXPECT_TRUE(host.message_blocks().empty());
+    host_release_temp(part_class);
 }
 
 } // namespace
