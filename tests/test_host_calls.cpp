@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -216,6 +217,73 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
+// ---- Keywords.
+
+struct KwRecord {
+    uint64_t holds;
+    int32_t count_given;
+    int32_t count;
+    int32_t handler_given;
+    uint32_t handler;
+    int32_t message_given;
+    int32_t message;
+    int32_t text_given;
+    int32_t pad;
+    zok_string text;
+    int32_t response_given;
+    int32_t pad2;
+    zok_var* response;
+};
+
+#define KW_SLOTS(given, value) offsetof(KwRecord, given), offsetof(KwRecord, value)
+const zok_keyword_entry kw_table[] = {
+    {"", 0, 0, 0, 0, 0, 0, 0},
+    {"COUNT", ZOK_T_LONG, 0, 1, ZOK_KW_ZERO_IF_ABSENT, 0, KW_SLOTS(count_given, count)},
+    {"HANDLER", ZOK_T_OBJECT, 0, 1, 0, 0, KW_SLOTS(handler_given, handler)},
+    {"MESSAGE", ZOK_T_LONG, 0, 1, 0, 0, KW_SLOTS(message_given, message)},
+    {"MESSAGESTRING", ZOK_T_STRING, 0, 1, 0, 0, KW_SLOTS(text_given, text)},
+    {"RESPONSE", ZOK_T_UNDEFINED, 0, 1, ZOK_KW_BY_REFERENCE | ZOK_KW_NULL_IF_ABSENT, 0,
+     KW_SLOTS(response_given, response)},
+    {nullptr, 0, 0, 0, 0, 0, 0, 0},
+};
+
+// Runs keyword processing the way a module's INIT does and returns what it
+// filled in, as text; with two arguments, the routine then fails.
+std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& args = {1}) {
+    if (!host.has_routine("KW"))
+        host.add_function(
+            "KW", 0, 2,
+            [](zok::Call& c) {
+                KwRecord r{};
+                zok_var* plain[2];
+                const size_t before = c.host().live_texts();
+                const int32_t count =
+                    host_keywords_process(c.argc(), c.argv(), c.keywords(), kw_table, plain, 1, &r);
+                char seen[256];
+                std::snprintf(
+                    seen, sizeof seen,
+                    "%d count %d:%d handler %d:%x message %d:%x text %d:%.*s response %d:%s "
+                    "holds %d:%zu",
+                    count, r.count_given, r.count, r.handler_given, r.handler, r.message_given,
+                    static_cast<uint32_t>(r.message), r.text_given,
+                    r.text_given ? static_cast<int>(r.text.length) : 0,
+                    r.text_given ? r.text.text : "", r.response_given,
+                    r.response == c.host().raw_var("R") ? "R"
+                    : r.response                        ? "?"
+                                                        : "null",
+                    r.holds != 0, c.host().live_texts() - before);
+                if (c.argc() == 2) { // fails while processing holds a text
+                    host_temp_long(7);
+                    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "KW");
+                }
+                if (r.holds)
+                    host_keywords_free();
+                return zok::Value(seen);
+            },
+            true);
+    return host.call_function("KW", args, kw).as_string();
+}
+
 // ---- Errors through nested calls.
 
 // OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
@@ -227,26 +295,6 @@ void outer(int32_t, zok_var** argv, zok_keywords*) {
     zok_heap_record* job = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
     host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
     host_release_temp(text);
-}
-
-// INNER: takes keywords (so processing holds a text), then fails.
-void inner(int32_t argc, zok_var** argv, zok_keywords* kw) {
-    static const zok_keyword_entry table[] = {
-        {"", 0, 0, 0, 0, 0, 0, 0},
-        {"NOTE", ZOK_T_STRING, 0, 1, 0, 0, 8, 16},
-        {nullptr, 0, 0, 0, 0, 0, 0, 0},
-    };
-    struct {
-        uint64_t holds;
-        int32_t given;
-        int32_t pad;
-        zok_string note;
-    } rec;
-    zok_var* plain[4];
-    host_keywords_process(argc, argv, kw, table, plain, 1, &rec);
-    host_temp_long(7);
-    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "inner");
-    host_keywords_free();
 }
 
 // Every message a module may raise through the host, with its text: under the
@@ -296,13 +344,11 @@ TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
 
 TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     zok::Host host;
-    const zok_routine_entry procs[] = {
-        {{.procedure = inner}, "INNER", 0, 1, ZOK_RT_KEYWORDS, nullptr},
-        {{.procedure = outer}, "OUTER", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
+    const zok_routine_entry proc = {{.procedure = outer}, "OUTER", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
     host.define_struct("JOB", {{"N", ZOK_T_LONG}});
     host.add_procedure("JOB::EXECUTE", 1, 1, [](zok::Call& c) {
-        c.host().call_procedure("INNER", {"positional"}, {{"note", "a keyword text"}});
+        process(c.host(), {{"messagestring", "a keyword text"}}, {"positional", 2});
         return zok::Value();
     });
     zok::ObjectRef job = host.new_object("JOB");
@@ -310,9 +356,9 @@ TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     const zok::Observation before = host.observe();
 
     zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { host.call_procedure("OUTER", {job}); });
-    EXPECT_EQ(e.text(), "failed at 42 in inner");
-    EXPECT_EQ(e.routine(), "INNER");
-    EXPECT_EQ(host.messages().back().routine, "INNER");
+    EXPECT_EQ(e.text(), "failed at 42 in KW");
+    EXPECT_EQ(e.routine(), "KW");
+    EXPECT_EQ(host.messages().back().routine, "KW");
     EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
     EXPECT_EQ(zok::difference(before, host.observe()), "");
 
@@ -328,104 +374,24 @@ TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
 }
 
-// ---- Keywords.
-
-struct KwRecord {
-    uint64_t holds;
-    int32_t count_given;
-    int32_t count;
-    int32_t handler_given;
-    uint32_t handler;
-    int32_t message_given;
-    int32_t message;
-    int32_t text_given;
-    int32_t pad;
-    zok_string text;
-    int32_t response_given;
-    int32_t pad2;
-    zok_var* response;
-};
-
-#define KW_SLOTS(given, value) offsetof(KwRecord, given), offsetof(KwRecord, value)
-const zok_keyword_entry kw_table[] = {
-    {"", 0, 0, 0, 0, 0, 0, 0},
-    {"COUNT", ZOK_T_LONG, 0, 1, ZOK_KW_ZERO_IF_ABSENT, 0, KW_SLOTS(count_given, count)},
-    {"HANDLER", ZOK_T_OBJECT, 0, 1, 0, 0, KW_SLOTS(handler_given, handler)},
-    {"MESSAGE", ZOK_T_LONG, 0, 1, 0, 0, KW_SLOTS(message_given, message)},
-    {"MESSAGESTRING", ZOK_T_STRING, 0, 1, 0, 0, KW_SLOTS(text_given, text)},
-    {"RESPONSE", ZOK_T_UNDEFINED, 0, 1, ZOK_KW_BY_REFERENCE | ZOK_KW_NULL_IF_ABSENT, 0,
-     KW_SLOTS(response_given, response)},
-    {nullptr, 0, 0, 0, 0, 0, 0, 0},
-};
-
-struct KwResult {
-    KwRecord rec;
-    std::string text;
-    int32_t plain;
-    size_t texts_held;
-};
-
-KwResult* g_kw_result = nullptr;
-
-// Runs keyword processing the way a module's INIT does and keeps the result.
-KwResult process(zok::Host& host, const zok::Keywords& kw) {
-    if (!host.has_routine("KW"))
-        host.add_function(
-            "KW", 0, 2,
-            [](zok::Call& c) {
-                KwResult& out = *g_kw_result;
-                zok_var* plain[2];
-                size_t before = c.host().live_texts();
-                out.plain = host_keywords_process(c.argc(), c.argv(), c.keywords(), kw_table, plain,
-                                                  1, &out.rec);
-                out.texts_held = c.host().live_texts() - before;
-                if (out.rec.text_given)
-                    out.text.assign(out.rec.text.text ? out.rec.text.text : "",
-                                    out.rec.text.length);
-                if (out.rec.holds)
-                    host_keywords_free();
-                return zok::Value(out.plain);
-            },
-            true);
-    KwResult out{};
-    g_kw_result = &out;
-    host.call_function("KW", {1}, kw);
-    return out;
-}
-
 // Absent keywords are zeroed, nulled or poisoned as their entry says; a name
-// matches by its unique prefix, an exact match winning.
+// matches by its unique prefix, an exact match winning; a text taken is held
+// until the keywords are freed.
 TEST(HostKeywords, ProcessingFillsTheRecord) {
     zok::Host host;
-    KwResult r = process(host, {});
-    EXPECT_EQ(r.plain, 1);
-    EXPECT_EQ(r.rec.holds, 0u);
-    EXPECT_EQ(r.rec.count_given + r.rec.handler_given + r.rec.message_given + r.rec.text_given +
-                  r.rec.response_given,
-              0);
-    EXPECT_EQ(r.rec.count, 0);
-    EXPECT_EQ(r.rec.response, nullptr);
-    EXPECT_EQ(r.rec.handler, 0xA5A5A5A5u);
-    EXPECT_EQ(r.rec.message, static_cast<int32_t>(0xA5A5A5A5u));
-
-    KwResult exact = process(host, {{"message", 5}});
-    EXPECT_EQ(exact.rec.message_given, 1);
-    EXPECT_EQ(exact.rec.message, 5);
-    EXPECT_EQ(exact.rec.text_given, 0);
-
-    KwResult prefix = process(host, {{"MESSAGES", "hi"}, {"c", "12"}, {"H", zok::ObjectRef{7}}});
-    EXPECT_EQ(prefix.rec.text_given, 1);
-    EXPECT_EQ(prefix.text, "hi");
-    EXPECT_NE(prefix.rec.holds, 0u);
-    EXPECT_EQ(prefix.texts_held, 1u);
-    EXPECT_EQ(prefix.rec.count, 12);
-    EXPECT_EQ(prefix.rec.handler, 7u);
-    EXPECT_EQ(host.live_texts(), 0u);
-
     host.set_var("R", 3.5);
-    KwResult any = process(host, {{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}});
-    EXPECT_EQ(any.rec.response, host.raw_var("R"));
-    EXPECT_EQ(any.rec.count, 3);
+    const std::pair<zok::Keywords, std::string> cases[] = {
+        {{}, "1 count 0:0 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 0:null holds 0:0"},
+        {{{"message", 5}},
+         "1 count 0:0 handler 0:a5a5a5a5 message 1:5 text 0: response 0:null holds 0:0"},
+        {{{"MESSAGES", "hi"}, {"c", "12"}, {"H", zok::ObjectRef{7}}},
+         "1 count 1:12 handler 1:7 message 0:a5a5a5a5 text 1:hi response 0:null holds 1:1"},
+        {{{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}},
+         "1 count 1:3 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 1:R holds 0:0"},
+    };
+    for (const auto& [kw, seen] : cases)
+        EXPECT_EQ(process(host, kw), seen);
+    EXPECT_EQ(host.live_texts(), 0u);
 }
 
 // ---- Modules and the session.
