@@ -402,6 +402,7 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
         "BASE");
     EXPECT_EQ(parent->size, 16u);
     EXPECT_EQ(child->parent, parent);
+    EXPECT_EQ(host.find_struct("derived"), child);
     EXPECT_STREQ(child->name, "DERIVED");
     zok_var* t = host_temp_struct(child);
     auto offset = [&](const char* tag) {
@@ -417,6 +418,7 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
     EXPECT_EQ(offset("PTR"), 40);
     // A name at an address looked up before may hold another name now.
     char reused[8] = "OWN";
+    EXPECT_EQ(offset(reused), 12);
     EXPECT_EQ(offset(reused), 12);
     std::strcpy(reused, "FLAG");
     EXPECT_EQ(offset(reused), 16);
