@@ -312,7 +312,12 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
                     std::next(heap.begin(), static_cast<long>(rng() % heap.size()))->second;
                 h.rec->flags ^= ZOK_HEAP_HELD;
                 h.held = !h.held;
-            } else if (rng() % 2 == 0) {
+            } else if (rng() % 2 == 0) { // a collection from roots chosen now
+                host.set_var("ROOTS",
+                             roots = Value::array(ZOK_T_POINTER, {zok::PointerRef{some_id()},
+                                                                  zok::PointerRef{some_id()}}));
+                host_release_temp(root_temp);
+                root_temp = host.make_temp(zok::PointerRef{some_id()});
                 std::set<uint32_t> reached;
                 std::vector<uint32_t> work;
                 auto reach = [&](uint32_t id) {
@@ -331,11 +336,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
                 }
                 ASSERT_EQ(host.collect(), heap.size() - reached.size());
                 std::erase_if(heap, [&](const auto& entry) { return !reached.count(entry.first); });
-                host.set_var("ROOTS",
-                             roots = Value::array(ZOK_T_POINTER, {zok::PointerRef{some_id()},
-                                                                  zok::PointerRef{some_id()}}));
-                host_release_temp(root_temp);
-                root_temp = host.make_temp(zok::PointerRef{some_id()});
             } else { // jump forward, sometimes across many pages
                 host.set_next_heap_id(next_id += 1 + rng() % (rng() % 2 ? 10 : 10000000));
             }
