@@ -63,31 +63,6 @@ void define_animals(zok::Host& host) {
     ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
 }
 
-TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
-    zok::Host host;
-    const zok_routine_entry clash = {{return_one}, "CLASH", 0, 0, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&clash, 1, 1), 1);
-    EXPECT_EQ(host_add_routines(&clash, 1, 1), 1); // the same routine again is no clash
-    const zok_routine_entry good = {{return_one}, "GOOD", 0, 1, 0, nullptr};
-    const zok_routine_entry bad[] = {
-        {{return_one}, "lower", 0, 0, 0, nullptr},
-        {{return_one}, "ZOKX::", 0, 0, 0, nullptr},
-        {{return_one}, "MINMAX", 2, 1, 0, nullptr},
-        {{return_one}, "FLAGS", 0, 0, 0x4, nullptr},
-        {{return_one}, "CLASH", 0, 1, 0, nullptr},
-        {{return_one}, "GOOD", 0, 1, 0, nullptr}, // twice in one table
-        {{nullptr}, "NOENTRY", 0, 0, 0, nullptr},
-        {{return_one}, "EXTRA", 0, 0, 0, &good},
-    };
-    for (const zok_routine_entry& entry : bad) {
-        const zok_routine_entry table[] = {good, entry};
-        EXPECT_EQ(host_add_routines(table, 1, 2), 0) << entry.name;
-        EXPECT_FALSE(host.has_routine("GOOD")) << entry.name;
-        EXPECT_EQ(host.messages().back().code, ZOK_ERR_ROUTINE_TABLE);
-    }
-    EXPECT_EQ(host.call_function("CLASH").as_int(), 1);
-}
-
 // SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
 void set_out(int32_t, zok_var** argv, zok_keywords*) {
     zok_var* v = host_temp_long(42);
@@ -459,6 +434,14 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
         {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
     ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
+    EXPECT_EQ(host_add_routines(procs, 0, 2), 1); // the same routines again are no clash
+    // A table of a good entry and one made from it is refused whole.
+    const zok_routine_entry good = {{return_one}, "GOOD", 0, 1, 0, nullptr};
+    auto add_pair = [&](const char* name, uint16_t min, uint16_t max, int32_t flags = 0,
+                        zok_function fn = return_one, const void* extra = nullptr) {
+        const zok_routine_entry table[] = {good, {{fn}, name, min, max, flags, extra}};
+        EXPECT_EQ(host_add_routines(table, 1, 2), 0);
+    };
     host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
     host.add_function("PART::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
     process(host, {}); // defines KW
@@ -486,6 +469,12 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     };
     host_make_struct("ONE", 16, std::vector{a, end}.data(), 2);
     const zok_message_def nameless[] = {{nullptr, "text"}};
+    auto names = [](const std::vector<zok::RoutineInfo>& routines) {
+        std::vector<std::string> out;
+        for (const zok::RoutineInfo& r : routines)
+            out.push_back(r.name);
+        return out;
+    };
     struct Refusal {
         int32_t code;
         std::string text;
@@ -575,6 +564,27 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     };
     const std::string refused = "Structure S cannot be defined: ";
     std::vector<Refusal> warned = {
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: routine name lower is not an upper-case routine or CLASS::METHOD "
+         "name.",
+         [&] { add_pair("lower", 0, 0); }},
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: routine name ZOKX:: is not an upper-case routine or CLASS::METHOD "
+         "name.",
+         [&] { add_pair("ZOKX::", 0, 0); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: MINMAX has minimum 2 above maximum 1.",
+         [&] { add_pair("MINMAX", 2, 1); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: FLAGS has unknown flags 0x4.",
+         [&] { add_pair("FLAGS", 0, 0, 0x4); }},
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: ANIMAL::SPEAK clashes with a different routine of that name.",
+         [&] { add_pair("ANIMAL::SPEAK", 1, 1); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: GOOD appears twice in the table.",
+         [&] { add_pair("GOOD", 0, 1); }}, // twice in one table
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: NOENTRY has no entry point.",
+         [&] { add_pair("NOENTRY", 0, 0, 0, nullptr); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: EXTRA has a non-null reserved field.",
+         [&] { add_pair("EXTRA", 0, 0, 0, return_one, &good); }},
         {ZOK_ERR_INVALID_OBJECT,
          "Invalid object reference: no live heap variable has identifier 2.",
          [&] { EXPECT_EQ(host_object_heap_var(dead, 1), nullptr); }},
@@ -662,6 +672,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
             const zok::Observation before = host.observe();
             const int runs = g_runs;
             const std::vector<std::string> structs = host.struct_names();
+            const std::vector<std::string> routines = names(host.routines());
             if (action == ZOK_ACTION_ERROR)
                 expect_error(r.code, r.text, r.call);
             else
@@ -674,6 +685,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
             EXPECT_EQ(zok::difference(before, host.observe()), "");
             EXPECT_EQ(g_runs, runs);
             EXPECT_EQ(host.struct_names(), structs);
+            EXPECT_EQ(names(host.routines()), routines);
         }
     EXPECT_TRUE(host.message_blocks().empty());
     // The quiet action records nothing.
