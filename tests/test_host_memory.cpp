@@ -164,6 +164,19 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
             n += visit(entry.second.value, [](uint32_t) {});
         return n;
     };
+    auto check_heap = [&] {
+        std::vector<uint32_t> ids;
+        for (const auto& [id, h] : heap) {
+            ASSERT_EQ(host_heap_var(id), h.rec) << "record moved";
+            ASSERT_EQ(h.rec->id, id);
+            ASSERT_EQ(host.heap_value(id), h.value);
+            ASSERT_EQ(host.heap_kind(id), h.kind);
+            ASSERT_EQ((host.heap_flags(id) & ZOK_HEAP_HELD) != 0, h.held);
+            ids.push_back(id);
+        }
+        ASSERT_EQ(host.heap_ids(), ids);
+        ASSERT_NO_THROW(host.check_heap());
+    };
     zok_var not_made{};
     not_made.flags = ZOK_VF_TEMPORARY;
     refused([&] { host_release_temp(&not_made); });
@@ -359,9 +372,8 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         ASSERT_EQ(host.live_temps(), temps.size() + 1);
         ASSERT_EQ(host.live_texts(), live_texts());
         ASSERT_EQ(host.heap_count(), heap.size());
-        if (step % 1000 == 0) {
-            ASSERT_NO_THROW(host.check_heap());
-        }
+        if (step % 1000 == 0)
+            check_heap();
     }
     // The last identifiers, and then none: no identifier is ever handed out twice.
     host.set_next_heap_id(next_id = 0xfffffffeu);
@@ -379,18 +391,8 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
     EXPECT_EQ(host.messages().back().action, ZOK_ACTION_WARN);
     EXPECT_EQ(host_heap_var(0), nullptr);
 
-    std::vector<uint32_t> ids;
-    for (const auto& [id, h] : heap) {
-        ASSERT_EQ(host_heap_var(id), h.rec) << "record moved";
-        ASSERT_EQ(h.rec->id, id);
-        ASSERT_EQ(host.heap_value(id), h.value);
-        ASSERT_EQ(host.heap_kind(id), h.kind);
-        ASSERT_EQ((host.heap_flags(id) & ZOK_HEAP_HELD) != 0, h.held);
-        ids.push_back(id);
-    }
-    EXPECT_EQ(host.heap_ids(), ids);
-    EXPECT_NO_THROW(host.check_heap());
-    for (uint32_t id : ids)
+    check_heap();
+    for (uint32_t id : host.heap_ids())
         host_heap_free(id, 0, 0);
     for (zok_var* t : temps)
         host_release_temp(t);
