@@ -1,14 +1,16 @@
-// The reference host's calls: routine registration, argument-count and
-// keyword refusals, method resolution through inheritance (a program subclass
-// overriding a module method), object life (INIT, CLEANUP), errors unwinding
-// nested calls without leaks, and keyword processing.  The "module" here is a
-// handful of C routines registered through the C interface.
+// The reference host's calls: routine registration, method resolution through
+// inheritance (a program subclass overriding a module method), object life
+// (INIT, CLEANUP), errors unwinding nested calls without leaks, keyword
+// processing, modules, structure layout, and one table of every refusal with
+// its code and text.  The "module" here is a handful of C routines registered
+// through the C interface.
 #include "host.hpp"
 #include "support/testing.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -17,112 +19,32 @@
 
 namespace {
 
+// Every routine of these tests counts its runs: a refused call runs none.
+int g_runs = 0;
+
 zok_var* return_one(int32_t, zok_var**, zok_keywords*) {
+    ++g_runs;
     return host_temp_long(1);
 }
 
-int g_runs = 0;
 void count_run(int32_t, zok_var**, zok_keywords*) {
     ++g_runs;
 }
 
-TEST(HostRoutines, ABadEntryRefusesTheWholeTable) {
-    zok::Host host;
-    const zok_routine_entry clash = {{return_one}, "CLASH", 0, 0, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&clash, 1, 1), 1);
-    EXPECT_EQ(host_add_routines(&clash, 1, 1), 1); // the same routine again is no clash
-    const zok_routine_entry good = {{return_one}, "GOOD", 0, 1, 0, nullptr};
-    const zok_routine_entry bad[] = {
-        {{return_one}, "lower", 0, 0, 0, nullptr},
-        {{return_one}, "ZOKX::", 0, 0, 0, nullptr},
-        {{return_one}, "MINMAX", 2, 1, 0, nullptr},
-        {{return_one}, "FLAGS", 0, 0, 0x4, nullptr},
-        {{return_one}, "CLASH", 0, 1, 0, nullptr},
-        {{return_one}, "GOOD", 0, 1, 0, nullptr}, // twice in one table
-        {{nullptr}, "NOENTRY", 0, 0, 0, nullptr},
-        {{return_one}, "EXTRA", 0, 0, 0, &good},
-    };
-    for (const zok_routine_entry& entry : bad) {
-        const zok_routine_entry table[] = {good, entry};
-        EXPECT_EQ(host_add_routines(table, 1, 2), 0) << entry.name;
-        EXPECT_FALSE(host.has_routine("GOOD")) << entry.name;
-        EXPECT_EQ(host.messages().back().code, ZOK_ERR_ROUTINE_TABLE);
-    }
-    EXPECT_EQ(host.call_function("CLASH").as_int(), 1);
-}
-
-TEST(HostRoutines, CountAndKeywordRefusalsComeBeforeTheRoutineRuns) {
-    zok::Host host;
-    const zok_routine_entry procs[] = {
-        {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
-        {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
-    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
-    g_runs = 0;
-    zok::Error e = expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_procedure("TWOTHREE", {1}); });
-    EXPECT_EQ(e.routine(), "TWOTHREE");
-    expect_error(ZOK_ERR_ARG_COUNT, [&] { host.call_procedure("TWOTHREE", {1, 2, 3, 4}); });
-    expect_error(ZOK_ERR_NO_KEYWORDS, [&] {
-        host.call_procedure("TWOTHREE", {1, 2}, {{"EXTRA", 1}});
-    });
-    EXPECT_EQ(g_runs, 0);
-    host.call_procedure("TWOTHREE", {1, 2});
-    host.call_procedure("TAKESKW", {}, {{"ANY", "x"}});
-    EXPECT_EQ(g_runs, 2);
-    // A procedure is no function, by name or by handle.
-    expect_error(ZOK_ERR_UNKNOWN_ROUTINE, [&] { host.call_function("TAKESKW"); });
-    zok_call_block call{1,       {},      0,      host_lookup_name("TAKESKW", 0, 1, 2, 0),
-                        nullptr, nullptr, nullptr};
-    expect_error(ZOK_ERR_UNKNOWN_ROUTINE, [&] { host_call_routine(&call); });
-    EXPECT_EQ(g_runs, 2);
-    EXPECT_EQ(host.live_temps(), 0u);
-}
-
-// A call block lists exactly the arguments the routine gets; a null entry is
-// an undefined argument, which the routine may still write.
-TEST(HostRoutines, ACallBlockPassesExactlyItsArguments) {
-    zok::Host host;
-    std::vector<zok::Value> seen;
-    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
-        for (int32_t i = 0; i < c.argc(); ++i)
-            seen.push_back(c.arg(i));
-        c.set(0, "written into an undefined argument");
-        return zok::Value();
-    });
-    zok_var* given = host.make_temp(5);
-    zok_var* args[] = {nullptr, given, nullptr};
-    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
-    EXPECT_EQ(host_call_routine(&call), nullptr);
-    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
-    host_release_temp(given);
-    EXPECT_EQ(host.live_texts(), 0u);
-
-    args[1] = nullptr;
-    call.argc = 0;
-    expect_error(ZOK_ERR_ARG_COUNT, [&] { host_call_routine(&call); });
-    call.argc = 1;
-    call.pad[1] = 1;
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
-    call.pad[1] = 0;
-    zok_var one{};
-    args[1] = &one; // the list is not closed after argc entries
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host_call_routine(&call); });
-    EXPECT_EQ(seen.size(), 2u);
-}
-
-// ---- Methods: a module class tree and a program subclass.
-
-zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
+zok_var* returns_text(const char* text) {
+    ++g_runs;
     zok_var* t = host_temp_var();
     t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, "...");
+    host_string_store(&t->value.str, text);
     return t;
+}
+
+zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
+    return returns_text("...");
 }
 
 zok_var* dog_speak(int32_t, zok_var**, zok_keywords*) {
-    zok_var* t = host_temp_var();
-    t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, "woof");
-    return t;
+    return returns_text("woof");
 }
 
 // Calls SPEAK by name, so the object's own class decides which runs.
@@ -141,6 +63,40 @@ void define_animals(zok::Host& host) {
     ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
 }
 
+// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
+void set_out(int32_t, zok_var** argv, zok_keywords*) {
+    zok_var* v = host_temp_long(42);
+    host_var_copy(v, argv[0], 0);
+    host_temp_var();
+    host_release_temp(v);
+}
+
+// A call block lists exactly the arguments the routine gets; a null entry is
+// an undefined argument, which the routine may still write.  An output
+// argument is written back; a temporary a statement leaves is released.
+TEST(HostCalls, ACallGetsExactlyItsArgumentsAndMayWriteThem) {
+    zok::Host host;
+    std::vector<zok::Value> seen;
+    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
+        for (int32_t i = 0; i < c.argc(); ++i)
+            seen.push_back(c.arg(i));
+        c.set(0, "written into an undefined argument");
+        return zok::Value();
+    });
+    zok_var* given = host.make_temp(5);
+    zok_var* args[] = {nullptr, given, nullptr};
+    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
+    EXPECT_EQ(host_call_routine(&call), nullptr);
+    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
+    host_release_temp(given);
+    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
+    host.call_procedure("SETOUT", {zok::Ref{"out"}});
+    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
+    EXPECT_EQ(host.leftover_temps(), 1u);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
 TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     zok::Host host;
     define_animals(host);
@@ -156,8 +112,6 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
     EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
     EXPECT_EQ(host.call_method(puppy, "ANIMAL::SPEAK").as_string(), "...");
-    // A qualified call starts at a class of the object's own chain, never elsewhere.
-    expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(animal, "DOG::SPEAK"); });
     EXPECT_TRUE(host.isa(puppy, "ANIMAL"));
     EXPECT_FALSE(host.isa(dog, "PUPPY"));
     // Names in any case, on every path.
@@ -181,29 +135,6 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
     EXPECT_EQ(host.live_temps(), 0u);
     EXPECT_EQ(host.live_texts(), 0u);
-}
-
-// The integer reader of a call reads, and refuses, as a reading through a Value does.
-TEST(HostCalls, TheIntegerReaderAgreesWithTheValueReading) {
-    zok::Host host;
-    host.add_function("AGREES", 1, 1, [](zok::Call& c) {
-        auto read = [](auto how) {
-            try {
-                return std::to_string(how());
-            } catch (const zok::Error& e) {
-                return std::to_string(e.code()) + " " + e.text();
-            }
-        };
-        const bool same =
-            read([&] { return c.integer(0); }) == read([&] { return c.arg(0).as_int(); });
-        return zok::Value(same ? 1 : 0);
-    });
-    const std::vector<zok::Value> values = {
-        uint8_t{200},          int16_t{-7},       uint16_t{65535},           int32_t{-2000000000},
-        uint32_t{4000000000u}, int64_t{-5},       uint64_t{1} << 63,         2.75,
-        std::string("12"),     zok::ObjectRef{1}, std::vector<int32_t>{1, 2}};
-    for (const zok::Value& v : values)
-        EXPECT_EQ(host.call_function("AGREES", {v}).as_int(), 1) << v.to_string();
 }
 
 TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
@@ -262,221 +193,6 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(host.live_temps(), 0u);
 }
 
-// Creation by class handle: when the result cannot be made, no object is left
-// behind that nobody could reach.
-TEST(HostObjects, ACreationThatCannotReturnMakesNothing) {
-    zok::Host host;
-    int inits = 0;
-    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
-    host.add_function("PART::INIT", 1, 1, [&](zok::Call&) {
-        ++inits;
-        return zok::Value(1);
-    });
-    zok_var* cls = host_find_class("PART");
-    zok_var* args[] = {cls};
-    host.fail_label("(temp)");
-    expect_error(ZOK_ERR_NO_MEMORY, [&] { host_object_new(1, args, nullptr); });
-    host.clear_faults();
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(inits, 0);
-    zok_var* made = host_object_new(1, args, nullptr);
-    EXPECT_EQ(host.class_of(zok::ObjectRef{made->value.heap_id}), "PART");
-    host_release_temp(made);
-    host_release_temp(cls);
-}
-
-// ---- Errors through nested calls.
-
-// OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
-void outer(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* text = host_temp_var();
-    text->type = ZOK_T_STRING;
-    host_string_store(&text->value.str, "held across the call");
-    host_temp_long(99);
-    zok_heap_record* job = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
-    host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
-    host_release_temp(text);
-}
-
-// INNER: takes keywords (so processing holds a text), then fails.
-void inner(int32_t argc, zok_var** argv, zok_keywords* kw) {
-    static const zok_keyword_entry table[] = {
-        {"", 0, 0, 0, 0, 0, 0, 0},
-        {"NOTE", ZOK_T_STRING, 0, 1, 0, 0, 8, 16},
-        {nullptr, 0, 0, 0, 0, 0, 0, 0},
-    };
-    struct {
-        uint64_t holds;
-        int32_t given;
-        int32_t pad;
-        zok_string note;
-    } rec;
-    zok_var* plain[4];
-    host_keywords_process(argc, argv, kw, table, plain, 1, &rec);
-    host_temp_long(7);
-    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "inner");
-    host_keywords_free();
-}
-
-// Every message a module may raise through the host, with its text: under the
-// error action it ends the call; under the warning action it is recorded and
-// the call goes on; a message block refused for want of a name or messages
-// records why and gives null.
-TEST(HostErrors, EachHostMessageHasItsTextUnderEveryAction) {
-    zok::Host host;
-    struct Case {
-        int32_t code;
-        std::function<void(int32_t action)> raise;
-        const char* text;
-    };
-    const Case cases[] = {
-        {ZOK_MSG_TEXT, [](int32_t a) { host_message(ZOK_MSG_TEXT, a, "%s=%d", "n", 4); }, "n=4"},
-        {ZOK_MSG_ARG_TYPE, [](int32_t a) { host_message(ZOK_MSG_ARG_TYPE, a, "R"); },
-         "Argument of the wrong type in R."},
-        {ZOK_MSG_WRONG_CLASS, [](int32_t a) { host_message(ZOK_MSG_WRONG_CLASS, a, "self", "C"); },
-         "Argument self must be an object of class C."},
-        {ZOK_MSG_NOT_OBJECT, [](int32_t a) { host_message(ZOK_MSG_NOT_OBJECT, a, "R"); },
-         "R: the argument is not an object reference."},
-    };
-    std::vector<std::pair<int32_t, std::string>> plain = {
-        {ZOK_ERR_NOT_STRING, "String expression required."},
-        {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
-        {ZOK_ERR_NOT_OBJECT, "Object reference required."},
-        {ZOK_ERR_NOT_SIMPLE, "Expression must be a scalar."},
-        {ZOK_ERR_INVALID_OBJECT, "Invalid object reference."},
-        {ZOK_ERR_INVALID_POINTER, "Invalid pointer."},
-        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments."},
-        {ZOK_ERR_NO_KEYWORDS, "Keywords are not allowed."},
-        {ZOK_ERR_NO_MEMORY, "Unable to allocate memory."},
-        {ZOK_ERR_CONVERSION, "Value cannot be converted."},
-        {-1234, "Message -1234 raised."},
-    };
-    std::vector<Case> all(std::begin(cases), std::end(cases));
-    for (const auto& [code, text] : plain)
-        all.push_back({code, [code](int32_t a) { host_message(code, a); }, text.c_str()});
-    for (const Case& c : all) {
-        SCOPED_TRACE(c.text);
-        expect_error(c.code, c.text, [&] { c.raise(ZOK_ACTION_ERROR); });
-        host.clear_messages();
-        c.raise(ZOK_ACTION_WARN);
-        ASSERT_EQ(host.messages().size(), 1u);
-        EXPECT_EQ(host.messages()[0].text, c.text);
-        EXPECT_EQ(host.messages()[0].action, ZOK_ACTION_WARN);
-    }
-    const zok_message_def nameless[] = {{nullptr, "text"}};
-    for (const auto& [name, count, defs] :
-         {std::tuple{"", 1, nameless}, std::tuple{"B", 0, nameless},
-          std::tuple{"B", 1, nameless}}) {
-        host.clear_messages();
-        EXPECT_EQ(host_define_message_block(name, count, defs), nullptr);
-        ASSERT_EQ(host.messages().size(), 1u);
-        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_BAD_ARGUMENT);
-    }
-    EXPECT_TRUE(host.message_blocks().empty());
-}
-
-// Structure definitions and the operations' own arguments: each bad one is
-// refused with its code (recorded under the quiet action, raised under the
-// error action) and defines or makes nothing.
-TEST(HostErrors, BadDefinitionsAndArgumentsAreRefusedAndChangeNothing) {
-    zok::Host host;
-    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
-    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
-    const zok_tag_entry typed_parent{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}};
-    const zok_tag_entry late_parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
-    const zok_tag_entry nameless{"", nullptr, ZOK_T_LONG, 0, {}};
-    const zok_tag_entry dimensioned{"D", &a, ZOK_T_LONG, 0, {}};
-    const std::vector<std::pair<const char*, std::vector<zok_tag_entry>>> tables = {
-        {nullptr, {a, end}},        {"S", {end}},
-        {"S", {typed_parent, end}}, {"S", {a, late_parent, end}},
-        {"S", {dimensioned, end}},  {"S", {a, nameless, end}},
-    };
-    for (size_t i = 0; i < tables.size(); ++i) {
-        SCOPED_TRACE(i);
-        host.clear_messages();
-        EXPECT_EQ(host_make_struct(tables[i].first, 16, tables[i].second.data(), 2), nullptr);
-        ASSERT_EQ(host.messages().size(), 1u);
-        EXPECT_EQ(host.messages()[0].code, ZOK_ERR_STRUCT) << host.messages()[0].text;
-    }
-    EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr);
-    EXPECT_EQ(host_make_struct("S", 8, tables[1].second.data(), 2), nullptr);
-    EXPECT_EQ(host.messages().back().code, ZOK_ERR_BAD_ARGUMENT);
-    EXPECT_TRUE(host.struct_names().empty());
-
-    zok_var v{};
-    v.type = ZOK_T_LONG;
-    const std::pair<int32_t, std::function<void()>> calls[] = {
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(5, &v, ZOK_HEAP_NEW_COPY, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, &v, 7, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_lookup_name("X", 1, 1, 2, 0); }},
-        {ZOK_ERR_BAD_ARGUMENT, [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
-        {ZOK_ERR_UNKNOWN_CLASS, [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
-        {ZOK_ERR_UNKNOWN_CLASS, [&] { host.new_object("NOSUCH"); }},
-    };
-    for (const auto& [code, call] : calls) {
-        const zok::Observation before = host.observe();
-        expect_error(code, call);
-        EXPECT_EQ(zok::difference(before, host.observe()), "");
-    }
-}
-
-TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
-    zok::Host host;
-    const zok_routine_entry procs[] = {
-        {{.procedure = inner}, "INNER", 0, 1, ZOK_RT_KEYWORDS, nullptr},
-        {{.procedure = outer}, "OUTER", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
-    host.define_struct("JOB", {{"N", ZOK_T_LONG}});
-    host.add_procedure("JOB::EXECUTE", 1, 1, [](zok::Call& c) {
-        c.host().call_procedure("INNER", {"positional"}, {{"note", "a keyword text"}});
-        return zok::Value();
-    });
-    zok::ObjectRef job = host.new_object("JOB");
-    host.set_var("KEEP", "a program text");
-    size_t texts = host.live_texts();
-    zok::MemStats memory = host.memory_total();
-
-    zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { host.call_procedure("OUTER", {job}); });
-    EXPECT_EQ(e.text(), "failed at 42 in inner");
-    EXPECT_EQ(e.routine(), "INNER");
-    EXPECT_EQ(host.messages().back().routine, "INNER");
-    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
-    EXPECT_EQ(host.live_temps(), 0u);
-    EXPECT_EQ(host.live_texts(), texts);
-    EXPECT_EQ(host.memory_total(), memory);
-    EXPECT_EQ(host.heap_count(), 1u);
-
-    // Nothing of the failed call's frames is left: a later raise outside any
-    // routine names none, and the return action records and goes on.
-    expect_error(ZOK_MSG_TEXT, [&] { host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "top"); });
-    EXPECT_EQ(host.messages().back().routine, "");
-    host_message(ZOK_MSG_TEXT, ZOK_ACTION_RETURN, "note %s", "recorded");
-    EXPECT_EQ(host.messages().back().text, "note recorded");
-    host.set_errors_return(true);
-    host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
-    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
-    EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
-}
-
-// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
-void set_out(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* v = host_temp_long(42);
-    host_var_copy(v, argv[0], 0);
-    host_temp_var();
-    host_release_temp(v);
-}
-
-TEST(HostCalls, OutputArgumentsAndWhatAStatementLeavesBehind) {
-    zok::Host host;
-    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
-    host.call_procedure("SETOUT", {zok::Ref{"out"}});
-    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
-    EXPECT_EQ(host.leftover_temps(), 1u);
-    EXPECT_EQ(host.live_temps(), 0u);
-}
-
 // ---- Keywords.
 
 struct KwRecord {
@@ -507,91 +223,106 @@ const zok_keyword_entry kw_table[] = {
     {nullptr, 0, 0, 0, 0, 0, 0, 0},
 };
 
-struct KwResult {
-    KwRecord rec;
-    std::string text;
-    int32_t plain;
-    size_t texts_held;
-};
-
-KwResult* g_kw_result = nullptr;
-
-// Runs keyword processing the way a module's INIT does and keeps the result.
-KwResult process(zok::Host& host, const zok::Keywords& kw) {
+// Runs keyword processing the way a module's INIT does and returns what it
+// filled in, as text; with two arguments, the routine then fails.
+std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& args = {1}) {
     if (!host.has_routine("KW"))
         host.add_function(
             "KW", 0, 2,
             [](zok::Call& c) {
-                KwResult& out = *g_kw_result;
+                KwRecord r{};
                 zok_var* plain[2];
-                size_t before = c.host().live_texts();
-                out.plain = host_keywords_process(c.argc(), c.argv(), c.keywords(), kw_table, plain,
-                                                  1, &out.rec);
-                out.texts_held = c.host().live_texts() - before;
-                if (out.rec.text_given)
-                    out.text.assign(out.rec.text.text ? out.rec.text.text : "",
-                                    out.rec.text.length);
-                if (out.rec.holds)
+                const size_t before = c.host().live_texts();
+                const int32_t count =
+                    host_keywords_process(c.argc(), c.argv(), c.keywords(), kw_table, plain, 1, &r);
+                char seen[256];
+                std::snprintf(
+                    seen, sizeof seen,
+                    "%d count %d:%d handler %d:%x message %d:%x text %d:%.*s response %d:%s "
+                    "holds %d:%zu",
+                    count, r.count_given, r.count, r.handler_given, r.handler, r.message_given,
+                    static_cast<uint32_t>(r.message), r.text_given,
+                    r.text_given ? static_cast<int>(r.text.length) : 0,
+                    r.text_given ? r.text.text : "", r.response_given,
+                    r.response == c.host().raw_var("R") ? "R"
+                    : r.response                        ? "?"
+                                                        : "null",
+                    r.holds != 0, c.host().live_texts() - before);
+                if (c.argc() == 2) { // fails while processing holds a text
+                    host_temp_long(7);
+                    host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "KW");
+                }
+                if (r.holds)
                     host_keywords_free();
-                return zok::Value(out.plain);
+                return zok::Value(seen);
             },
             true);
-    KwResult out{};
-    g_kw_result = &out;
-    host.call_function("KW", {1}, kw);
-    return out;
+    return host.call_function("KW", args, kw).as_string();
 }
 
-TEST(HostKeywords, AbsentValuesAreZeroedNulledOrPoisoned) {
-    zok::Host host;
-    KwResult r = process(host, {});
-    EXPECT_EQ(r.plain, 1);
-    EXPECT_EQ(r.rec.holds, 0u);
-    EXPECT_EQ(r.rec.count_given + r.rec.handler_given + r.rec.message_given + r.rec.text_given +
-                  r.rec.response_given,
-              0);
-    EXPECT_EQ(r.rec.count, 0);
-    EXPECT_EQ(r.rec.response, nullptr);
-    EXPECT_EQ(r.rec.handler, 0xA5A5A5A5u);
-    EXPECT_EQ(r.rec.message, static_cast<int32_t>(0xA5A5A5A5u));
+// ---- Errors through nested calls.
+
+// OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
+void outer(int32_t, zok_var** argv, zok_keywords*) {
+    zok_var* text = host_temp_var();
+    text->type = ZOK_T_STRING;
+    host_string_store(&text->value.str, "held across the call");
+    host_temp_long(99);
+    zok_heap_record* job = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
+    host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
+    host_release_temp(text);
 }
 
-TEST(HostKeywords, MatchingByPrefixWithExactMatchWinning) {
+TEST(HostErrors, AnErrorUnwindsNestedCallsAndLeavesNothingBehind) {
     zok::Host host;
-    KwResult exact = process(host, {{"message", 5}});
-    EXPECT_EQ(exact.rec.message_given, 1);
-    EXPECT_EQ(exact.rec.message, 5);
-    EXPECT_EQ(exact.rec.text_given, 0);
+    const zok_routine_entry proc = {{.procedure = outer}, "OUTER", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
+    host.define_struct("JOB", {{"N", ZOK_T_LONG}});
+    host.add_procedure("JOB::EXECUTE", 1, 1, [](zok::Call& c) {
+        process(c.host(), {{"messagestring", "a keyword text"}}, {"positional", 2});
+        return zok::Value();
+    });
+    zok::ObjectRef job = host.new_object("JOB");
+    host.set_var("KEEP", "a program text");
+    const zok::Observation before = host.observe();
 
-    KwResult prefix = process(host, {{"MESSAGES", "hi"}, {"c", "12"}, {"H", zok::ObjectRef{7}}});
-    EXPECT_EQ(prefix.rec.text_given, 1);
-    EXPECT_EQ(prefix.text, "hi");
-    EXPECT_NE(prefix.rec.holds, 0u);
-    EXPECT_EQ(prefix.texts_held, 1u);
-    EXPECT_EQ(prefix.rec.count, 12);
-    EXPECT_EQ(prefix.rec.handler, 7u);
-    EXPECT_EQ(host.live_texts(), 0u);
+    zok::Error e = expect_error(ZOK_MSG_TEXT, [&] { host.call_procedure("OUTER", {job}); });
+    EXPECT_EQ(e.text(), "failed at 42 in KW");
+    EXPECT_EQ(e.routine(), "KW");
+    EXPECT_EQ(host.messages().back().routine, "KW");
+    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
+    EXPECT_EQ(zok::difference(before, host.observe()), "");
 
+    // Nothing of the failed call's frames is left: a later raise outside any
+    // routine names none, and the return action records and goes on.
+    expect_error(ZOK_MSG_TEXT, [&] { host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "top"); });
+    EXPECT_EQ(host.messages().back().routine, "");
+    host_message(ZOK_MSG_TEXT, ZOK_ACTION_RETURN, "note %s", "recorded");
+    EXPECT_EQ(host.messages().back().text, "note recorded");
+    host.set_errors_return(true);
+    host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
+    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
+    EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
+}
+
+// Absent keywords are zeroed, nulled or poisoned as their entry says; a name
+// matches by its unique prefix, an exact match winning; a text taken is held
+// until the keywords are freed.
+TEST(HostKeywords, ProcessingFillsTheRecord) {
+    zok::Host host;
     host.set_var("R", 3.5);
-    KwResult any = process(host, {{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}});
-    EXPECT_EQ(any.rec.response, host.raw_var("R"));
-    EXPECT_EQ(any.rec.count, 3);
-}
-
-TEST(HostKeywords, UnknownAmbiguousAndUnconvertibleKeywordsAreErrors) {
-    zok::Host host;
-    size_t texts = host.live_texts();
-    expect_error(ZOK_ERR_AMBIGUOUS_KEYWORD, [&] {
-        process(host, {{"MESSAGESTRING", "held"}, {"MESS", 1}});
-    });
-    EXPECT_EQ(host.live_texts(), texts); // the text taken before the error went back
-    expect_error(ZOK_ERR_UNKNOWN_KEYWORD, [&] { process(host, {{"NOSUCH", 1}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] { process(host, {{"COUNT", "abc"}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] { process(host, {{"HANDLER", 5}}); });
-    expect_error(ZOK_ERR_CONVERSION, [&] {
-        process(host, {{"COUNT", std::vector<int32_t>{1, 2}}});
-    });
-    EXPECT_EQ(host.live_temps(), 0u);
+    const std::pair<zok::Keywords, std::string> cases[] = {
+        {{}, "1 count 0:0 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 0:null holds 0:0"},
+        {{{"message", 5}},
+         "1 count 0:0 handler 0:a5a5a5a5 message 1:5 text 0: response 0:null holds 0:0"},
+        {{{"MESSAGES", "hi"}, {"c", "12"}, {"H", zok::ObjectRef{7}}},
+         "1 count 1:12 handler 1:7 message 0:a5a5a5a5 text 1:hi response 0:null holds 1:1"},
+        {{{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}},
+         "1 count 1:3 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 1:R holds 0:0"},
+    };
+    for (const auto& [kw, seen] : cases)
+        EXPECT_EQ(process(host, kw), seen);
+    EXPECT_EQ(host.live_texts(), 0u);
 }
 
 // ---- Modules and the session.
@@ -613,10 +344,8 @@ void count_reset() {
     g_heap_at_reset = zok::Host::current().heap_count();
 }
 
-TEST(HostModules, LoadFailuresAreErrorsAndResetKeepsRegistrations) {
+TEST(HostModules, ResetRunsEachLoadedModulesResetAndKeepsRegistrations) {
     zok::Host host;
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("/nonexistent/libnothing.so"); });
-    expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module("libm.so.6"); }); // no ZOK_Load
     expect_error(ZOK_ERR_BAD_ARGUMENT, [&] { host.load_module(load_fails, count_reset); });
     host.load_module(load_ok, count_reset);
 #ifdef ZOK_MODULE_PATH
@@ -634,6 +363,336 @@ TEST(HostModules, LoadFailuresAreErrorsAndResetKeepsRegistrations) {
     EXPECT_EQ(host.heap_count(), 0u);
     EXPECT_EQ(host.call_function("PING").as_int(), 1);
     EXPECT_TRUE(host.new_object("THING"));
+}
+
+// ---- Structures.
+
+TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
+    zok::Host host;
+    zok_struct_def* parent =
+        host.define_struct("BASE", {{"TOP", ZOK_T_DOUBLE}, {"VERSION", ZOK_T_LONG}});
+    zok_struct_def* child = host.define_struct(
+        "DERIVED",
+        {{"OWN", ZOK_T_LONG}, {"FLAG", ZOK_T_BYTE}, {"TEXT", ZOK_T_STRING}, {"PTR", ZOK_T_POINTER}},
+        "BASE");
+    EXPECT_EQ(parent->size, 16u);
+    EXPECT_EQ(child->parent, parent);
+    EXPECT_EQ(host.find_struct("derived"), child);
+    EXPECT_STREQ(child->name, "DERIVED");
+    zok_var* t = host_temp_struct(child);
+    auto offset = [&](const char* tag) {
+        return static_cast<char*>(host_struct_tag_data(t, tag, 0, 0, 0)) -
+               static_cast<char*>(t->value.st.data);
+    };
+    // The own tags continue right after the parent's last tag.
+    EXPECT_EQ(offset("TOP"), 0);
+    EXPECT_EQ(offset("VERSION"), 8);
+    EXPECT_EQ(offset("OWN"), 12);
+    EXPECT_EQ(offset("FLAG"), 16);
+    EXPECT_EQ(offset("TEXT"), 24);
+    EXPECT_EQ(offset("PTR"), 40);
+    // A name at an address looked up before may hold another name now.
+    char reused[8] = "OWN";
+    EXPECT_EQ(offset(reused), 12);
+    EXPECT_EQ(offset(reused), 12);
+    std::strcpy(reused, "FLAG");
+    EXPECT_EQ(offset(reused), 16);
+    EXPECT_EQ(child->size, 48u);
+    EXPECT_EQ(child->align, 8u);
+    for (size_t i = 0; i < child->size; ++i)
+        ASSERT_EQ(static_cast<char*>(t->value.st.data)[i], 0) << "instance not zeroed at " << i;
+    expect_error(ZOK_ERR_STRUCT, [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
+    host_release_temp(t);
+
+    // The prepared form lists the string tags; copies and frees visit them.
+    const auto* prepared = static_cast<const uint32_t*>(host_struct_prepare("DERIVED", 0, 0, 1, 2));
+    ASSERT_NE(prepared, nullptr);
+    EXPECT_EQ(prepared[0], 1u);
+    EXPECT_EQ(prepared[1], 24u);
+    child->prepared = prepared;
+    zok_var* s = host.make_temp(zok::StructValue{"DERIVED", {{"TEXT", "hello"}, {"OWN", 3}}});
+    zok_var copy{};
+    host_var_copy(s, &copy, 0);
+    EXPECT_EQ(host.live_texts(), 2u);
+    EXPECT_EQ(host.read(copy), host.read(*s));
+    host_var_free_value(&copy);
+    host_release_temp(s);
+    EXPECT_EQ(host.live_texts(), 0u);
+    const zok_tag_entry tags[] = {{"A", nullptr, ZOK_T_LONG, 0, {}}, {nullptr, nullptr, 0, 0, {}}};
+    zok_struct_def* def = host_make_struct("ONE", 16, tags, 2);
+    ASSERT_NE(def, nullptr);
+    EXPECT_EQ(host_make_struct("ONE", 16, tags, 2), def); // the same layout again is no clash
+}
+
+// ---- Every refusal, raised or recorded as a warning: its code and text, no
+// routine run, and nothing a program can observe changed.
+
+TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
+    zok::Host host;
+    define_animals(host);
+    const zok_routine_entry procs[] = {
+        {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
+        {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
+    ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
+    EXPECT_EQ(host_add_routines(procs, 0, 2), 1); // the same routines again are no clash
+    // A table of a good entry and one made from it is refused whole.
+    const zok_routine_entry good = {{return_one}, "GOOD", 0, 1, 0, nullptr};
+    auto add_pair = [&](const char* name, uint16_t min, uint16_t max, int32_t flags = 0,
+                        zok_function fn = return_one, const void* extra = nullptr) {
+        const zok_routine_entry table[] = {good, {{fn}, name, min, max, flags, extra}};
+        EXPECT_EQ(host_add_routines(table, 1, 2), 0);
+    };
+    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
+    host.add_function("PART::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
+    process(host, {}); // defines KW
+    zok::ObjectRef animal = host.new_object("ANIMAL");
+    zok_var* part_class = host_find_class("PART");
+    zok_var number{};
+    number.type = ZOK_T_LONG;
+    const uint32_t dead = host_heap_var_new(ZOK_HEAP_POINTER, &number, ZOK_HEAP_NEW_COPY, 2)->id;
+    host_heap_free(dead, 0, 0);
+    // A call block for `name` listing `argc` arguments, then `after`.
+    auto call_block = [&](const char* name, uint8_t is_function, int32_t argc, uint8_t pad,
+                          zok_var* after) {
+        std::vector<zok_var*> args(static_cast<size_t>(argc), &number);
+        args.push_back(after);
+        zok_call_block call{is_function, {0, pad},    argc,   host_lookup_name(name, 0, 1, 2, 0),
+                            nullptr,     args.data(), nullptr};
+        host_call_routine(&call);
+    };
+    const zok_tag_entry a{"A", nullptr, ZOK_T_LONG, 0, {}};
+    const zok_tag_entry parent{"P", nullptr, 0, ZOK_TAG_INHERIT, {}};
+    const zok_tag_entry end{nullptr, nullptr, 0, 0, {}};
+    auto make_struct = [](const char* name, std::vector<zok_tag_entry> tags) {
+        tags.push_back({nullptr, nullptr, 0, 0, {}});
+        EXPECT_EQ(host_make_struct(name, 16, tags.data(), 2), nullptr);
+    };
+    host_make_struct("ONE", 16, std::vector{a, end}.data(), 2);
+    const zok_message_def nameless[] = {{nullptr, "text"}};
+    auto names = [](const std::vector<zok::RoutineInfo>& routines) {
+        std::vector<std::string> out;
+        for (const zok::RoutineInfo& r : routines)
+            out.push_back(r.name);
+        return out;
+    };
+    struct Refusal {
+        int32_t code;
+        std::string text;
+        std::function<void()> call;
+    };
+    std::vector<Refusal> raised = {
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
+         [&] { host.call_procedure("TWOTHREE", {1}); }},
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 4.",
+         [&] {
+             host.call_procedure("TWOTHREE", {1, 2, 3, 4});
+         }},
+        {ZOK_ERR_NO_KEYWORDS, "Keyword EXTRA not allowed in call to: TWOTHREE.",
+         [&] {
+             host.call_procedure("TWOTHREE", {1, 2}, {{"EXTRA", 1}});
+         }},
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
+         [&] { call_block("TWOTHREE", 0, 1, 0, nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_call_routine: bad call block.",
+         [&] { call_block("TWOTHREE", 0, 2, 1, nullptr); }},
+        // The list is not closed after argc entries.
+        {ZOK_ERR_BAD_ARGUMENT, "host_call_routine: bad call block.",
+         [&] { call_block("TWOTHREE", 0, 2, 0, &number); }},
+        // A procedure is no function, by name or by handle.
+        {ZOK_ERR_UNKNOWN_ROUTINE, "Attempt to call undefined function: TAKESKW.",
+         [&] { host.call_function("TAKESKW"); }},
+        {ZOK_ERR_UNKNOWN_ROUTINE, "Attempt to call undefined function: TAKESKW.",
+         [&] { call_block("TAKESKW", 1, 0, 0, nullptr); }},
+        // A qualified call starts at a class of the object's own chain, never elsewhere.
+        {ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: ANIMAL::SPEAK.",
+         [&] { host.call_method(animal, "DOG::SPEAK"); }},
+        {ZOK_ERR_UNKNOWN_CLASS, "Class NOSUCH is not defined.", [&] { host.new_object("NOSUCH"); }},
+        // A creation whose result cannot be made makes nothing and runs no INIT.
+        {ZOK_ERR_NO_MEMORY, "Unable to allocate memory: making a temporary variable.",
+         [&] {
+             host.fail_label("(temp)");
+             host_object_new(1, &part_class, nullptr);
+         }},
+        // The text taken for a keyword before an ambiguous one goes back.
+        {ZOK_ERR_AMBIGUOUS_KEYWORD, "Ambiguous keyword abbreviation: MESS in KW.",
+         [&] {
+             process(host, {{"MESSAGESTRING", "held"}, {"MESS", 1}});
+         }},
+        {ZOK_ERR_UNKNOWN_KEYWORD, "Keyword NOSUCH not allowed in call to: KW.",
+         [&] {
+             process(host, {{"NOSUCH", 1}});
+         }},
+        {ZOK_ERR_CONVERSION, "Keyword COUNT must be a scalar LONG, got STRING (temporary) in KW.",
+         [&] {
+             process(host, {{"COUNT", "abc"}});
+         }},
+        {ZOK_ERR_CONVERSION, "Keyword HANDLER must be a scalar OBJREF, got LONG (temporary) in KW.",
+         [&] {
+             process(host, {{"HANDLER", 5}});
+         }},
+        {ZOK_ERR_CONVERSION,
+         "Keyword COUNT must be a scalar LONG, got LONG array[2] (temporary) in KW.",
+         [&] {
+             process(host, {{"COUNT", std::vector<int32_t>{1, 2}}});
+         }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_heap_var_new: kind 5 is neither pointer nor object.",
+         [&] { host_heap_var_new(5, &number, ZOK_HEAP_NEW_COPY, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_heap_var_new: mode 7 is neither copy nor move.",
+         [&] { host_heap_var_new(ZOK_HEAP_POINTER, &number, 7, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_heap_var_new: null value.",
+         [&] { host_heap_var_new(ZOK_HEAP_POINTER, nullptr, 2, 2); }},
+        {ZOK_ERR_NOT_OBJECT,
+         "host_heap_var_new: an object needs a scalar structure value, not LONG.",
+         [&] { host_heap_var_new(ZOK_HEAP_OBJECT, &number, 2, 2); }},
+        {ZOK_ERR_INVALID_POINTER, "Invalid pointer: no live heap variable has identifier 2.",
+         [&] { host_heap_free(dead, 0, 0); }},
+        {ZOK_ERR_INVALID_OBJECT,
+         "Invalid object reference: no live heap variable has identifier 2.",
+         [&] { host_object_heap_var(dead, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_lookup_name: bad arguments.",
+         [&] { host_lookup_name("X", 1, 1, 2, 0); }},
+        {ZOK_ERR_BAD_ARGUMENT, "host_struct_prepare: reserved arguments must be 0, 0, 1.",
+         [&] { host_struct_prepare("S", 0, 0, 0, 2); }},
+        {ZOK_ERR_UNKNOWN_CLASS, "host_struct_prepare: structure S is not defined.",
+         [&] { host_struct_prepare("S", 0, 0, 1, 2); }},
+        {ZOK_ERR_BAD_ARGUMENT,
+         "Cannot load module /nonexistent/libnothing.so: /nonexistent/libnothing.so: cannot open "
+         "shared object file: No such file or directory",
+         [&] { host.load_module("/nonexistent/libnothing.so"); }},
+        {ZOK_ERR_BAD_ARGUMENT, "Module libm.so.6 has no entry point ZOK_Load.",
+         [&] { host.load_module("libm.so.6"); }},
+    };
+    const std::string refused = "Structure S cannot be defined: ";
+    std::vector<Refusal> warned = {
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: routine name lower is not an upper-case routine or CLASS::METHOD "
+         "name.",
+         [&] { add_pair("lower", 0, 0); }},
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: routine name ZOKX:: is not an upper-case routine or CLASS::METHOD "
+         "name.",
+         [&] { add_pair("ZOKX::", 0, 0); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: MINMAX has minimum 2 above maximum 1.",
+         [&] { add_pair("MINMAX", 2, 1); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: FLAGS has unknown flags 0x4.",
+         [&] { add_pair("FLAGS", 0, 0, 0x4); }},
+        {ZOK_ERR_ROUTINE_TABLE,
+         "Routine table refused: ANIMAL::SPEAK clashes with a different routine of that name.",
+         [&] { add_pair("ANIMAL::SPEAK", 1, 1); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: GOOD appears twice in the table.",
+         [&] { add_pair("GOOD", 0, 1); }}, // twice in one table
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: NOENTRY has no entry point.",
+         [&] { add_pair("NOENTRY", 0, 0, 0, nullptr); }},
+        {ZOK_ERR_ROUTINE_TABLE, "Routine table refused: EXTRA has a non-null reserved field.",
+         [&] { add_pair("EXTRA", 0, 0, 0, return_one, &good); }},
+        {ZOK_ERR_INVALID_OBJECT,
+         "Invalid object reference: no live heap variable has identifier 2.",
+         [&] { EXPECT_EQ(host_object_heap_var(dead, 1), nullptr); }},
+        {ZOK_ERR_STRUCT, "Structure (unnamed) cannot be defined: it has no name.",
+         [&] { make_struct(nullptr, {a}); }},
+        {ZOK_ERR_STRUCT, refused + "it has no tags.", [&] { make_struct("S", {}); }},
+        {ZOK_ERR_STRUCT, refused + "its inheritance entry has a type.",
+         [&] {
+             make_struct("S", {{"A", nullptr, ZOK_T_LONG, ZOK_TAG_INHERIT, {}}});
+         }},
+        {ZOK_ERR_STRUCT, refused + "the inheritance entry P is not first.",
+         [&] {
+             make_struct("S", {a, parent});
+         }},
+        {ZOK_ERR_STRUCT, refused + "it inherits P, which is not defined.",
+         [&] {
+             make_struct("S", {parent, a});
+         }},
+        {ZOK_ERR_STRUCT, refused + "tag D is not a scalar.",
+         [&] {
+             make_struct("S", {{"D", &a, ZOK_T_LONG, 0, {}}});
+         }},
+        {ZOK_ERR_STRUCT, refused + "a tag has no name.",
+         [&] {
+             make_struct("S", {a, {"", nullptr, ZOK_T_LONG, 0, {}}});
+         }},
+        {ZOK_ERR_STRUCT, refused + "tag A appears twice.",
+         [&] {
+             make_struct("S", {a, a});
+         }},
+        {ZOK_ERR_STRUCT,
+         "Structure ONE cannot be defined: a structure of that name exists with another layout.",
+         [&] {
+             make_struct("ONE", {{"A", nullptr, ZOK_T_DOUBLE, 0, {}}});
+         }},
+        {ZOK_ERR_STRUCT, refused + "it has no tag table.",
+         [&] { EXPECT_EQ(host_make_struct("S", 16, nullptr, 2), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT,
+         "host_make_struct: reserved arguments must be 16 and 2, not 8 and 2.",
+         [&] { EXPECT_EQ(host_make_struct("S", 8, &a, 2), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, "Message block  refused: it needs a name and at least one message.",
+         [&] { EXPECT_EQ(host_define_message_block("", 1, nameless), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, "Message block B refused: it needs a name and at least one message.",
+         [&] { EXPECT_EQ(host_define_message_block("B", 0, nameless), nullptr); }},
+        {ZOK_ERR_BAD_ARGUMENT, "Message block B refused: message 0 has no name or text.",
+         [&] { EXPECT_EQ(host_define_message_block("B", 1, nameless), nullptr); }},
+    };
+    // Every message a module may raise through the host, under either action.
+    const std::tuple<int32_t, const char*, std::function<void(int32_t action)>> messages[] = {
+        {ZOK_MSG_TEXT, "n=4",
+         [](int32_t action) { host_message(ZOK_MSG_TEXT, action, "%s=%d", "n", 4); }},
+        {ZOK_MSG_ARG_TYPE, "Argument of the wrong type in R.",
+         [](int32_t action) { host_message(ZOK_MSG_ARG_TYPE, action, "R"); }},
+        {ZOK_MSG_WRONG_CLASS, "Argument self must be an object of class C.",
+         [](int32_t action) { host_message(ZOK_MSG_WRONG_CLASS, action, "self", "C"); }},
+        {ZOK_MSG_NOT_OBJECT, "R: the argument is not an object reference.",
+         [](int32_t action) { host_message(ZOK_MSG_NOT_OBJECT, action, "R"); }},
+    };
+    const std::pair<int32_t, const char*> plain[] = {
+        {ZOK_ERR_NOT_STRING, "String expression required."},
+        {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
+        {ZOK_ERR_NOT_OBJECT, "Object reference required."},
+        {ZOK_ERR_NOT_SIMPLE, "Expression must be a scalar."},
+        {ZOK_ERR_INVALID_OBJECT, "Invalid object reference."},
+        {ZOK_ERR_INVALID_POINTER, "Invalid pointer."},
+        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments."},
+        {ZOK_ERR_NO_KEYWORDS, "Keywords are not allowed."},
+        {ZOK_ERR_NO_MEMORY, "Unable to allocate memory."},
+        {ZOK_ERR_CONVERSION, "Value cannot be converted."},
+        {-1234, "Message -1234 raised."},
+    };
+    for (const auto& [code, text, raise] : messages) {
+        raised.push_back({code, text, [&raise] { raise(ZOK_ACTION_ERROR); }});
+        warned.push_back({code, text, [&raise] { raise(ZOK_ACTION_WARN); }});
+    }
+    for (const auto& [code, text] : plain) {
+        raised.push_back({code, text, [code] { host_message(code, ZOK_ACTION_ERROR); }});
+        warned.push_back({code, text, [code] { host_message(code, ZOK_ACTION_WARN); }});
+    }
+    for (const auto& [action, refusals] :
+         {std::pair{ZOK_ACTION_ERROR, &raised}, std::pair{ZOK_ACTION_WARN, &warned}})
+        for (const Refusal& r : *refusals) {
+            SCOPED_TRACE(r.text);
+            host.clear_messages();
+            const zok::Observation before = host.observe();
+            const int runs = g_runs;
+            const std::vector<std::string> structs = host.struct_names();
+            const std::vector<std::string> routines = names(host.routines());
+            if (action == ZOK_ACTION_ERROR)
+                expect_error(r.code, r.text, r.call);
+            else
+                r.call();
+            host.clear_faults();
+            ASSERT_EQ(host.messages().size(), 1u);
+            EXPECT_EQ(host.messages()[0].code, r.code);
+            EXPECT_EQ(host.messages()[0].action, action);
+            EXPECT_EQ(host.messages()[0].text, r.text);
+            EXPECT_EQ(zok::difference(before, host.observe()), "");
+            EXPECT_EQ(g_runs, runs);
+            EXPECT_EQ(host.struct_names(), structs);
+            EXPECT_EQ(names(host.routines()), routines);
+        }
+    EXPECT_TRUE(host.message_blocks().empty());
+    // The quiet action records nothing.
+    EXPECT_EQ(host_heap_var_new(ZOK_HEAP_OBJECT, &number, 2, ZOK_ACTION_RETURN), nullptr);
+    EXPECT_EQ(host_object_heap_var(dead, ZOK_ACTION_RETURN), nullptr);
+    EXPECT_EQ(host.messages().size(), 1u);
+    host_release_temp(part_class);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Host values: every type code, scalar or array, structures included, comes
-// back unchanged from a program variable and from a temporary; each reader
-// accepts exactly the values it can represent.
+// back unchanged from a program variable and from a temporary; each reader,
+// a call's integer reader too, accepts exactly the values it can represent.
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -23,8 +23,9 @@ struct ValueMaker {
             return Value(static_cast<float>(static_cast<int32_t>(bits)) / 64.0f);
         case ZOK_T_DOUBLE:
             return Value(std::ldexp(static_cast<double>(static_cast<int64_t>(bits)), -40));
-        case ZOK_T_STRING:
-            return Value(std::string(bits % 5, static_cast<char>('a' + bits % 26)));
+        case ZOK_T_STRING: // letters, or digits that read as a number
+            return Value(std::string(
+                bits % 5, static_cast<char>(bits & 32 ? 'a' + bits % 26 : '0' + bits % 10)));
         case ZOK_T_POINTER:
             return Value(zok::PointerRef{static_cast<uint32_t>(bits % 4)});
         case ZOK_T_OBJECT:
@@ -53,10 +54,23 @@ constexpr uint8_t kTypes[] = {ZOK_T_BYTE,   ZOK_T_SHORT,  ZOK_T_LONG,    ZOK_T_F
                               ZOK_T_STRING, ZOK_T_STRUCT, ZOK_T_POINTER, ZOK_T_OBJECT, ZOK_T_USHORT,
                               ZOK_T_ULONG,  ZOK_T_LONG64, ZOK_T_ULONG64};
 
+// The integer reader of a call, too, reads and refuses as a reading through a
+// Value does.
 TEST(HostValues, EveryShapeComesBackUnchanged) {
     zok::Host host;
     host.define_struct("BASE", {{"A", ZOK_T_LONG}, {"S", ZOK_T_STRING}});
     host.define_struct("LEAF", {{"D", ZOK_T_DOUBLE}, {"P", ZOK_T_POINTER}}, "BASE");
+    host.add_function("AGREES", 1, 1, [](zok::Call& c) {
+        auto read = [](auto how) {
+            try {
+                return std::to_string(how());
+            } catch (const zok::Error& e) {
+                return std::to_string(e.code()) + " " + e.text();
+            }
+        };
+        return zok::Value(
+            read([&] { return c.integer(0); }) == read([&] { return c.arg(0).as_int(); }) ? 1 : 0);
+    });
     std::mt19937_64 rng(test_seed());
     ValueMaker make{rng};
     for (int i = 0; i < 3000; ++i) {
@@ -67,6 +81,7 @@ TEST(HostValues, EveryShapeComesBackUnchanged) {
         zok_var* temp = host.make_temp(v);
         ASSERT_EQ(host.read(*temp), v);
         host_release_temp(temp);
+        ASSERT_TRUE(host.call_function("AGREES", {v}).as_int());
     }
     host.erase_var("v");
     EXPECT_EQ(host.live_texts(), 0u);
