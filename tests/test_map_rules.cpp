@@ -42,13 +42,13 @@ TEST_F(Rules, SearchAndInsertAtTheEdges) {
     EXPECT_TRUE(found);
     RbNode* two = flux::map_rb_find_ikey(head, 2);
     EXPECT_EQ(flux::map_rb_insert_b(two, 2, 0)->left, two);
-    EXPECT_EQ(tree.keys(), (std::vector<int64_t>{1, 2, 2, 3}));
+    EXPECT_EQ(keys(tree), (std::vector<int64_t>{1, 2, 2, 3}));
     EXPECT_EQ(tree.check(), "");
     flux::map_rb_delete_node(two);
     tree.free();
     EXPECT_EQ(host.frees("map_rb_delete_node"), nodes_for(4) - 1) << "all but the head";
     EXPECT_EQ(host.frees("map_rb_free_tree"), 1u);
-    EXPECT_EQ(plain_blocks() + heap_vars(), 0u);
+    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
 }
 
 // An empty map is its own first and last entry; null maps and entries are harmless,
@@ -68,12 +68,12 @@ TEST_F(Rules, EmptyAndNullMaps) {
     EXPECT_EQ(flux::map_node_key(nullptr) + flux::map_node_value(nullptr), 0u);
     flux::map_remove_node(nullptr);
     flux::map_free(nullptr);
-    EXPECT_EQ(heap_vars() + plain_blocks(), 0u);
+    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
 }
 
 // Each misuse raises its text and, when the error returns, goes on as documented.
 TEST_F(Rules, MisuseIsReportedAndHarmless) {
-    Rb tree{1, 2, 3, 4};
+    auto tree = tree_of<Rb>({1, 2, 3, 4});
     RbNode* head = tree.head;
     RbNode* leaf = head->left;
     RbNode* inner = head->parent;
@@ -98,9 +98,9 @@ TEST_F(Rules, MisuseIsReportedAndHarmless) {
                                        "ERROR: map_rb_free_tree called on a non-head node",
                                    }));
     EXPECT_EQ(tree.check(), "");
-    EXPECT_EQ(tree.keys(), (std::vector<int64_t>{1, 2, 3, 4}));
+    EXPECT_EQ(keys(tree), (std::vector<int64_t>{1, 2, 3, 4}));
 
-    Rbh rbh{1, 2, 3, 4};
+    auto rbh = tree_of<Rbh>({1, 2, 3, 4});
     const uint32_t map = rbh.head;
     uint32_t hleaf = flux::maph_first(map);
     uint32_t hinner = flux::map_rbh_node(map)->parent;
@@ -122,7 +122,7 @@ TEST_F(Rules, MisuseIsReportedAndHarmless) {
                   "ERROR: map_rbh_free_tree called on a non-head node",
               }));
     EXPECT_EQ(rbh.check(), "");
-    EXPECT_EQ(rbh.keys(), (std::vector<int64_t>{1, 2, 3, 4}));
+    EXPECT_EQ(keys(rbh), (std::vector<int64_t>{1, 2, 3, 4}));
 
     // Raised for real, the error ends the call with the same text.
     host.set_errors_return(false);
@@ -139,22 +139,21 @@ TEST_F(Rules, MisuseIsReportedAndHarmless) {
 template <class Tree>
 void sweep_insert_and_put() {
     zok::Host& host = zok::Host::current();
-    const std::vector<int64_t> keys = {10, 20, 30, 40};
     for (bool put : {false, true}) {
         for (int64_t key : {25, 50, 20}) {
             if (!put && key == 20)
                 continue;
             for (uint64_t nth = 1;; ++nth) {
-                Tree tree{10, 20, 30, 40};
+                auto tree = tree_of<Tree>({10, 20, 30, 40});
                 const size_t nodes = Tree::nodes();
                 host.fail_allocation(nth);
                 const bool made = put ? tree.put(key) : tree.insert(key);
                 host.clear_faults();
                 if (!made) {
                     const bool lost = put && key == 20;
-                    std::vector<int64_t> left = keys;
+                    std::vector<int64_t> left = {10, 20, 30, 40};
                     std::erase(left, lost ? 20 : 0);
-                    EXPECT_EQ(tree.keys(), left) << key << " at allocation " << nth;
+                    EXPECT_EQ(keys(tree), left) << key << " at allocation " << nth;
                     EXPECT_EQ(tree.check(), "");
                     EXPECT_EQ(Tree::nodes(), nodes - (lost ? 2 : 0));
                     EXPECT_EQ(host.live_temps(), 0u);
@@ -189,7 +188,7 @@ TEST_F(Rules, AllocationFailuresInInsertAndPut) {
 // The checker is only worth its runs if it sees damage: each fault below is made, found
 // and undone on a sound tree.
 TEST_F(Rules, CheckerFindsEveryKindOfDamage) {
-    Rb tree{5, 1, 9, 3, 7, 2, 8, 4, 6};
+    auto tree = tree_of<Rb>({5, 1, 9, 3, 7, 2, 8, 4, 6});
     RbNode* head = tree.head;
     ASSERT_EQ(tree.check(), "");
     RbNode* root = head->parent;
@@ -220,7 +219,7 @@ TEST_F(Rules, CheckerFindsEveryKindOfDamage) {
     EXPECT_EQ(flux::map_rb_check(head, nullptr), "");
     tree.free();
 
-    Rbh rbh{5, 1, 9, 3};
+    auto rbh = tree_of<Rbh>({5, 1, 9, 3});
     flux::RbhNodeData* node = flux::map_rbh_node(flux::maph_first(rbh.head));
     node->status[0] = 2;
     EXPECT_NE(rbh.check(), "");
