@@ -55,24 +55,16 @@ struct Rb {
         return kind == key ? string_order : kind == ikey ? int_order : by_residue<Word>;
     }
     Entry find_n(Word k, bool& found) const {
-        switch (kind) {
-        case key:
-            return flux::map_rb_find_key_n(head, reinterpret_cast<const char*>(k), found);
-        case ikey:
-            return flux::map_rb_find_ikey_n(head, static_cast<int32_t>(k), found);
-        default:
-            return flux::map_rb_find_gkey_n(head, k, order(), found);
-        }
+        const auto text = reinterpret_cast<const char*>(k);
+        return kind == key    ? flux::map_rb_find_key_n(head, text, found)
+               : kind == ikey ? flux::map_rb_find_ikey_n(head, static_cast<int32_t>(k), found)
+                              : flux::map_rb_find_gkey_n(head, k, order(), found);
     }
     Entry insert(Word k, Word v = 0) {
-        switch (kind) {
-        case key:
-            return flux::map_insert_key(head, reinterpret_cast<const char*>(k), v);
-        case ikey:
-            return flux::map_insert_ikey(head, static_cast<int32_t>(k), v);
-        default:
-            return flux::map_insert_gkey(head, k, v, order());
-        }
+        const auto text = reinterpret_cast<const char*>(k);
+        return kind == key    ? flux::map_insert_key(head, text, v)
+               : kind == ikey ? flux::map_insert_ikey(head, static_cast<int32_t>(k), v)
+                              : flux::map_insert_gkey(head, k, v, order());
     }
     Entry put(Word k, Word v = 0) { return flux::map_put(head, k, v, order()); }
     static Entry insert_after(Entry e, Word k, Word v) { return flux::map_insert_after(e, k, v); }
@@ -156,7 +148,17 @@ std::vector<int64_t> keys(const Tree& tree) {
     return out;
 }
 
-enum class TreeOp { put, insert, insert_after, failing_insert, find, remove, walk, count };
+enum class TreeOp {
+    put,
+    failing_put,
+    insert,
+    insert_after,
+    failing_insert,
+    find,
+    remove,
+    walk,
+    count
+};
 
 template <class Tree>
 class TreeDriver {
@@ -169,131 +171,100 @@ public:
         : t_(tree), word_(std::move(word)), base_(Tree::nodes() - nodes_for(0)),
           model_([order = tree.order()](Word a, Word b) { return order(a, b) < 0; }) {}
 
-    // One operation on key number i, then the whole tree against the model: its checker,
-    // its count and its live nodes.  `extra` picks the allocation a failing insert fails.
+    // A find of key number i, then the operation on it, then the whole tree against the
+    // model: its checker, its count and its live nodes.  `extra` picks the allocation a
+    // failing insert fails.  The first fault found, with the tree's dump, or "".
     std::string step(TreeOp op, uint32_t i, uint32_t extra) {
         const Word k = word_(i);
         const Word v = ++serial_;
-        std::string fault;
-        switch (op) {
-        case TreeOp::put:
-            fault = put(k, v);
-            break;
-        case TreeOp::insert:
-        case TreeOp::insert_after:
-        case TreeOp::failing_insert:
-            fault = insert(op, k, v, extra);
-            break;
-        case TreeOp::find:
-            fault = find(k);
-            break;
-        case TreeOp::remove:
-            fault = remove(k);
-            break;
-        default:
-            fault = walk();
-            break;
+        bool found;
+        const Entry at = t_.find_n(k, found);
+        auto& values = model_[k];
+        expect(!found || t_.order()(Tree::key_of(at), k) == 0, "the entry found has another key");
+        expect(found != values.empty(), "find disagrees with the model");
+        expect(!found || values.count(Tree::value_of(at)) == 1,
+               "find gives a value the model lacks");
+        const bool put = op == TreeOp::put || op == TreeOp::failing_put;
+        if ((put || op == TreeOp::remove) && found) {
+            values.erase(Tree::value_of(at));
+            --size_;
         }
-        if (fault.empty())
-            fault = t_.check();
-        if (fault.empty() && t_.count() != size_)
-            fault = "the count differs from the model";
-        if (fault.empty() && Tree::nodes() - base_ != nodes_for(size_))
-            fault = "nodes leaked or lost";
-        return fault.empty() ? "" : fault + "\n" + t_.dump();
+        // A put that fails has already removed the entry it replaces.
+        if (put) {
+            const Entry e =
+                op == TreeOp::put ? t_.put(k, v) : failing([&] { return t_.put(k, v); }, extra);
+            if (e || op == TreeOp::put)
+                record(e, k, v);
+        } else if (op == TreeOp::remove && found)
+            Tree::remove(at);
+        else if (op == TreeOp::walk)
+            walk();
+        else if (op != TreeOp::find && op != TreeOp::remove)
+            insert(op, k, v, found ? at : Entry{}, extra);
+        if (fault_.empty())
+            fault_ = t_.check();
+        expect(t_.count() == size_, "the count differs from the model");
+        expect(Tree::nodes() - base_ == nodes_for(size_), "nodes leaked or lost");
+        return fault_.empty() ? "" : fault_ + "\n" + t_.dump();
     }
 
     // A last walk, then the tree freed whole.
     std::string finish() {
-        std::string fault = walk();
+        walk();
         t_.free();
-        if (Tree::nodes() != base_)
-            fault += "freeing the tree left nodes behind";
-        return fault;
+        expect(Tree::nodes() == base_, "freeing the tree left nodes behind");
+        return fault_;
     }
 
     std::string outline() const { return t_.outline(); }
 
 private:
-    using Model = std::map<Word, std::multiset<Word>, std::function<bool(Word, Word)>>;
-
-    // The value the tree holds for k, with a fault if the entry found has another key.
-    std::pair<bool, Word> probe(Word k, std::string& fault) {
-        bool found;
-        Entry at = t_.find_n(k, found);
-        if (found && t_.order()(Tree::key_of(at), k) != 0)
-            fault = "the entry found has another key";
-        return {found, found ? Tree::value_of(at) : 0};
+    void expect(bool holds, const std::string& fault) {
+        if (!holds && fault_.empty())
+            fault_ = fault;
     }
 
-    std::string put(Word k, Word v) {
-        std::string fault;
-        const auto [replaces, old] = probe(k, fault);
-        Entry e = t_.put(k, v);
-        if (Tree::key_of(e) != k || Tree::value_of(e) != v)
-            return "put gave another entry";
-        if (replaces && model_[k].erase(old) != 1)
-            return "put replaced a value the model lacks";
-        size_ -= replaces;
+    void record(Entry e, Word k, Word v) {
+        expect(e && Tree::key_of(e) == k && Tree::value_of(e) == v, "the tree gave another entry");
         model_[k].insert(v);
         ++size_;
-        return fault;
     }
 
-    // Inserts an equal key too: after the entry found, or through the kind's insert, first
-    // with a failing allocation, which must change nothing.
-    std::string insert(TreeOp op, Word k, Word v, uint32_t extra) {
+    // f() with one of its first allocations failing: null or 0, or the host's error.
+    template <class F>
+    Entry failing(F f, uint32_t extra) {
+        Entry e{};
+        zok::Host& host = zok::Host::current();
+        host.fail_allocation(1 + extra % 3);
+        try {
+            e = f();
+        } catch (const zok::Error& error) {
+            if (error.code() != ZOK_ERR_NO_MEMORY)
+                throw;
+        }
+        host.clear_faults();
+        expect(e || host.live_temps() == 0, "a failed call kept temporaries");
+        return e;
+    }
+
+    // An equal key may go in too: after the entry found, or through the kind's insert,
+    // first with a failing allocation, which must change nothing.
+    void insert(TreeOp op, Word k, Word v, Entry found, uint32_t extra) {
         Entry e{};
         if (op == TreeOp::failing_insert) {
             const std::string before = t_.outline();
-            zok::Host::current().fail_allocation(1 + extra % 3);
-            try {
-                e = t_.insert(k, v);
-            } catch (const zok::Error& error) {
-                if (error.code() != ZOK_ERR_NO_MEMORY)
-                    throw;
-            }
-            zok::Host::current().clear_faults();
-            if (!e && (t_.outline() != before || zok::Host::current().live_temps() != 0))
-                return "a failed insertion changed the tree";
+            e = failing([&] { return t_.insert(k, v); }, extra);
+            expect(e || t_.outline() == before, "a failed insertion changed the tree");
         }
-        bool found;
-        Entry at = t_.find_n(k, found);
         if (!e)
-            e = found && op == TreeOp::insert_after ? Tree::insert_after(at, k, v)
+            e = found && op == TreeOp::insert_after ? Tree::insert_after(found, k, v)
                                                     : t_.insert(k, v);
-        if (Tree::value_of(e) != v)
-            return "the insertion gave another entry";
-        model_[k].insert(v);
-        ++size_;
-        return "";
-    }
-
-    std::string find(Word k) {
-        std::string fault;
-        const auto [found, held] = probe(k, fault);
-        auto it = model_.find(k);
-        if (found != (it != model_.end() && !it->second.empty()))
-            return "find disagrees with the model";
-        if (found && it->second.count(held) != 1)
-            return "find gives a value the model lacks";
-        return fault;
-    }
-
-    std::string remove(Word k) {
-        bool found;
-        Entry at = t_.find_n(k, found);
-        if (!found)
-            return "";
-        if (model_[k].erase(Tree::value_of(at)) != 1)
-            return "removing a value the model lacks";
-        Tree::remove(at);
-        --size_;
-        return "";
+        record(e, k, v);
     }
 
     // The ring lists the model's entries in key order, equal keys side by side.
-    std::string walk() {
+    void walk() {
+        using Model = decltype(model_);
         Model seen(model_.key_comp());
         size_t runs = 0;
         for (Entry e = t_.first(), prev = t_.head; e != t_.head; prev = e, e = Tree::next(e)) {
@@ -301,17 +272,17 @@ private:
             seen[Tree::key_of(e)].insert(Tree::value_of(e));
         }
         std::erase_if(model_, [](const auto& entry) { return entry.second.empty(); });
-        if (seen != model_)
-            return "the ring differs from the model";
-        return runs == model_.size() ? "" : "equal keys are not side by side in the ring";
+        expect(seen == model_, "the ring differs from the model");
+        expect(runs == model_.size(), "equal keys are not side by side in the ring");
     }
 
     Tree t_;
     std::function<Word(uint32_t)> word_;
     size_t base_;
-    Model model_;
+    std::map<Word, std::multiset<Word>, std::function<bool(Word, Word)>> model_;
     size_t size_ = 0;
     Word serial_ = 0;
+    std::string fault_;
 };
 
 } // namespace maptest
