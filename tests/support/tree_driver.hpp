@@ -182,6 +182,8 @@ public:
         auto& values = model_[k];
         expect(!found || t_.order()(Tree::key_of(at), k) == 0, "the entry found has another key");
         expect(found != values.empty(), "find disagrees with the model");
+        expect(found || at == t_.head || t_.order()(k, Tree::key_of(at)) < 0,
+               "a miss gives no place before a greater key");
         expect(!found || values.count(Tree::value_of(at)) == 1,
                "find gives a value the model lacks");
         const bool put = op == TreeOp::put || op == TreeOp::failing_put;
