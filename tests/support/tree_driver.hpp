@@ -258,10 +258,11 @@ private:
             e = failing([&] { return t_.insert(k, v); }, extra);
             expect(e || t_.outline() == before, "a failed insertion changed the tree");
         }
-        if (!e)
-            e = found && op == TreeOp::insert_after ? Tree::insert_after(found, k, v)
-                                                    : t_.insert(k, v);
-        record(e, k, v);
+        if (!e && found && op == TreeOp::insert_after) {
+            e = Tree::insert_after(found, k, v);
+            expect(Tree::next(found) == e, "the entry went elsewhere than after the one found");
+        }
+        record(e ? e : t_.insert(k, v), k, v);
     }
 
     // The ring lists the model's entries in key order, equal keys side by side.

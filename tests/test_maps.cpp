@@ -1,19 +1,94 @@
-// The exact shapes that both trees grow: fixed sequences of inserts and deletes that
-// pass through every insertion fix-up and every deletion case, each side, checked
-// step by step against shapes worked out by hand; the states that only broken colours
-// reach; and the two text dumps, line by line.
+// The trees.  Both variants against a model over thousands of random operations, with
+// the driver the map fuzz target runs too; the exact shapes they grow, step by step
+// through every fix-up case; and what the random run reaches seldom or never: the states
+// only broken colours reach, misuse, null maps, trees that cannot be made, the checker's
+// eye for damage, and the dumps.
+#include <array>
 #include <cstdio>
+#include <deque>
+#include <random>
+#include <set>
 #include <sstream>
 #include <vector>
 
-#include "support/map_testing.hpp"
+#include "support/testing.hpp"
+#include "support/tree_driver.hpp"
 
 namespace {
 
 using flux::RbNode;
+using flux::RbWord;
 using namespace maptest;
 
-class Shapes : public TreeTest {};
+class Trees : public ::testing::Test {
+protected:
+    Trees() { flux::define_structures(); }
+    zok::Host host;
+};
+
+// The texts of the error messages raised and returned since the last call, each checked
+// to be the host's text message.
+std::vector<std::string> raised_errors(zok::Host& host) {
+    std::vector<std::string> texts;
+    for (const zok::Message& m : host.messages()) {
+        EXPECT_EQ(m.code, ZOK_MSG_TEXT);
+        EXPECT_EQ(m.action, ZOK_ACTION_ERROR);
+        texts.push_back(m.text);
+    }
+    host.clear_messages();
+    return texts;
+}
+
+std::string hex(uint32_t id) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%x", id);
+    return text;
+}
+
+// Phases of growth, churn and draining over key ranges of several sizes.
+template <class... Drivers>
+void run(uint32_t seed, Drivers&&... drivers) {
+    std::mt19937 rng(seed);
+    uint32_t keys = 8;
+    uint32_t puts = 20;
+    for (int step = 0; step < 10000; ++step) {
+        if (step % 1000 == 0) {
+            keys = std::array{8u, 100u, 3000u}[rng() % 3];
+            puts = std::array{20u, 45u, 70u}[rng() % 3];
+        }
+        const uint32_t roll = rng() % 100;
+        const TreeOp op = roll < puts        ? TreeOp::put
+                          : roll < puts + 8  ? std::array{TreeOp::insert, TreeOp::insert_after,
+                                                         TreeOp::failing_insert}[roll % 3]
+                          : roll < puts + 25 ? TreeOp::find
+                          : roll < 99        ? TreeOp::remove
+                                             : TreeOp::walk;
+        const uint32_t key = rng() % keys;
+        const uint32_t extra = rng();
+        ASSERT_EQ((drivers.step(op, key, extra) + ...), "") << "step " << step;
+        // Comparing whole outlines is slow; a shape once apart stays apart.
+        if (sizeof...(drivers) > 1 && step % 256 == 0) {
+            ASSERT_EQ(std::set{drivers.outline()...}.size(), 1u) << "the variants differ in shape";
+        }
+    }
+    EXPECT_EQ((drivers.finish() + ...), "");
+}
+
+TEST_F(Trees, EveryKeyKindMatchesTheModel) {
+    const uint32_t seed = test_seed();
+    std::deque<std::string> texts;
+    auto text_key = [&](uint32_t i) {
+        while (texts.size() <= i)
+            texts.push_back(std::to_string(texts.size() * 7));
+        return reinterpret_cast<flux::RbWord>(texts[i].c_str());
+    };
+    auto scattered = [](uint32_t i) { return i * 2654435761u; };
+    auto plain = [](uint32_t i) { return i; };
+    run(seed, TreeDriver<Rb>({Rb::key}, text_key));
+    run(seed + 1, TreeDriver<Rb>({Rb::ikey}, scattered));
+    run(seed + 2, TreeDriver<Rbh>({Rbh::key}, scattered));
+    run(seed + 3, TreeDriver<Rb>({Rb::gkey}, plain), TreeDriver<Rbh>({Rbh::gkey}, plain));
+}
 
 // An outline on one line: a leaf is its key, an internal node its colour and its two
 // children, as in "B(10 R(20 30))"; the empty tree is "".
@@ -164,7 +239,7 @@ void grow_every_sequence() {
     EXPECT_EQ(Tree::nodes(), 0u);
 }
 
-TEST_F(Shapes, BothVariantsGrowTheGoldenShapes) {
+TEST_F(Trees, BothVariantsGrowTheGoldenShapes) {
     grow_every_sequence<Rb>();
     grow_every_sequence<Rbh>();
 }
@@ -207,7 +282,7 @@ void report_broken_colours(zok::Host& host) {
     EXPECT_EQ(Tree::nodes(), 0u);
 }
 
-TEST_F(Shapes, BothVariantsReportBrokenColours) {
+TEST_F(Trees, BothVariantsReportBrokenColours) {
     report_broken_colours<Rb>(host);
     report_broken_colours<Rbh>(host);
 }
@@ -224,7 +299,7 @@ unsigned long long at(const RbNode* n) {
     return reinterpret_cast<std::uintptr_t>(n);
 }
 
-TEST_F(Shapes, RbDumpFollowsItsFormat) {
+TEST_F(Trees, RbDumpFollowsItsFormat) {
     Rb tree;
     EXPECT_EQ(flux::map_rb_dump(tree.head), line("tree 0x%llx is empty\n", at(tree.head)));
     for (const char* k : {"a", "b", "c"})
@@ -246,7 +321,7 @@ TEST_F(Shapes, RbDumpFollowsItsFormat) {
     tree.free();
 }
 
-TEST_F(Shapes, RbhDumpFollowsItsFormat) {
+TEST_F(Trees, RbhDumpFollowsItsFormat) {
     Rbh tree;
     const uint32_t h = tree.head;
     EXPECT_EQ(flux::map_rbh_dump(h), line("tree 0x%x is empty\n", h));
@@ -279,6 +354,162 @@ TEST_F(Shapes, RbhDumpFollowsItsFormat) {
     EXPECT_EQ(count("shape=box"), 3u);
     EXPECT_EQ(dot.rfind("}\n"), dot.size() - 2);
     tree.free();
+}
+
+// An empty map is its own first and last entry; null maps and entries are harmless,
+// whichever routine meets them.
+TEST_F(Trees, EmptyAndNullMaps) {
+    const uint32_t map = flux::maph_new();
+    EXPECT_TRUE(flux::maph_is_empty(map));
+    EXPECT_EQ(flux::maph_first(map), map);
+    EXPECT_EQ(flux::maph_last(map), map);
+    flux::maph_free(map);
+    EXPECT_EQ(flux::maph_find(0, 7, unsigned_order) + flux::maph_node_key(0) +
+                  flux::maph_node_value(0),
+              0u);
+    flux::maph_remove_node(0);
+    flux::maph_free(0);
+    EXPECT_EQ(flux::map_find(nullptr, 7, int_order), nullptr);
+    EXPECT_EQ(flux::map_node_key(nullptr) + flux::map_node_value(nullptr), 0u);
+    flux::map_remove_node(nullptr);
+    flux::map_free(nullptr);
+    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
+}
+
+// Each misuse raises its text and, when the error returns, goes on as documented.
+TEST_F(Trees, MisuseIsReportedAndHarmless) {
+    auto tree = tree_of<Rb>({1, 2, 3, 4});
+    RbNode* head = tree.head;
+    RbNode* leaf = head->left;
+    RbNode* inner = head->parent;
+    host.set_errors_return(true);
+    bool found;
+    flux::map_rb_find_key_n(leaf, "1", found);
+    flux::map_rb_find_ikey_n(leaf, 1, found);
+    flux::map_rb_find_gkey_n(inner, 1, int_order, found);
+    flux::map_rb_delete_node(inner);
+    flux::map_rb_delete_node(head);
+    EXPECT_EQ(flux::map_rb_nblack(inner), 1) << "the black root counts";
+    EXPECT_EQ(flux::map_rb_plength(head), 0);
+    flux::map_rb_free_tree(leaf);
+    EXPECT_EQ(raised_errors(host), (std::vector<std::string>{
+                                       "map_rb_find_key_n called on non-head",
+                                       "map_rb_find_ikey_n called on non-head",
+                                       "map_rb_find_gkey_n called on non-head",
+                                       "Cannot delete an internal node.",
+                                       "Cannot delete an the head of a map_rb_tree.",
+                                       "ERROR: map_rb_nblack called on a non-external node",
+                                       "ERROR: map_rb_map_rb_plength called on a non-external node",
+                                       "ERROR: map_rb_free_tree called on a non-head node",
+                                   }));
+    EXPECT_EQ(tree.check(), "");
+    EXPECT_EQ(keys(tree), (std::vector<int64_t>{1, 2, 3, 4}));
+
+    auto rbh = tree_of<Rbh>({1, 2, 3, 4});
+    const uint32_t map = rbh.head;
+    uint32_t hleaf = flux::maph_first(map);
+    uint32_t hinner = flux::map_rbh_node(map)->parent;
+    flux::map_rbh_find_key_n(hleaf, 1, found);
+    flux::map_rbh_find_gkey_n(hleaf, 1, unsigned_order, found);
+    flux::map_rbh_delete_node(hinner);
+    flux::map_rbh_delete_node(map);
+    flux::map_rbh_nblack(hinner);
+    flux::map_rbh_plength(map);
+    flux::map_rbh_free_tree(hleaf);
+    EXPECT_EQ(raised_errors(host),
+              (std::vector<std::string>{
+                  "map_rbh_find_key_n called on non-head " + hex(hleaf),
+                  "map_rbh_find_gkey_n called on non-head",
+                  "Cannot delete an internal node: " + hex(hinner),
+                  "Cannot delete the head of an map_rbh_tree: " + hex(map),
+                  "ERROR: map_rbh_nblack called on a non-external node " + hex(hinner),
+                  "ERROR: map_rbh_plength called on a non-external node " + hex(map),
+                  "ERROR: map_rbh_free_tree called on a non-head node",
+              }));
+    EXPECT_EQ(rbh.check(), "");
+    EXPECT_EQ(keys(rbh), (std::vector<int64_t>{1, 2, 3, 4}));
+
+    // Raised for real, the error ends the call with the same text.
+    host.set_errors_return(false);
+    expect_error(ZOK_MSG_TEXT, "Cannot delete the head of an map_rbh_tree: " + hex(map),
+                 [&] { flux::map_rbh_delete_node(map); });
+    tree.free();
+    rbh.free();
+}
+
+// A tree that cannot be made is null or 0 and leaves nothing behind.  (Insertions and
+// puts meet failing allocations in the randomized tree test.)
+template <class Tree>
+void fail_to_make() {
+    zok::Host& host = zok::Host::current();
+    for (uint64_t nth = 1;; ++nth) {
+        host.fail_allocation(nth);
+        Tree tree;
+        host.clear_faults();
+        if (tree.head) {
+            tree.free();
+            break;
+        }
+        ASSERT_EQ(Tree::nodes() + host.live_temps(), 0u);
+    }
+}
+
+// Nodes go back under the names of the routines that free them.
+TEST_F(Trees, TreesThatCannotBeMadeAndTheNamesOfFrees) {
+    auto tree = tree_of<Rb>({1, 2});
+    host.fail_allocation(2);
+    EXPECT_EQ(tree.insert(3), nullptr);
+    host.clear_faults();
+    EXPECT_EQ(host.frees("map_rb_insert_b"), 1u) << "the leaf made for nothing";
+    tree.free();
+    EXPECT_EQ(host.frees("map_rb_delete_node"), nodes_for(2) - 1) << "all but the head";
+    EXPECT_EQ(host.frees("map_rb_free_tree"), 1u);
+    fail_to_make<Rb>();
+    fail_to_make<Rbh>();
+    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
+}
+
+// The checker is only worth its runs if it sees damage: each fault below is made, found
+// and undone on a sound tree.
+TEST_F(Trees, CheckerFindsEveryKindOfDamage) {
+    auto tree = tree_of<Rb>({5, 1, 9, 3, 7, 2, 8, 4, 6});
+    RbNode* head = tree.head;
+    ASSERT_EQ(tree.check(), "");
+    RbNode* root = head->parent;
+    RbNode* leaf = flux::map_rb_find_ikey(head, 4);
+    auto damaged = [&](const char* what, auto&& field, auto bad) {
+        auto good = field;
+        field = bad;
+        EXPECT_NE(tree.check(), "") << what << " went unnoticed";
+        field = good;
+    };
+    damaged("a red leaf", leaf->status, leaf->status | 1u);
+    damaged("a lost root flag", root->status, root->status & ~8u);
+    damaged("a flipped side flag", leaf->status, leaf->status ^ 4u);
+    damaged("a stray flag", leaf->status, leaf->status | 64u);
+    damaged("a wrong parent", leaf->parent, head);
+    damaged("a wrong routing word", root->key, reinterpret_cast<RbWord>(head->right));
+    damaged("a skipped ring link", leaf->left, leaf->left->left);
+    damaged("a broken back link", leaf->right, head);
+    damaged("leaves out of order", leaf->key, RbWord{100});
+    damaged("a shared child", root->left, root->right);
+    damaged("unequal black heights", root->left->status, root->left->status ^ 1u);
+    damaged("a head without its flag", head->status, head->status & ~16u);
+    damaged("a head with a key", head->key, RbWord{1});
+    damaged("a head flag in the tree", leaf->status, leaf->status | 16u);
+    damaged("a second root", leaf->status, leaf->status | 8u);
+    damaged("a child link to the head", root->left, head);
+    damaged("a child link to no node", root->right, nullptr);
+    EXPECT_EQ(flux::map_rb_check(head, nullptr), "");
+    tree.free();
+
+    auto rbh = tree_of<Rbh>({5, 1, 9, 3});
+    flux::RbhNodeData* node = flux::map_rbh_node(flux::maph_first(rbh.head));
+    node->status[0] = 2;
+    EXPECT_NE(rbh.check(), "");
+    node->status[0] = 0;
+    EXPECT_EQ(rbh.check(), "");
+    rbh.free();
 }
 
 } // namespace
