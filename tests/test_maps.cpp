@@ -212,14 +212,6 @@ const Sequence sequences[] = {
 };
 
 template <class Tree>
-void erase(Tree& tree, int32_t key) {
-    bool found;
-    auto leaf = tree.find_n(key, found);
-    ASSERT_TRUE(found) << key;
-    Tree::remove(leaf);
-}
-
-template <class Tree>
 void grow_every_sequence() {
     for (size_t s = 0; s < std::size(sequences); ++s) {
         Tree tree;
@@ -227,10 +219,11 @@ void grow_every_sequence() {
         steps.insert(steps.end(), sequences[s].steps.begin(), sequences[s].steps.end());
         for (const Step& step : steps) {
             SCOPED_TRACE("sequence " + std::to_string(s) + ", step " + std::to_string(step.key));
+            bool found;
             if (step.key > 0)
                 tree.insert(step.key);
             else
-                erase(tree, -step.key);
+                Tree::remove(tree.find_n(-step.key, found));
             ASSERT_EQ(shape(tree.outline()), step.shape) << tree.outline();
             ASSERT_EQ(tree.check(), "");
         }
@@ -274,7 +267,8 @@ void report_broken_colours(zok::Host& host) {
         for (const auto& [path, red] : c.paint)
             tree.paint(path, red);
         host.clear_messages();
-        erase(tree, c.erased);
+        bool found;
+        Tree::remove(tree.find_n(c.erased, found));
         ASSERT_EQ(raised_errors(host), std::vector<std::string>{c.message});
         EXPECT_EQ(shape(tree.outline()), c.shape);
         tree.free();
