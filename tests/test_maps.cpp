@@ -6,7 +6,9 @@
 #include <array>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <random>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -281,59 +283,48 @@ TEST_F(Trees, BothVariantsReportBrokenColours) {
     report_broken_colours<Rbh>(host);
 }
 
-template <class... T>
-std::string line(const char* format, T... values) {
-    char text[200];
-    std::snprintf(text, sizeof text, format, values...);
-    return text;
+// A dump with each address replaced by @ and the order of its first appearance.
+std::string numbered(const std::string& dump) {
+    std::map<std::string, size_t> seen;
+    std::string out;
+    const std::regex address("0x[0-9a-f]+");
+    auto at = dump.cbegin();
+    for (std::sregex_iterator m(dump.begin(), dump.end(), address), end; m != end; ++m) {
+        out.append(at, (*m)[0].first);
+        out += "@" + std::to_string(seen.emplace(m->str(), seen.size()).first->second);
+        at = (*m)[0].second;
+    }
+    return out.append(at, dump.cend());
 }
 
-// Addresses print in full.
-unsigned long long at(const RbNode* n) {
-    return reinterpret_cast<std::uintptr_t>(n);
-}
-
-TEST_F(Trees, RbDumpFollowsItsFormat) {
+// The empty trees name their heads in full.
+TEST_F(Trees, DumpsFollowTheirFormats) {
     Rb tree;
-    EXPECT_EQ(flux::map_rb_dump(tree.head), line("tree 0x%llx is empty\n", at(tree.head)));
+    char empty[64];
+    std::snprintf(empty, sizeof empty, "tree %p is empty\n", static_cast<void*>(tree.head));
+    EXPECT_EQ(flux::map_rb_dump(tree.head), empty);
     for (const char* k : {"a", "b", "c"})
         flux::map_insert_key(tree.head, k, 0);
-    const RbNode* root = tree.head->parent;
-    const RbNode* a = tree.head->left;
-    const RbNode* inner = root->right;
-    const RbNode* b = inner->left;
-    const RbNode* c = inner->right;
-    EXPECT_EQ(flux::map_rb_dump(tree.head),
-              line("Head: 0x%llx.  Root = 0x%llx\n", at(tree.head), at(root)) +
-                  line("Int node 0x%llx: B,T: l=0x%llx, r=0x%llx, p=0x%llx, lr=(a,b)\n", at(root),
-                       at(a), at(inner), at(tree.head)) +
-                  line("Ext node 0x%llx: B,L: p=0x%llx, k=a\n", at(a), at(root)) +
-                  line("Int node 0x%llx: R,R: l=0x%llx, r=0x%llx, p=0x%llx, lr=(b,c)\n", at(inner),
-                       at(b), at(c), at(root)) +
-                  line("Ext node 0x%llx: B,L: p=0x%llx, k=b\n", at(b), at(inner)) +
-                  line("Ext node 0x%llx: B,R: p=0x%llx, k=c\n", at(c), at(inner)));
+    EXPECT_EQ(numbered(flux::map_rb_dump(tree.head)),
+              "Head: @0.  Root = @1\n"
+              "Int node @1: B,T: l=@2, r=@3, p=@0, lr=(a,b)\n"
+              "Ext node @2: B,L: p=@1, k=a\n"
+              "Int node @3: R,R: l=@4, r=@5, p=@1, lr=(b,c)\n"
+              "Ext node @4: B,L: p=@3, k=b\n"
+              "Ext node @5: B,R: p=@3, k=c\n");
     tree.free();
-}
 
-TEST_F(Trees, RbhDumpFollowsItsFormat) {
-    Rbh tree;
-    const uint32_t h = tree.head;
-    EXPECT_EQ(flux::map_rbh_dump(h), line("tree 0x%x is empty\n", h));
+    Rbh rbh;
+    const uint32_t h = rbh.head;
+    EXPECT_EQ(flux::map_rbh_dump(h), "tree " + hex(h) + " is empty\n");
     for (int32_t k : {3, 5, 7})
-        tree.insert(k);
-    const uint32_t root = flux::map_rbh_node(h)->parent;
-    const uint32_t inner = flux::map_rbh_node(root)->blink;
-    const uint32_t l3 = flux::maph_first(h);
-    const uint32_t l5 = flux::maph_next(l3);
-    const uint32_t l7 = flux::maph_last(h);
-    EXPECT_EQ(
-        flux::map_rbh_dump(h),
-        line("Head: 0x%x.  Root = 0x%x, < = 0x%x, > = 0x%x\n", h, root, l3, l7) +
-            line("Int node 0x%x: B,T: l=0x%x, r=0x%x, p=0x%x, lr=(3,5)\n", root, l3, inner, h) +
-            line("Ext node 0x%x: B,L: p=0x%x, <=0x%x, >=0x%x k=3\n", l3, root, h, l5) +
-            line("Int node 0x%x: R,R: l=0x%x, r=0x%x, p=0x%x, lr=(5,7)\n", inner, l5, l7, root) +
-            line("Ext node 0x%x: B,L: p=0x%x, <=0x%x, >=0x%x k=5\n", l5, inner, l3, l7) +
-            line("Ext node 0x%x: B,R: p=0x%x, <=0x%x, >=0x%x k=7\n", l7, inner, l5, h));
+        rbh.insert(k);
+    EXPECT_EQ(numbered(flux::map_rbh_dump(h)), "Head: @0.  Root = @1, < = @2, > = @3\n"
+                                               "Int node @1: B,T: l=@2, r=@4, p=@0, lr=(3,5)\n"
+                                               "Ext node @2: B,L: p=@1, <=@0, >=@5 k=3\n"
+                                               "Int node @4: R,R: l=@5, r=@3, p=@1, lr=(5,7)\n"
+                                               "Ext node @5: B,L: p=@4, <=@2, >=@3 k=5\n"
+                                               "Ext node @3: B,R: p=@4, <=@5, >=@0 k=7\n");
 
     // The picture: one dashed arrow per routing word, the ring dotted all the way round.
     const std::string dot = flux::map_rbh_dot(h);
@@ -347,7 +338,7 @@ TEST_F(Trees, RbhDumpFollowsItsFormat) {
     EXPECT_EQ(count("style=dotted"), 4u);
     EXPECT_EQ(count("shape=box"), 3u);
     EXPECT_EQ(dot.rfind("}\n"), dot.size() - 2);
-    tree.free();
+    rbh.free();
 }
 
 // An empty map is its own first and last entry; null maps and entries are harmless,
