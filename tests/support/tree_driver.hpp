@@ -139,15 +139,6 @@ Tree tree_of(std::initializer_list<int64_t> keys) {
     return tree;
 }
 
-// The keys in ring order, as the integer key kinds store them.
-template <class Tree>
-std::vector<int64_t> keys(const Tree& tree) {
-    std::vector<int64_t> out;
-    for (auto e = tree.first(); e != tree.head; e = Tree::next(e))
-        out.push_back(static_cast<int32_t>(Tree::key_of(e)));
-    return out;
-}
-
 enum class TreeOp {
     put,
     failing_put,
