@@ -247,49 +247,38 @@ TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
         SCOPED_TRACE("step " + std::to_string(step));
         switch (pick(8)) {
         case 0:
-        case 1: { // acquire by name
+        case 1:
+        case 2: { // acquire by name, or by a rollover of a restored copy, which parks it
             const std::string& name = pool[pick(pool.size())];
-            const uint32_t id = get(name);
+            const uint32_t copy = pick(3) == 0 ? restored_copy(name) : 0;
+            const uint32_t id = copy ? rollover(copy) : get(name);
             auto it = model.names.try_emplace(name, Model::Entry{id, 0}).first;
             ASSERT_EQ(id, it->second.ident);
+            ASSERT_NE(id, copy);
             it->second.uses += 1;
+            if (copy)
+                model.parked.insert(copy);
+            if (copy && pick(3) == 0) { // a second rollover of the same copy parks it once
+                ASSERT_EQ(rollover(copy), id);
+                it->second.uses += 1;
+            }
             break;
         }
-        case 2:
-        case 3: { // acquire, release or release twice by identifier, live or dead: uses may
-                  // go below zero
+        case 3:
+        case 4:
+        case 5: { // acquire, release, release twice or roll over an identifier, live or
+                  // dead: uses may go below zero
             const uint32_t id = any_ident();
-            const int change = std::array{1, -1, -2}[pick(3)];
+            Model::Entry* e = model.by_ident(id);
+            const int change = std::array{1, -1, -2, 0}[pick(4)];
+            if (id && change == 0) {
+                ASSERT_EQ(rollover(id), e ? id : 0u); // a use more of a live one
+            }
             for (int i = 0; id && i < std::abs(change); ++i)
                 host.call_procedure(change > 0 ? "FWIDENT_ACQUIRE" : "FWIDENT_RELEASE",
                                     {PointerRef{id}});
-            if (Model::Entry* e = model.by_ident(id))
-                e->uses += change;
-            break;
-        }
-        case 4: { // rollover of a live or dead identifier
-            const uint32_t id = any_ident();
-            if (id == 0)
-                break;
-            Model::Entry* e = model.by_ident(id);
-            ASSERT_EQ(rollover(id), e ? id : 0u);
             if (e)
-                e->uses += 1;
-            break;
-        }
-        case 5: { // rollover of a restored copy
-            const std::string& name = pool[pick(pool.size())];
-            const uint32_t copy = restored_copy(name);
-            const uint32_t live = rollover(copy);
-            auto it = model.names.try_emplace(name, Model::Entry{live, 0}).first;
-            ASSERT_NE(live, copy);
-            ASSERT_EQ(live, it->second.ident);
-            it->second.uses += 1;
-            model.parked.insert(copy);
-            if (pick(3) == 0) { // a second rollover of the same copy parks it once
-                ASSERT_EQ(rollover(copy), live);
-                it->second.uses += 1;
-            }
+                e->uses += change == 0 ? 1 : change;
             break;
         }
         case 6:
