@@ -71,7 +71,6 @@ protected:
         host.add_procedure("PROBE::EXECUTE", 1, 2, [this](zok::Call& call) {
             const uint32_t self = call.self().id;
             executed.push_back(self);
-            arguments.push_back(call.argc() == 2 ? call.arg(1) : Value());
             if (const auto action = on_execute.find(self); action != on_execute.end())
                 action->second(call);
             return Value();
@@ -140,7 +139,6 @@ protected:
 
     zok::Host host;
     std::vector<uint32_t> executed;
-    std::vector<Value> arguments;
     std::map<uint32_t, std::function<void(zok::Call&)>> on_execute;
 };
 
