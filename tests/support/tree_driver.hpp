@@ -1,0 +1,290 @@
+// Both tree variants behind one face, and a driver that runs one tree against a model of
+// its entries: the randomized tree test runs it over fixed seeds, the fuzz target over
+// its inputs.  No test framework here: a check gives the fault it found as text, "" when
+// the tree is sound.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "frame/structs.hpp"
+#include "host.hpp"
+#include "maps/map.hpp"
+#include "maps/maph.hpp"
+
+namespace maptest {
+
+inline int string_order(flux::RbWord a, flux::RbWord b) {
+    return std::strcmp(reinterpret_cast<const char*>(a), reinterpret_cast<const char*>(b));
+}
+inline int int_order(flux::RbWord a, flux::RbWord b) {
+    auto x = static_cast<int32_t>(a);
+    auto y = static_cast<int32_t>(b);
+    return (x > y) - (x < y);
+}
+inline int unsigned_order(uint32_t a, uint32_t b) {
+    return (a > b) - (a < b);
+}
+// An order unlike the key words' own, to show that the trees follow the caller's.
+template <class Word>
+int by_residue(Word a, Word b) {
+    auto key = [](Word w) { return std::pair(w % 13, w); };
+    return (key(a) > key(b)) - (key(a) < key(b));
+}
+inline std::string int_text(flux::RbWord key) {
+    return std::to_string(static_cast<int32_t>(key));
+}
+
+// A tree of one variant and key kind.  `insert` goes through the kind's low-level insert,
+// which allows equal keys; `paint` colours the node that a path of 'l' and 'r' reaches
+// from the root; `nodes` counts the variant's live nodes.
+struct Rb {
+    enum Kind { key, ikey, gkey } kind = ikey;
+    using Entry = flux::RbNode*;
+    using Word = flux::RbWord;
+    flux::RbNode* head = flux::map_new();
+
+    flux::RbCompare order() const {
+        return kind == key ? string_order : kind == ikey ? int_order : by_residue<Word>;
+    }
+    Entry find_n(Word k, bool& found) const {
+        const auto text = reinterpret_cast<const char*>(k);
+        return kind == key    ? flux::map_rb_find_key_n(head, text, found)
+               : kind == ikey ? flux::map_rb_find_ikey_n(head, static_cast<int32_t>(k), found)
+                              : flux::map_rb_find_gkey_n(head, k, order(), found);
+    }
+    Entry insert(Word k, Word v = 0) {
+        const auto text = reinterpret_cast<const char*>(k);
+        return kind == key    ? flux::map_insert_key(head, text, v)
+               : kind == ikey ? flux::map_insert_ikey(head, static_cast<int32_t>(k), v)
+                              : flux::map_insert_gkey(head, k, v, order());
+    }
+    Entry put(Word k, Word v = 0) { return flux::map_put(head, k, v, order()); }
+    static Entry insert_after(Entry e, Word k, Word v) { return flux::map_insert_after(e, k, v); }
+    static void remove(Entry e) { flux::map_remove_node(e); }
+    static Word key_of(Entry e) { return flux::map_node_key(e); }
+    static Word value_of(Entry e) { return flux::map_node_value(e); }
+    Entry first() const { return flux::map_first(head); }
+    static Entry next(Entry e) { return flux::map_next(e); }
+    size_t count() const { return flux::map_count(head); }
+    std::string check() const { return flux::map_rb_check(head, order()); }
+    flux::RbKeyText text() const {
+        return kind == key ? flux::RbKeyText(flux::map_rb_string_key_text) : int_text;
+    }
+    std::string dump() const { return flux::map_rb_dump(head, text()); }
+    std::string outline() const { return flux::map_rb_outline(head, text()); }
+    void paint(const char* path, bool red) {
+        flux::RbNode* n = head->parent;
+        for (const char* c = path; *c; ++c)
+            n = *c == 'l' ? n->left : n->right;
+        n->status = red ? n->status | 1u : n->status & ~1u;
+    }
+    void free() { flux::map_free(head); }
+    static size_t nodes() { return zok::Host::current().memory(zok::kPlainLabel).blocks; }
+};
+
+struct Rbh {
+    enum Kind { key, gkey } kind = key;
+    using Entry = uint32_t;
+    using Word = uint32_t;
+    uint32_t head = flux::maph_new();
+
+    flux::RbhCompare order() const { return kind == key ? unsigned_order : by_residue<Word>; }
+    Entry find_n(Word k, bool& found) const {
+        return kind == key ? flux::map_rbh_find_key_n(head, k, found)
+                           : flux::map_rbh_find_gkey_n(head, k, order(), found);
+    }
+    Entry insert(Word k, Word v = 0) {
+        return kind == key ? flux::maph_insert_key(head, k, v)
+                           : flux::maph_insert_gkey(head, k, v, order());
+    }
+    Entry put(Word k, Word v = 0) { return flux::maph_put(head, k, v, order()); }
+    static Entry insert_after(Entry e, Word k, Word v) { return flux::maph_insert_after(e, k, v); }
+    static void remove(Entry e) { flux::maph_remove_node(e); }
+    static Word key_of(Entry e) { return flux::maph_node_key(e); }
+    static Word value_of(Entry e) { return flux::maph_node_value(e); }
+    Entry first() const { return flux::maph_first(head); }
+    static Entry next(Entry e) { return flux::maph_next(e); }
+    size_t count() const { return flux::maph_count(head); }
+    std::string check() const { return flux::map_rbh_check(head, order()); }
+    std::string dump() const { return flux::map_rbh_dump(head); }
+    std::string outline() const { return flux::map_rbh_outline(head); }
+    void paint(const char* path, bool red) {
+        uint32_t n = flux::map_rbh_node(head)->parent;
+        for (const char* c = path; *c; ++c)
+            n = *c == 'l' ? flux::map_rbh_node(n)->flink : flux::map_rbh_node(n)->blink;
+        flux::map_rbh_node(n)->status[0] = red;
+    }
+    void free() { flux::maph_free(head); }
+    static size_t nodes() { return zok::Host::current().heap_count(); }
+};
+
+// A tree of n entries holds n leaves, n-1 internal nodes and the head.
+constexpr size_t nodes_for(size_t entries) {
+    return entries ? 2 * entries : 1;
+}
+
+template <class Tree>
+Tree tree_of(std::initializer_list<int64_t> keys) {
+    Tree tree;
+    for (int64_t k : keys)
+        tree.insert(static_cast<typename Tree::Word>(k));
+    return tree;
+}
+
+enum class TreeOp {
+    put,
+    failing_put,
+    insert,
+    insert_after,
+    failing_insert,
+    find,
+    remove,
+    walk,
+    count
+};
+
+template <class Tree>
+class TreeDriver {
+public:
+    using Entry = typename Tree::Entry;
+    using Word = typename Tree::Word;
+
+    // `word(i)` is the key word for key number i.
+    TreeDriver(Tree tree, std::function<Word(uint32_t)> word)
+        : t_(tree), word_(std::move(word)), base_(Tree::nodes() - nodes_for(0)),
+          model_([order = tree.order()](Word a, Word b) { return order(a, b) < 0; }) {}
+
+    // A find of key number i, then the operation on it, then the whole tree against the
+    // model: its checker, its count and its live nodes.  `extra` picks the allocation a
+    // failing insert fails.  The first fault found, with the tree's dump, or "".
+    std::string step(TreeOp op, uint32_t i, uint32_t extra) {
+        const Word k = word_(i);
+        const Word v = ++serial_;
+        bool found;
+        const Entry at = t_.find_n(k, found);
+        auto& values = model_[k];
+        expect(!found || t_.order()(Tree::key_of(at), k) == 0, "the entry found has another key");
+        expect(found != values.empty(), "find disagrees with the model");
+        expect(found || at == t_.head || t_.order()(k, Tree::key_of(at)) < 0,
+               "a miss gives no place before a greater key");
+        expect(!found || values.count(Tree::value_of(at)) == 1,
+               "find gives a value the model lacks");
+        const bool put = op == TreeOp::put || op == TreeOp::failing_put;
+        if ((put || op == TreeOp::remove) && found) {
+            values.erase(Tree::value_of(at));
+            --size_;
+        }
+        if (put) {
+            Entry e =
+                op == TreeOp::put ? t_.put(k, v) : failing([&] { return t_.put(k, v); }, extra);
+            if (!e) {
+                // A put that fails has already removed the entry it replaces; then the
+                // entry goes in after all, so that trees of both variants stay alike.
+                expect(t_.count() == size_ && Tree::nodes() - base_ == nodes_for(size_) &&
+                           t_.check().empty(),
+                       "a failed put left more or less than the tree without the entry");
+                e = t_.insert(k, v);
+            }
+            record(e, k, v);
+        } else if (op == TreeOp::remove && found)
+            Tree::remove(at);
+        else if (op == TreeOp::walk)
+            walk();
+        else if (op != TreeOp::find && op != TreeOp::remove)
+            insert(op, k, v, found ? at : Entry{}, extra);
+        if (fault_.empty())
+            fault_ = t_.check();
+        expect(t_.count() == size_, "the count differs from the model");
+        expect(Tree::nodes() - base_ == nodes_for(size_), "nodes leaked or lost");
+        return fault_.empty() ? "" : fault_ + "\n" + t_.dump();
+    }
+
+    // A last walk, then the tree freed whole.
+    std::string finish() {
+        walk();
+        t_.free();
+        expect(Tree::nodes() == base_, "freeing the tree left nodes behind");
+        return fault_;
+    }
+
+    std::string outline() const { return t_.outline(); }
+
+private:
+    void expect(bool holds, const std::string& fault) {
+        if (!holds && fault_.empty())
+            fault_ = fault;
+    }
+
+    void record(Entry e, Word k, Word v) {
+        expect(e && Tree::key_of(e) == k && Tree::value_of(e) == v, "the tree gave another entry");
+        model_[k].insert(v);
+        ++size_;
+    }
+
+    // f() with one of its first allocations failing: null or 0, or the host's error.
+    template <class F>
+    Entry failing(F f, uint32_t extra) {
+        Entry e{};
+        zok::Host& host = zok::Host::current();
+        host.fail_allocation(1 + extra % 3);
+        try {
+            e = f();
+        } catch (const zok::Error& error) {
+            if (error.code() != ZOK_ERR_NO_MEMORY)
+                throw;
+        }
+        host.clear_faults();
+        expect(e || host.live_temps() == 0, "a failed call kept temporaries");
+        return e;
+    }
+
+    // An equal key may go in too: after the entry found, or through the kind's insert,
+    // first with a failing allocation, which must change nothing.
+    void insert(TreeOp op, Word k, Word v, Entry found, uint32_t extra) {
+        Entry e{};
+        if (op == TreeOp::failing_insert) {
+            // Outlines cost much; a failure comes before any change, whatever the size.
+            const bool small = t_.count() <= 64;
+            const std::string before = small ? t_.outline() : "";
+            e = failing([&] { return t_.insert(k, v); }, extra);
+            expect(e || !small || t_.outline() == before, "a failed insertion changed the tree");
+        }
+        if (!e && found && op == TreeOp::insert_after) {
+            e = Tree::insert_after(found, k, v);
+            expect(Tree::next(found) == e, "the entry went elsewhere than after the one found");
+        }
+        record(e ? e : t_.insert(k, v), k, v);
+    }
+
+    // The ring lists the model's entries in key order, equal keys side by side.
+    void walk() {
+        using Model = decltype(model_);
+        Model seen(model_.key_comp());
+        size_t runs = 0;
+        for (Entry e = t_.first(), prev = t_.head; e != t_.head; prev = e, e = Tree::next(e)) {
+            runs += prev == t_.head || t_.order()(Tree::key_of(prev), Tree::key_of(e)) != 0;
+            seen[Tree::key_of(e)].insert(Tree::value_of(e));
+        }
+        std::erase_if(model_, [](const auto& entry) { return entry.second.empty(); });
+        expect(seen == model_, "the ring differs from the model");
+        expect(runs == model_.size(), "equal keys are not side by side in the ring");
+    }
+
+    Tree t_;
+    std::function<Word(uint32_t)> word_;
+    size_t base_;
+    std::map<Word, std::multiset<Word>, std::function<bool(Word, Word)>> model_;
+    size_t size_ = 0;
+    Word serial_ = 0;
+    std::string fault_;
+};
+
+} // namespace maptest

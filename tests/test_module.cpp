@@ -1,0 +1,470 @@
+// The module's frame, identifier registry and map class.  The frame: loading and its
+// failure paths, the field layouts as the host lays them out, the exported symbols,
+// session reset and the shared keyword INIT step (the interface itself is pinned in
+// test_interface).  The registry against a model of names, use counts and live
+// identifiers over random acquisitions, releases, rollovers and collections.  ZOKDSMAP
+// against std::map over random inserts, replacements, removals and look-ups: key order
+// is the host's string order, values are copies, nothing outlives the object; and the
+// class check names each way a map can be broken.
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dsmap/ds_map.hpp"
+#include "frame/host_api.hpp"
+#include "frame/keywords.hpp"
+#include "frame/structs.hpp"
+#include "fw/fw_ident.hpp"
+#include "fw/fw_saveable.hpp"
+#include "host.hpp"
+#include "support/testing.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
+
+namespace {
+
+using Tags = std::vector<std::string>;
+using zok::ObjectRef;
+using zok::PointerRef;
+using zok::Value;
+
+// A refused registration fails the load; what was registered before it stays,
+// and a refused function table never lets the procedures in.  The structures
+// are defined before anything that can be refused.
+TEST(Load, ARefusedRegistrationFailsTheLoad) {
+    const struct {
+        zok::Operation refused;
+        uint32_t nth;
+        Tags present, absent;
+    } cases[] = {
+        {zok::Operation::DefineMessageBlock,
+         1,
+         {},
+         {"ZOKFWSAVEABLE::INIT", "ZOKFWSAVEABLE::CLEANUP"}},
+        {zok::Operation::AddRoutines, 1, {}, {"GET_FWIDENT", "FWIDENT_GC", "ZOKDSMAP::INSERT"}},
+        {zok::Operation::AddRoutines, 2, {"GET_FWIDENT"}, {"FWIDENT_GC"}},
+    };
+    for (const auto& c : cases) {
+        zok::Host host;
+        host.refuse(c.refused, c.nth);
+        EXPECT_EQ(ZOK_Load(), 0);
+        EXPECT_NE(host.find_struct("ZOK_MAP_RBH_NODE"), nullptr);
+        for (const std::string& name : c.present)
+            EXPECT_TRUE(host.has_routine(name)) << name;
+        for (const std::string& name : c.absent)
+            EXPECT_FALSE(host.has_routine(name)) << name;
+    }
+}
+
+TEST(Load, SharedLibraryLoadsAndExportsOnlyItsEntryPoints) {
+    zok::Host host;
+    host.load_module(ZOK_MODULE_PATH);
+    EXPECT_TRUE(host.has_routine("ZOKDSMAP::GETKEYS"));
+
+    FILE* nm = popen(("nm -D --defined-only -j " + std::string(ZOK_MODULE_PATH)).c_str(), "r");
+    ASSERT_NE(nm, nullptr);
+    std::set<std::string> exported;
+    for (char name[1024]; std::fscanf(nm, "%1023s", name) == 1;)
+        exported.insert(name);
+    ASSERT_EQ(pclose(nm), 0);
+    // The linker's own markers may be there; nothing else of ours.
+    for (const char* marker : {"_init", "_fini", "__bss_start", "_edata", "_end"})
+        exported.erase(marker);
+    EXPECT_EQ(exported, (std::set<std::string>{"ZOK_Load", "ZOK_ResetSession"}));
+}
+
+class Loaded : public ::testing::Test {
+protected:
+    void SetUp() override { host.load_module(ZOK_Load, ZOK_ResetSession); }
+    zok::Host host;
+};
+
+// The module reaches fields at fixed places behind the anchor tag; the host
+// must lay them out at the same places.
+TEST_F(Loaded, FieldLayoutsMatchTheHost) {
+    auto offset_of = [](zok_struct_def* def, const char* anchor, const char* tag) {
+        zok_var* instance = host_temp_struct(def);
+        auto* base = static_cast<char*>(host_struct_tag_data(instance, anchor, 0, 0, 0));
+        auto* field = static_cast<char*>(host_struct_tag_data(instance, tag, 0, 0, 0));
+        host_release_temp(instance);
+        return static_cast<size_t>(field - base);
+    };
+    using flux::SaveableFields;
+    EXPECT_EQ(offset_of(flux::struct_saveable(), "ZOKFWSAVEABLE_TOP", "ZOKFWSAVEABLE_VERSION"),
+              offsetof(SaveableFields, saveable_version));
+    EXPECT_EQ(offset_of(flux::struct_dsmap(), "ZOKDSMAP_VERSION", "THE_MAP"),
+              offsetof(flux::DsMapFields, the_map));
+    using flux::RbhNodeData;
+    // Five words, then the status bytes one by one.
+    const size_t words[] = {offsetof(RbhNodeData, flink), offsetof(RbhNodeData, blink),
+                            offsetof(RbhNodeData, parent), offsetof(RbhNodeData, key),
+                            offsetof(RbhNodeData, val)};
+    const Tags tags = host.tags_of("ZOK_MAP_RBH_NODE");
+    ASSERT_EQ(tags.size(), 10u);
+    for (size_t i = 0; i < tags.size(); ++i)
+        EXPECT_EQ(offset_of(flux::struct_map_rbh_node(), "FLINK", tags[i].c_str()),
+                  i < 5 ? words[i] : offsetof(RbhNodeData, status) + i - 5)
+            << tags[i];
+}
+
+TEST_F(Loaded, StringBracketingStructuresArePrepared) {
+    for (const char* name : {"ZOKFWFUNCBEHAV", "ZOKFWPROCBEHAV"})
+        EXPECT_NE(host.find_struct(name)->prepared, nullptr) << name;
+    EXPECT_EQ(host.find_struct("ZOKFWBEHAVIOR")->prepared, nullptr);
+}
+
+// The registry's name index is made on first use and never freed, so the reset
+// may leave one empty tree head in the node pool; nothing a program sees.
+TEST_F(Loaded, ResetRightAfterLoadChangesNothingVisible) {
+    auto labelled_memory = [&] {
+        auto m = host.memory_by_label();
+        m.erase(zok::kPlainLabel);
+        return m;
+    };
+    const auto heap = host.heap_ids();
+    const auto memory = labelled_memory();
+    const size_t texts = host.live_texts();
+    host.clear_messages();
+    ZOK_ResetSession();
+    EXPECT_EQ(host.heap_ids(), heap);
+    EXPECT_EQ(labelled_memory(), memory);
+    EXPECT_EQ(host.live_texts(), texts);
+    EXPECT_TRUE(host.messages().empty());
+}
+
+TEST_F(Loaded, MethodOnADestroyedSelfIsTheHostsError) {
+    const ObjectRef obj = host.new_object("ZOKFWSAVEABLE");
+    host.destroy(obj);
+    expect_error(ZOK_ERR_INVALID_OBJECT,
+                 "Invalid object reference: no live object has identifier " +
+                     std::to_string(obj.id) + ".",
+                 [&] { host.call_method(obj, "RESETRESTORED"); });
+}
+
+// The INIT step every framework class shares: keywords processed, self held
+// against the host's collection, the class's status returned, texts given back.
+TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
+    host.define_struct("PROBE", {}, "ZOKFWSAVEABLE");
+    std::string seen;
+    host.add_function(
+        "PROBE::INIT", 1, 1,
+        [&](zok::Call& call) -> zok::Value {
+            zok_var* status = flux::keyword_init<flux::KeywordFront>(
+                call.argc(), call.argv(), call.keywords(), flux::message_keyword_table,
+                flux::ClassRef{flux::struct_saveable, "ZOKFWSAVEABLE", "ZOKfwSaveable"},
+                [&](flux::Self self, const flux::KeywordFront& kw) {
+                    EXPECT_EQ(self.heap_id, call.self().id);
+                    if (kw.messagestring_given)
+                        seen.assign(kw.messagestring.text, kw.messagestring.length);
+                    return kw.scope_given ? 0 : 1;
+                });
+            const zok::Value result = host.read(*status);
+            host_release_temp(status);
+            return result;
+        },
+        true);
+    host.clear_messages();
+    const ObjectRef probe = host.new_object("PROBE", {}, {{"MESS", std::string("ping")}});
+    ASSERT_TRUE(probe);
+    EXPECT_TRUE(host.messages().empty()); // the host had no keyword texts left to free
+    EXPECT_EQ(seen, "ping");
+    EXPECT_NE(host.heap_flags(probe.id) & ZOK_HEAP_HELD, 0u);
+    EXPECT_FALSE(host.new_object("PROBE", {}, {{"SCOPE", 1}})); // status 0: no object
+    EXPECT_EQ(host.live_texts(), 0u);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+class Registry : public Loaded {
+protected:
+    uint32_t get(const std::string& name) {
+        return host.call_function("GET_FWIDENT", {name}).as_pointer().id;
+    }
+    uint32_t rollover(uint32_t ident) {
+        return host.call_function("ROLLOVER_FWIDENT", {PointerRef{ident}}).as_pointer().id;
+    }
+    // A heap variable with the same text, as a restore makes it.
+    uint32_t restored_copy(const std::string& name) {
+        zok_var* text = host.make_temp(name);
+        const uint32_t id =
+            host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
+        host_release_temp(text);
+        return id;
+    }
+};
+
+struct Model {
+    struct Entry {
+        uint32_t ident;
+        int32_t uses;
+        bool operator==(const Entry&) const = default;
+    };
+    std::map<std::string, Entry> names;
+    std::set<uint32_t> parked;
+    std::set<uint32_t> dead;
+
+    Entry* by_ident(uint32_t ident) {
+        for (auto& [name, e] : names)
+            if (e.ident == ident)
+                return &e;
+        return nullptr;
+    }
+    void collect(bool all) {
+        dead.merge(parked);
+        std::erase_if(names, [&](const auto& entry) {
+            const bool goes = all || entry.second.uses <= 0;
+            if (goes)
+                dead.insert(entry.second.ident);
+            return goes;
+        });
+    }
+};
+
+TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
+    const uint32_t seed = test_seed();
+    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
+    std::mt19937 rng(seed);
+    const std::vector<std::string> pool = {"alpha",     "Alpha", "ALPHA", "beta", "",
+                                           "gamma ray", "b",     "beta2", "z",    "\xff"};
+    Model model;
+    const size_t baseline_heap = host.heap_count();
+    auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+    auto any_ident = [&]() -> uint32_t {
+        std::vector<uint32_t> ids(model.dead.begin(), model.dead.end());
+        for (auto& [name, e] : model.names)
+            ids.push_back(e.ident);
+        return ids.empty() ? 0 : ids[pick(ids.size())];
+    };
+
+    for (int step = 0; step < 3000; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        switch (pick(8)) {
+        case 0:
+        case 1:
+        case 2: { // acquire by name, or by a rollover of a restored copy, which parks it
+            const std::string& name = pool[pick(pool.size())];
+            const uint32_t copy = pick(3) == 0 ? restored_copy(name) : 0;
+            const uint32_t id = copy ? rollover(copy) : get(name);
+            auto it = model.names.try_emplace(name, Model::Entry{id, 0}).first;
+            ASSERT_EQ(id, it->second.ident);
+            ASSERT_NE(id, copy);
+            it->second.uses += 1;
+            if (copy)
+                model.parked.insert(copy);
+            if (copy && pick(3) == 0) { // a second rollover of the same copy parks it once
+                ASSERT_EQ(rollover(copy), id);
+                it->second.uses += 1;
+            }
+            break;
+        }
+        case 3:
+        case 4:
+        case 5: { // acquire, release, release twice or roll over an identifier, live or
+                  // dead: uses may go below zero
+            const uint32_t id = any_ident();
+            Model::Entry* e = model.by_ident(id);
+            const int change = std::array{1, -1, -2, 0}[pick(4)];
+            if (id && change == 0) {
+                ASSERT_EQ(rollover(id), e ? id : 0u); // a use more of a live one
+            }
+            for (int i = 0; id && i < std::abs(change); ++i)
+                host.call_procedure(change > 0 ? "FWIDENT_ACQUIRE" : "FWIDENT_RELEASE",
+                                    {PointerRef{id}});
+            if (e)
+                e->uses += change == 0 ? 1 : change;
+            break;
+        }
+        case 6:
+        case 7: { // the host's collection keeps what only the registry holds; then
+                  // the registry's own, with no argument, 0, 1 or 2
+            host.collect();
+            for (auto& [name, e] : model.names)
+                ASSERT_NE(host.heap_flags(e.ident) & ZOK_HEAP_HELD, 0u) << name;
+            const auto form = static_cast<int32_t>(pick(4)) - 1; // -1: no argument
+            host.call_procedure("FWIDENT_GC", form < 0 ? zok::Args{} : zok::Args{form});
+            model.collect(form == 1);
+            break;
+        }
+        }
+        ASSERT_EQ(flux::fwident_check(), "");
+        // In name order.
+        std::vector<std::pair<const std::string, Model::Entry>> entries;
+        for (const flux::FwIdentEntry& e : flux::fwident_entries())
+            entries.push_back({e.name, {e.ident, e.uses}});
+        ASSERT_EQ(entries, decltype(entries)(model.names.begin(), model.names.end()));
+        ASSERT_EQ(flux::fwident_parked(),
+                  std::vector<uint32_t>(model.parked.begin(), model.parked.end()));
+        for (uint32_t id : model.dead)
+            ASSERT_FALSE(host.heap_alive(id)) << id;
+    }
+
+    ZOK_ResetSession();
+    EXPECT_TRUE(flux::fwident_entries().empty());
+    EXPECT_TRUE(flux::fwident_parked().empty());
+    EXPECT_EQ(host.memory("FW_Ident key").blocks, 0u);
+    EXPECT_EQ(host.memory("FW_Ident data").blocks, 0u);
+    EXPECT_EQ(host.heap_count(), baseline_heap);
+    EXPECT_EQ(host.live_temps(), 0u);
+}
+
+TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
+    const uint32_t a = get("a");
+    const uint32_t b = get("b");
+    EXPECT_LT(flux::fwident_order(a, b), 0);
+    EXPECT_EQ(flux::fwident_order(a, restored_copy("a")), 0);
+    host.call_procedure("FWIDENT_RELEASE", {PointerRef{b}});
+    host.call_procedure("FWIDENT_GC");
+    expect_module_error(-1, "FWIdent corruption", [&] { flux::fwident_order(a, b); });
+}
+
+class DsMap : public Loaded {
+protected:
+    void SetUp() override {
+        Loaded::SetUp();
+        baseline_heap = host.heap_count();
+        map = host.new_object("ZOKDSMAP");
+    }
+    Value call(const char* method, const zok::Args& args = {}) {
+        return host.call_method(map, method, args);
+    }
+    // The keys GETKEYS lists: an array, or "" for none; its output argument counts them.
+    std::vector<std::string> keys() {
+        const Value v = call("GETKEYS", {zok::Ref{"count"}});
+        std::vector<std::string> out;
+        for (const Value& e : v.is_array() ? v.elements() : std::vector<Value>{})
+            out.push_back(e.as_string());
+        EXPECT_TRUE(v.is_array() || v == Value(""));
+        EXPECT_EQ(host.get_var("count"), Value(static_cast<int32_t>(out.size())));
+        return out;
+    }
+
+    ObjectRef map;
+    size_t baseline_heap = 0;
+};
+
+TEST_F(DsMap, AgreesWithStdMap) {
+    const uint32_t seed = test_seed();
+    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
+    std::mt19937 rng(seed);
+    auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+    auto random_key = [&] {
+        static const char letters[] = "aAbB\x01\xfe";
+        std::string k;
+        for (size_t n = pick(4); n > 0; --n)
+            k += letters[pick(sizeof letters - 1)];
+        return k;
+    };
+    auto random_value = [&] {
+        const Value values[] = {static_cast<int32_t>(rng()), std::string(pick(5), 'v'),
+                                static_cast<double>(pick(1000)) / 8,
+                                std::vector<int32_t>{static_cast<int32_t>(pick(9)), 2, 3}};
+        return values[pick(4)];
+    };
+    std::map<std::string, Value> model;
+    // The heap holds as much for a size as the first time the map had it, so a
+    // replacement that makes an entry anew, or leaks the old value, shows.
+    std::map<size_t, size_t> heap_at_size;
+    // An empty map lists a scalar "" and counts 0, into the output argument too.
+    host.set_var("count", -1);
+    ASSERT_TRUE(keys().empty());
+    EXPECT_EQ(call("GETKEYS").as_string(), "");
+
+    for (int step = 0; step < 4000; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        const std::string key = random_key();
+        switch (pick(6)) {
+        case 0:
+        case 1: {
+            const Value v = random_value();
+            if (pick(2) == 0) {
+                call("INSERT", {key, v});
+            } else { // from a program variable, changed afterwards: the map keeps a copy
+                host.set_var("v", v);
+                call("INSERT", {key, zok::Ref{"v"}});
+                host.set_var("v", "changed");
+            }
+            model[key] = v;
+            break;
+        }
+        case 2:
+            call("REMOVE", {key});
+            model.erase(key);
+            break;
+        case 3: {
+            const Value got = call("GETDATA", {key});
+            const auto it = model.find(key);
+            ASSERT_EQ(got, it == model.end() ? Value() : it->second) << got.to_string();
+            break;
+        }
+        case 4:
+            ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), model.count(key) ? 1 : 0);
+            break;
+        case 5:
+            ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
+            break;
+        }
+        const size_t heap = host.heap_count();
+        ASSERT_EQ(heap_at_size.emplace(model.size(), heap).first->second, heap);
+        if (step % 50 == 0) {
+            std::vector<std::string> expected;
+            for (auto& [k, v] : model)
+                expected.push_back(k);
+            ASSERT_EQ(keys(), expected);
+        }
+        ASSERT_EQ(host.live_temps(), 0u);
+    }
+    // Every entry is two heap variables plus a tree node each side; all go.
+    host.destroy(map);
+    host.erase_var("v");
+    EXPECT_EQ(host.heap_count(), baseline_heap);
+}
+
+// The class check passes a sound map and names each way an entry or the map
+// itself can be broken behind the class's back; methods that meet a heap
+// variable gone raise the dereference error.
+TEST_F(DsMap, CheckNamesEachBrokenPartAndVanishedHeapVariablesRaise) {
+    call("INSERT", {"a", 1});
+    call("INSERT", {"b", 2});
+    EXPECT_EQ(flux::dsmap_check(map.id), "");
+    auto heap_var_holding = [&](const Value& v) {
+        for (const uint32_t id : host.heap_ids(ZOK_HEAP_POINTER))
+            if (host.heap_value(id) == v)
+                return host_heap_var(id);
+        ADD_FAILURE() << "no heap variable holds " << v.to_string();
+        return static_cast<zok_heap_record*>(nullptr);
+    };
+    zok_heap_record* a = heap_var_holding("a");
+    zok_heap_record* b = heap_var_holding("b");
+    auto expect_fault = [&](const std::string& ending) {
+        const std::string fault = flux::dsmap_check(map.id);
+        EXPECT_TRUE(fault.ends_with(ending)) << fault;
+    };
+    std::swap(a->var.value.str, b->var.value.str);
+    expect_fault(": keys not in ascending order");
+    std::swap(a->var.value.str, b->var.value.str);
+    const zok_var text = a->var;
+    a->var.type = ZOK_T_LONG;
+    expect_fault(": the key is no string heap variable");
+    a->var = text;
+    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
+    host.set_tag(map, "THE_MAP", PointerRef{a->id});
+    expect_fault(": the head names no node");
+    host.set_tag(map, "THE_MAP", PointerRef{the_map});
+    host_heap_free(heap_var_holding(2)->id, 0, 0);
+    expect_fault(": the value heap variable is gone");
+    const std::string vanished = "ZOKdsMap heap dereference error";
+    expect_module_error(0, vanished, [&] { call("GETDATA", {"b"}); });
+    expect_module_error(0, vanished, [&] { call("INSERT", {"b", 3}); });
+    host.call_method(map, "CLEANUP");
+    EXPECT_FALSE(host.heap_alive(the_map));
+    expect_module_error(0, vanished, [&] { call("GETSIZE"); });
+}
+
+} // namespace
