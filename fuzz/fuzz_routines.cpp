@@ -41,9 +41,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/module.hpp"
-#include "fw/fw_ident.hpp"
-#include "host.hpp"
+#include "../tests/support/checks.hpp"
 
 extern "C" int32_t ZOK_Load();
 extern "C" void ZOK_ResetSession();
@@ -448,7 +446,7 @@ private:
     void perform(std::string what, Step&& step, const std::vector<uint32_t>& restored = {}) {
         log_.push_back(std::move(what));
         const zok::Observation before = host_.observe();
-        const std::string counts_before = registry_counts();
+        const std::string counts_before = zoktest::registry_counts();
         bool raised = false;
         try {
             step();
@@ -463,18 +461,10 @@ private:
             const std::string changed = zok::difference(forgive(before, after, restored), after);
             if (!changed.empty())
                 fail("the step raised an error, yet changed the state: " + changed);
-            if (registry_counts() != counts_before)
+            if (const std::string counts = zoktest::registry_counts(); counts != counts_before)
                 fail("the step raised an error, yet changed the registry's counts: " +
-                     counts_before + "-> " + registry_counts());
+                     counts_before + "-> " + counts);
         }
-    }
-
-    // The registry's use counts, which no observation of the host shows.
-    static std::string registry_counts() {
-        std::string out;
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            out += e.name + "=" + std::to_string(e.uses) + " ";
-        return out;
     }
 
     // The restore pass resets the flags of the array's objects before it looks
@@ -508,14 +498,8 @@ private:
             fail(std::string("heap check: ") + e.what());
         }
         try {
-            for (const flux::ModuleCheck check : flux::module_checks())
-                if (const std::string fault = check(); !fault.empty())
-                    fail("module check: " + fault);
-            for (const uint32_t id : host_.heap_ids(ZOK_HEAP_OBJECT))
-                for (const flux::ClassCheck& c : flux::class_checks())
-                    if (host_.isa(ObjectRef{id}, c.class_name))
-                        if (const std::string fault = c.check(id); !fault.empty())
-                            fail(std::string(c.class_name) + " check: " + fault);
+            if (const std::string fault = zoktest::module_fault(host_); !fault.empty())
+                fail(fault);
         } catch (const zok::Error& e) {
             fail(std::string("a check raised: ") + e.what());
         }

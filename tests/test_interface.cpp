@@ -272,13 +272,6 @@ TEST_F(Interface, RegisteredRoutinesAreTheRows) {
         EXPECT_EQ(r.min_args, row.min_args);
         EXPECT_EQ(r.max_args, row.max_args);
         EXPECT_EQ(r.keywords, row.flags == keywords);
-        // An INIT that takes keywords has a keyword table.
-        const bool has_table =
-            std::any_of(std::begin(keyword_tables), std::end(keyword_tables),
-                        [&](const KeywordRow& k) { return class_of(row.name) == k.init_of; });
-        if (std::string(row.name).ends_with("::INIT")) {
-            EXPECT_EQ(has_table, r.keywords);
-        }
     }
     for (const auto& [name, r] : registered)
         EXPECT_TRUE(with_rows.count(name)) << name << " is registered but has no row";

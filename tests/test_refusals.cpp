@@ -9,6 +9,7 @@
 #include <set>
 
 #include "frame/routines.hpp"
+#include "support/checks.hpp"
 #include "support/messaging_testing.hpp"
 
 namespace {
@@ -106,27 +107,13 @@ struct World {
         };
         if (const auto found = calls.find(routine); found != calls.end())
             return found->second;
-        const std::map<std::string, ObjectRef> instances = {
-            {"ZOKDSMAP", map},
-            {"ZOKFWSAVEABLE", saveable},
-            {"ZOKFWHASAHANDLER", hasahandler},
-            {"ZOKFWBEHAVIOR", behavior},
-            {"ZOKFWMESSAGE", message},
-            {"ZOKFWMESSAGEHANDLER", handler},
-            {"ZOKFWPROCBEHAV", proc},
-            {"ZOKFWFUNCBEHAV", func},
-            {"ZOKFWOBJBEHAV", obj},
-            {"ZOKFWDELAYBEHAV", delay},
-            {"ZOKFWDELAYARGBEHAV", delayarg},
-            {"ZOKFWQUERY", query},
-            {"ZOKFWQUERYBEHAV", querybehav},
-        };
-        const auto instance = instances.find(routine.substr(0, routine.find("::")));
-        if (instance == instances.end()) {
-            ADD_FAILURE() << routine << " has no valid call in this test";
-            return {};
-        }
-        return {instance->second};
+        const std::string cls = routine.substr(0, routine.find("::"));
+        for (const ObjectRef o : {map, saveable, hasahandler, behavior, message, handler, proc,
+                                  func, obj, delay, delayarg, query, querybehav})
+            if (host.class_of(o) == cls)
+                return {o};
+        ADD_FAILURE() << routine << " has no valid call in this test";
+        return {};
     }
 
     void call(const zok::RoutineInfo& r, const zok::Args& args) {
@@ -134,18 +121,6 @@ struct World {
             host.call_function(r.name, args);
         else
             host.call_procedure(r.name, args);
-    }
-
-    std::string module_fault() {
-        for (const flux::ModuleCheck check : flux::module_checks())
-            if (std::string fault = check(); !fault.empty())
-                return fault;
-        for (const flux::ClassCheck& c : flux::class_checks())
-            for (const uint32_t id : host.heap_ids(ZOK_HEAP_OBJECT))
-                if (host.isa(ObjectRef{id}, c.class_name))
-                    if (std::string fault = c.check(id); !fault.empty())
-                        return fault;
-        return "";
     }
 
     zok::Host host;
@@ -283,7 +258,7 @@ TEST(Refusals, SingleValuedArgumentsRefuseOtherTypesAndArrays) {
                 const zok::Error e = expect_error(b.code, [&] { w.call(r, given); });
                 EXPECT_EQ(e.text(), b.text);
                 EXPECT_EQ(msgtest::Observable(w.host).since(before), "");
-                EXPECT_EQ(w.module_fault(), "");
+                EXPECT_EQ(zoktest::module_fault(w.host), "");
             }
         }
     }
@@ -398,7 +373,7 @@ TEST(Refusals, RunningOutOfMemoryChangesNothing) {
             }
             w->host.clear_faults();
             EXPECT_EQ(msgtest::Observable(w->host).since(before), "") << "allocation " << nth;
-            EXPECT_EQ(w->module_fault(), "") << "allocation " << nth;
+            EXPECT_EQ(zoktest::module_fault(w->host), "") << "allocation " << nth;
         }
         EXPECT_GT(failed_here, 0);
         failures += failed_here;
