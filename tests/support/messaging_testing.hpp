@@ -65,7 +65,9 @@ inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusal
 
 class Messaging : public ::testing::Test {
 protected:
-    Messaging() {
+    Messaging() { start(); }
+    // Loads the module and defines PROBE: once, and again in a fresh host.
+    void start() {
         host.load_module(ZOK_Load, ZOK_ResetSession);
         host.define_struct("PROBE", {}, "ZOKFWBEHAVIOR");
         host.add_procedure("PROBE::EXECUTE", 1, 2, [this](zok::Call& call) {
