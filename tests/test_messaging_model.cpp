@@ -330,13 +330,14 @@ protected:
     }
     enum class Pass { nothing, named, temporary };
     uint32_t new_behavior();
-    // A behaviour's own routine, or its method in both target classes.
+    // A behaviour's own routine, or its method in both target classes, named
+    // after the behaviour's identifier when it was made.
     struct Routine {
-        uint32_t first_id; // the behaviour's identifier when it was made
+        uint32_t id; // the behaviour's now
         Kind kind;
         bool killer;
     };
-    void add_routine(const Routine& r);
+    void add_routine(uint32_t first_id);
     void save_and_restore();
     void send_and_compare(uint32_t m, Pass pass, const Value& sent);
 
@@ -346,8 +347,7 @@ protected:
 
     std::mt19937 rng;
     Model model;
-    std::vector<Routine> routines;
-    std::map<uint32_t, uint32_t> now; // each routine's behaviour, by its first identifier
+    std::map<uint32_t, Routine> routines; // by the behaviour's first identifier
     // What a delivery was given: the variable itself, its flags and its value.
     struct Given {
         const zok_var* var;
@@ -389,15 +389,14 @@ uint32_t MessagingModel::new_behavior() {
         b.killer = kind == Kind::method && rng() % 4 == 0;
         b.routine = "CALL_" + std::to_string(id);
         b.name = rng() % 2 ? b.routine : "call_" + std::to_string(id);
-        routines.push_back({id, kind, b.killer});
-        add_routine(routines.back());
+        routines[id] = {id, kind, b.killer};
+        add_routine(id);
         const char* getters[] = {"PROC", "FUNC", "METHOD"};
         const std::string getter = getters[static_cast<int>(kind) - 1];
         host.call_method(self, "SET" + getter, {b.name});
         EXPECT_EQ(host.call_method(self, getter), Value(b.name));
     }
     model.behaviors[id] = b;
-    now[id] = id;
     if (scope)
         model.scope_message(model.behavior_handler(id), b.text);
     if (reg)
@@ -405,23 +404,23 @@ uint32_t MessagingModel::new_behavior() {
     return id;
 }
 
-void MessagingModel::add_routine(const Routine& r) {
+void MessagingModel::add_routine(uint32_t first_id) {
+    const Routine& r = routines.at(first_id);
     const bool method = r.kind == Kind::method;
-    const std::string name = "CALL_" + std::to_string(r.first_id);
+    const std::string name = "CALL_" + std::to_string(first_id);
     const auto add =
         r.kind == Kind::function ? &zok::Host::add_function : &zok::Host::add_procedure;
     (host.*add)((method ? "TARGET::" : "") + name, 1, method ? 2 : 1,
-                [this, r](zok::Call& call) {
-                    ran(now.at(r.first_id), call, r.kind == Kind::method ? 1 : 0);
+                [this, &r](zok::Call& call) {
+                    ran(r.id, call, r.kind == Kind::method ? 1 : 0);
                     if (r.killer)
                         host.destroy(call.self());
                     return r.kind == Kind::function ? Value("a result nobody keeps") : Value();
                 },
                 false);
     if (method) // the target's own class resolves the name
-        host.add_procedure("SUBTARGET::" + name, 1, 2, [this, r](zok::Call& call) {
-            return ran(~now.at(r.first_id), call, 1);
-        });
+        host.add_procedure("SUBTARGET::" + name, 1, 2,
+                           [this, &r](zok::Call& call) { return ran(~r.id, call, 1); });
 }
 
 // The session goes to a file and comes back after a reset, sometimes in a
@@ -430,16 +429,16 @@ void MessagingModel::add_routine(const Routine& r) {
 void MessagingModel::save_and_restore() {
     const std::vector<std::string> names = {"FW", "TARGETS"};
     std::vector<Value> saved[2];
-    for (const auto& [id, handler] : model.handlers)
-        if (id < Model::kDefaultBase)
-            saved[0].emplace_back(ObjectRef{id});
-    for (const auto& [id, behavior] : model.behaviors)
-        saved[0].emplace_back(ObjectRef{id});
-    for (const auto& [id, message] : model.messages)
-        saved[0].emplace_back(ObjectRef{id});
+    const auto keep = [&](const auto& objects, int into) {
+        for (const auto& [id, object] : objects)
+            if (id < Model::kDefaultBase)
+                saved[into].emplace_back(ObjectRef{id});
+    };
+    keep(model.handlers, 0);
+    keep(model.behaviors, 0);
+    keep(model.messages, 0);
+    keep(model.live_targets, 1);
     std::shuffle(saved[0].begin(), saved[0].end(), rng);
-    for (const auto& [id, sub] : model.live_targets)
-        saved[1].emplace_back(ObjectRef{id});
     for (int i = 0; i < 2; ++i)
         host.set_var(names[i], Value::array(ZOK_T_OBJECT, saved[i]));
     const std::string path =
@@ -451,8 +450,8 @@ void MessagingModel::save_and_restore() {
         new (&host) zok::Host();
         start();
         define();
-        for (const Routine& r : routines)
-            add_routine(r);
+        for (const auto& [first_id, routine] : routines)
+            add_routine(first_id);
     } else {
         host.reset_session();
     }
@@ -469,8 +468,8 @@ void MessagingModel::save_and_restore() {
             renamed[saved[i][k].as_object().id] = restored[k].as_object().id;
     }
     model.restored(renamed);
-    for (auto& [first, id] : now)
-        id = renamed.count(id) ? renamed[id] : 0;
+    for (auto& [first_id, routine] : routines)
+        routine.id = renamed.count(routine.id) ? renamed[routine.id] : 0;
     std::map<uint32_t, std::function<void(zok::Call&)>> actions;
     for (auto& [id, action] : on_execute)
         if (renamed.count(id))
