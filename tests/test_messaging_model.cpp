@@ -445,10 +445,8 @@ void MessagingModel::save_and_restore() {
         (std::filesystem::temp_directory_path() / ("model." + std::to_string(::getpid()))).string();
     host.save(path, names);
     const uint32_t next = host.next_heap_id();
-    if (rng() % 3 == 0) { // made where the fixture's host was, so every helper uses it
-        host.~Host();
-        new (&host) zok::Host();
-        start();
+    if (rng() % 3 == 0) {
+        fresh_host();
         define();
         for (const auto& [first_id, routine] : routines)
             add_routine(first_id);

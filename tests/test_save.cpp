@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <tuple>
 
 #include <zlib.h>
@@ -43,20 +42,14 @@ void write_file(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-// A host program: the module, a program subclass of a module class (PROBE,
-// defined as asked), a target class whose HIT logs its argument, and a small
-// framework that holds what the messaging model lacks, left in the program
-// variables FW, TARGET, MAP and IDENTS.
-class Program {
-public:
-    enum class Probe { Defined, Missing, Changed };
-    explicit Program(Probe probe = Probe::Defined) {
-        host.load_module(ZOK_Load, ZOK_ResetSession);
-        if (probe != Probe::Missing)
-            host.define_struct("PROBE",
-                               probe == Probe::Changed ? std::vector<zok::TagSpec>{{"EXTRA"}}
-                                                       : std::vector<zok::TagSpec>{},
-                               "ZOKFWBEHAVIOR");
+// The messaging fixture with a target class whose HIT logs its argument, and a
+// small framework that holds what the messaging model lacks (PROBE, a program
+// subclass of a module class, among it), left in the program variables FW,
+// TARGET, MAP and IDENTS.
+class SaveRestore : public msgtest::Messaging {
+protected:
+    SaveRestore() { define_target(); }
+    void define_target() {
         host.define_struct("TARGET", {{"N", ZOK_T_LONG}});
         host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& c) {
             log += "hit(" + (c.argc() > 1 ? c.arg(1).to_string() : "") + ") ";
@@ -140,31 +133,29 @@ public:
         return out + log;
     }
 
-    zok::Host host;
     std::string log;
 };
 
 const std::vector<std::string> kSaved = {"FW", "TARGET", "MAP", "IDENTS"};
 
-TEST(SaveRestore, ArmedDelaysMapsAndHeldIdentifiersComeBackAfterAReset) {
+TEST_F(SaveRestore, ArmedDelaysMapsAndHeldIdentifiersComeBackAfterAReset) {
     const TempFile file{temp_path("roundtrip")};
-    Program p;
-    p.build();
-    p.host.save(file.path, kSaved);
-    const std::string before = p.digest();
-    p.host.reset_session();
-    EXPECT_EQ(p.host.restore(file.path), kSaved);
-    p.after_restore();
+    build();
+    host.save(file.path, kSaved);
+    const std::string before = digest();
+    host.reset_session();
+    EXPECT_EQ(host.restore(file.path), kSaved);
+    after_restore();
     EXPECT_EQ(flux::fwident_check(), "");
-    EXPECT_EQ(p.digest(), before);
+    EXPECT_EQ(digest(), before);
 }
 
 // A small file, made by a host that still holds the framework it saved.
-class BadFiles : public ::testing::Test {
+class BadFiles : public SaveRestore {
 protected:
-    BadFiles() : p(std::make_unique<Program>()) {
-        p->build(); // small enough to damage at every byte
-        p->host.save(path, kSaved);
+    BadFiles() {
+        build(); // small enough to damage at every byte
+        host.save(path, kSaved);
         good = read_file(path);
     }
 
@@ -172,10 +163,10 @@ protected:
     // name and then `what`; nothing may change.
     void refused(const std::string& bytes, int32_t code, const std::string& what) {
         write_file(path, bytes);
-        const zok::Observation before = p->host.observe();
-        const zok::Error e = expect_error(code, [&] { p->host.restore(path); });
+        const zok::Observation before = host.observe();
+        const zok::Error e = expect_error(code, [&] { host.restore(path); });
         EXPECT_EQ(e.text().substr(0, prefix().size() + what.size()), prefix() + what) << e.text();
-        EXPECT_EQ(zok::difference(before, p->host.observe()), "");
+        EXPECT_EQ(zok::difference(before, host.observe()), "");
     }
     std::string prefix() const { return "Save file " + path + " "; }
     std::string with_u32(size_t at, uint32_t v) const {
@@ -184,7 +175,6 @@ protected:
         return out;
     }
 
-    std::unique_ptr<Program> p;
     const TempFile file{temp_path("bad")};
     const std::string& path = file.path;
     std::string good;
@@ -203,10 +193,10 @@ TEST_F(BadFiles, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
     refused(with_u32(8, 2), ZOK_ERR_SAVE_FILE, "has format version 2; this host reads version 1");
     std::filesystem::remove(path);
-    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(path); }).text(),
+    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(path); }).text(),
               prefix() + "cannot be opened: No such file or directory; nothing was restored.");
     const std::string dir = std::filesystem::path(path).parent_path().string();
-    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { p->host.restore(dir); }).text(),
+    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(dir); }).text(),
               "Save file " + dir + " cannot be opened: Is a directory; nothing was restored.");
 
     // A flipped bit: where it lands decides what is found first.
@@ -231,42 +221,42 @@ TEST_F(BadFiles, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
 
     // A sound file whose program class this host lacks or defines otherwise,
     // restored into a live framework that must stay as it is.
-    const std::tuple<Program::Probe, int32_t, std::string> classes[] = {
-        {Program::Probe::Missing, ZOK_ERR_UNKNOWN_CLASS,
+    const std::tuple<std::optional<std::vector<zok::TagSpec>>, int32_t, std::string> classes[] = {
+        {std::nullopt, ZOK_ERR_UNKNOWN_CLASS,
          "holds objects of class PROBE, which this host does not define; nothing was restored."},
-        {Program::Probe::Changed, ZOK_ERR_STRUCT,
+        {std::vector<zok::TagSpec>{{"EXTRA"}}, ZOK_ERR_STRUCT,
          "holds class PROBE with another layout (saved: parent ZOKFWBEHAVIOR; tags "
          "ZOKFWSAVEABLE_TOP:DOUBLE"},
     };
     for (const auto& [probe, code, text] : classes) {
-        p.reset(); // one host at a time
-        p = std::make_unique<Program>(probe);
-        p->build(probe == Program::Probe::Defined);
+        fresh_host(probe);
+        define_target();
+        build(false);
         refused(good, code, text);
     }
 }
 
 TEST_F(BadFiles, AnAllocationFailureAnywhereInARestoreChangesNothing) {
-    p->host.reset_session();
-    const zok::Observation empty = p->host.observe();
+    host.reset_session();
+    const zok::Observation empty = host.observe();
     // Fails the 1st, 2nd, ... allocation in turn until the restore goes through.
     uint64_t nth = 1;
     for (;; ++nth) {
-        p->host.fail_allocation(nth);
+        host.fail_allocation(nth);
         try {
-            p->host.restore(path);
+            host.restore(path);
             break;
         } catch (const zok::Error& e) {
             EXPECT_EQ(e.code(), ZOK_ERR_NO_MEMORY);
             EXPECT_EQ(e.text(),
                       "Unable to allocate memory to restore " + path + "; nothing was restored.");
         }
-        p->host.clear_faults();
-        ASSERT_EQ(zok::difference(empty, p->host.observe()), "") << "allocation " << nth;
+        host.clear_faults();
+        ASSERT_EQ(zok::difference(empty, host.observe()), "") << "allocation " << nth;
     }
-    p->host.clear_faults();
+    host.clear_faults();
     EXPECT_GT(nth, 20u) << "the sweep reached too few allocations";
-    p->after_restore();
+    after_restore();
 }
 
 } // namespace
