@@ -333,7 +333,7 @@ protected:
     // A behaviour's own routine, or its method in both target classes, named
     // after the behaviour's identifier when it was made.
     struct Routine {
-        uint32_t id; // the behaviour's now
+        uint32_t id; // the behaviour's identifier now (a restore gives it another)
         Kind kind;
         bool killer;
     };
