@@ -65,9 +65,13 @@ inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusal
 
 class Messaging : public ::testing::Test {
 protected:
-    Messaging() {
+    Messaging() { start(); }
+    // Loads the module and defines PROBE with `probe_tags` (none: no PROBE).
+    void start(std::optional<std::vector<zok::TagSpec>> probe_tags = std::vector<zok::TagSpec>{}) {
         host.load_module(ZOK_Load, ZOK_ResetSession);
-        host.define_struct("PROBE", {}, "ZOKFWBEHAVIOR");
+        if (!probe_tags)
+            return;
+        host.define_struct("PROBE", *probe_tags, "ZOKFWBEHAVIOR");
         host.add_procedure("PROBE::EXECUTE", 1, 2, [this](zok::Call& call) {
             const uint32_t self = call.self().id;
             executed.push_back(self);
@@ -75,6 +79,15 @@ protected:
                 action->second(call);
             return Value();
         });
+    }
+
+    // The module serves one host at a time: this one goes, a fresh one takes
+    // its place, so every helper uses it.
+    void
+    fresh_host(std::optional<std::vector<zok::TagSpec>> probe_tags = std::vector<zok::TagSpec>{}) {
+        host.~Host();
+        new (&host) zok::Host();
+        start(std::move(probe_tags));
     }
 
     ObjectRef handler(ObjectRef parent = {}) {
