@@ -38,25 +38,25 @@ public:
     MethodArgs(uint32_t self_id, int32_t argc, zok_var** args) : count_(argc + 1) {
         self_.type = ZOK_T_OBJECT;
         self_.value.heap_id = self_id;
-        zok_var** v = small_;
-        if (static_cast<size_t>(count_) + 1 > kSmallArgs) {
+        if (static_cast<size_t>(count_) + 1 > kSmallArgs) [[unlikely]] {
             heap_ = std::make_unique<zok_var*[]>(static_cast<size_t>(count_) + 1);
-            v = heap_.get();
+            v_ = heap_.get();
         }
-        v[0] = &self_;
+        v_[0] = &self_;
         for (int32_t i = 0; i < argc; ++i)
-            v[i + 1] = args[i];
-        v[count_] = nullptr;
+            v_[i + 1] = args[i];
+        v_[count_] = nullptr;
     }
     MethodArgs(const MethodArgs&) = delete;
     MethodArgs& operator=(const MethodArgs&) = delete;
-    zok_var** data() { return heap_ ? heap_.get() : small_; }
+    zok_var** data() { return v_; }
     int32_t count() const { return count_; }
 
 private:
     zok_var self_{};
     int32_t count_;
     zok_var* small_[kSmallArgs]; // filled up to count_ by the constructor
+    zok_var** v_ = small_;
     std::unique_ptr<zok_var*[]> heap_;
 };
 
@@ -247,8 +247,11 @@ namespace {
 }
 
 // invoke_in_frame's body, also inlined where a method call runs it.
+// Arguments before `checked_from` are the host's own (a method's self) and are
+// never null.
 [[gnu::always_inline]] inline zok_var* run_in_frame(State& s, const Routine& r, int32_t argc,
-                                                    zok_var** argv, zok_keywords* kw) {
+                                                    zok_var** argv, zok_keywords* kw,
+                                                    int32_t checked_from = 0) {
     if (argc < r.min_args || argc > r.max_args) [[unlikely]] {
         refuse_arg_count(r, argc);
         return nullptr;
@@ -257,7 +260,7 @@ namespace {
         refuse_keywords(r, *kw);
         return nullptr;
     }
-    for (int32_t i = 0; i < argc; ++i)
+    for (int32_t i = checked_from; i < argc; ++i)
         if (!argv[i]) [[unlikely]] {
             refuse_null_argument(r, i);
             return nullptr;
@@ -538,7 +541,7 @@ namespace {
         return refuse_unknown_method(*cls, *method);
     MethodArgs argv(object->id, argc, args);
     FrameGuard guard(s, r);
-    zok_var* result = run_in_frame(s, *r, argv.count(), argv.data(), nullptr);
+    zok_var* result = run_in_frame(s, *r, argv.count(), argv.data(), nullptr, 1);
     guard.done();
     return result;
 }

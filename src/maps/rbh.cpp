@@ -65,11 +65,6 @@ const tree::Complaints RbhAccess::complaints{
     .find_gkey_non_head = {"map_rbh_find_gkey_n called on non-head"},
 };
 
-RbhNodeData* map_rbh_node(uint32_t node) {
-    zok_heap_record* record = host_heap_var(node);
-    return record ? static_cast<RbhNodeData*>(record->var.value.st.data) : nullptr;
-}
-
 uint32_t map_rbh_new_tree() {
     return RbhAccess::id(RbhTree::new_tree());
 }

@@ -19,8 +19,11 @@ using RbhCompare = int (*)(uint32_t key, uint32_t leaf_key);
 // A new empty tree's head, or 0 when no heap variable can be made.
 uint32_t map_rbh_new_tree();
 // The node's instance data, or null when no heap variable has that identifier.  Valid
-// until the node is freed.
-RbhNodeData* map_rbh_node(uint32_t node);
+// until the node is freed.  Inline: every walk over a tree reads each node through it.
+inline RbhNodeData* map_rbh_node(uint32_t node) {
+    zok_heap_record* record = host_heap_var(node);
+    return record ? static_cast<RbhNodeData*>(record->var.value.st.data) : nullptr;
+}
 
 // As map_rb_find_*_n: the leaf with an equal key (found = true), else the leaf to insert
 // before, or the head.
