@@ -416,6 +416,9 @@ void decode(Reader& r, const std::string& path, Plan& plan) {
     for (auto& [name, v] : plan.vars) {
         v = zok_var{};
         name = r.text("a variable name");
+        // The program reaches its variables by upper-case name only.
+        if (!is_upper(name))
+            r.corrupt("variable name " + name + " is not in upper case");
         decoder.value(v);
     }
     for (size_t i = 0; i < plan.vars.size(); ++i)

@@ -213,11 +213,19 @@ TEST_F(BadFiles, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
     }
 
     // A sound checksum over unsound content: the decoder still refuses it.
-    std::string forged = good.substr(0, 24) + std::string(content, '\xff');
-    const uint32_t crc = static_cast<uint32_t>(
-        crc32_z(0, reinterpret_cast<const unsigned char*>(forged.data() + 24), content));
-    std::memcpy(forged.data() + 12, &crc, 4);
-    refused(forged, ZOK_ERR_SAVE_FILE, "is corrupt: the structure table runs past the end");
+    const auto forged = [&](const std::string& body) {
+        std::string out = good.substr(0, 24) + body;
+        const uint32_t crc = static_cast<uint32_t>(
+            crc32_z(0, reinterpret_cast<const unsigned char*>(body.data()), body.size()));
+        std::memcpy(out.data() + 12, &crc, 4);
+        return out;
+    };
+    refused(forged(std::string(content, '\xff')), ZOK_ERR_SAVE_FILE,
+            "is corrupt: the structure table runs past the end");
+    std::string lower_name = good.substr(24);
+    lower_name[lower_name.rfind("IDENTS") + 5] = 's';
+    refused(forged(lower_name), ZOK_ERR_SAVE_FILE,
+            "is corrupt: variable name IDENTs is not in upper case");
 
     // A sound file whose program class this host lacks or defines otherwise,
     // restored into a live framework that must stay as it is.
