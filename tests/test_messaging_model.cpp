@@ -9,6 +9,7 @@
 // handler's scope-table check.  Now and then the session goes through a save
 // file and back, and the checks go on against the same model.
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -82,72 +83,62 @@ struct Model {
         }
         return default_key;
     }
-    uint32_t effective(uint32_t my, uint32_t self) {
-        if (my != 0)
-            return my;
-        if (self == default_key)
-            return 0;
-        return ensure_default();
+    // The handler an object of any kind names, or the default one (which names none).
+    uint32_t up(uint32_t id) {
+        const uint32_t my = handlers.count(id)    ? handlers.at(id).my
+                            : behaviors.count(id) ? behaviors.at(id).my
+                                                  : messages.at(id).my;
+        return my != 0 ? my : id == default_key ? 0 : ensure_default();
     }
-    uint32_t up(uint32_t h) { return effective(handlers.at(h).my, h); }
-    uint32_t behavior_handler(uint32_t b) { return effective(behaviors.at(b).my, b); }
-    uint32_t message_handler(uint32_t m) { return effective(messages.at(m).my, m); }
     std::set<uint32_t>* scope(uint32_t h, const std::string& text) {
         auto& scopes = handlers.at(h).scopes;
         const auto it = scopes.find(text);
         return it == scopes.end() ? nullptr : &it->second;
     }
+    // The first handler from h up that scopes the text; 0 when none does.
+    uint32_t scoping(uint32_t h, const std::string& text) {
+        while (h != 0 && scope(h, text) == nullptr)
+            h = up(h);
+        return h;
+    }
 
+    // A behaviour is filed where its text is first scoped, else at the root.
     void add(uint32_t h, uint32_t b) {
-        const std::string text = behaviors.at(b).text;
-        for (;;) {
-            if (auto* set = scope(h, text)) {
-                set->insert(b);
-                return;
-            }
-            const uint32_t next = up(h);
-            if (next == 0)
-                break;
-            h = next;
-        }
-        scope_message(h, text);
-        scope(h, text)->insert(b);
+        const std::string& text = behaviors.at(b).text;
+        uint32_t at = scoping(h, text);
+        if (at == 0)
+            scope_message(at = ensure_default(), text);
+        scope(at, text)->insert(b);
     }
     void remove(uint32_t h, uint32_t b) {
-        const std::string text = behaviors.at(b).text;
-        for (; h != 0; h = up(h)) {
-            auto* set = scope(h, text);
-            if (set != nullptr && set->erase(b) != 0) {
+        const std::string& text = behaviors.at(b).text;
+        for (; h != 0; h = up(h))
+            if (auto* set = scope(h, text); set != nullptr && set->erase(b) != 0) {
                 if (h == default_key && set->empty())
                     unscope_message(h, text);
                 return;
             }
-        }
     }
     void reregister(uint32_t b) {
-        if (!behaviors.at(b).registered)
-            return;
-        remove(behavior_handler(b), b);
-        add(behavior_handler(b), b);
+        if (behaviors.at(b).registered) {
+            remove(up(b), b);
+            add(up(b), b);
+        }
     }
     void set_registered(uint32_t b, bool on) {
         if (behaviors.at(b).registered == on)
             return;
-        on ? add(behavior_handler(b), b) : remove(behavior_handler(b), b);
+        on ? add(up(b), b) : remove(up(b), b);
         behaviors.at(b).registered = on;
     }
+    // A new scope takes over what it now hides from the scope above it.
     void scope_message(uint32_t h, const std::string& text) {
         if (scope(h, text) != nullptr)
             return;
         handlers.at(h).scopes[text];
-        for (uint32_t above = up(h); above != 0; above = up(above)) {
-            if (auto* set = scope(above, text)) {
-                const std::set<uint32_t> snapshot = *set;
-                for (const uint32_t b : snapshot)
-                    reregister(b);
-                return;
-            }
-        }
+        if (const uint32_t above = scoping(up(h), text))
+            for (const uint32_t b : std::set(*scope(above, text)))
+                reregister(b);
     }
     void unscope_message(uint32_t h, const std::string& text) {
         auto& scopes = handlers.at(h).scopes;
@@ -157,39 +148,34 @@ struct Model {
             for (const uint32_t b : snapshot)
                 reregister(b);
         }
-        if (h == default_key && handlers.at(h).scopes.empty()) {
-            handlers.erase(h);
-            default_key = 0;
-        }
+        if (h == default_key && handlers.at(h).scopes.empty())
+            handlers.erase(std::exchange(default_key, 0));
     }
     // Each behaviour of the snapshot in identifier order: a method behaviour
     // whose target is unset or dead (killed earlier in this very send, too)
     // unregisters itself instead; one whose method nobody registered runs nothing.
     void send(uint32_t h, const std::string& text) {
         delivered.clear();
-        receivers = 0;
         answer.reset();
-        for (; h != 0; h = up(h)) {
-            if (const auto* set = scope(h, text)) {
-                const std::set<uint32_t> snapshot = *set;
-                receivers = snapshot.size();
-                for (const uint32_t id : snapshot) {
-                    Behavior& b = behaviors.at(id);
-                    if (b.kind == Kind::answer) {
-                        answer = b.response.value_or(kNoResponse);
-                    } else if (b.kind != Kind::method) {
-                        delivered.push_back(id);
-                    } else if (live_targets.count(b.target) == 0) {
-                        set_registered(id, false);
-                    } else if (!b.name.empty() && live_targets.at(b.target)) {
-                        delivered.push_back(~id); // the subclass's override ran
-                    } else if (!b.name.empty()) {
-                        delivered.push_back(id);
-                        if (b.killer)
-                            live_targets.erase(b.target);
-                    }
-                }
-                return;
+        receivers = 0;
+        if ((h = scoping(h, text)) == 0)
+            return;
+        const std::set<uint32_t> snapshot = *scope(h, text);
+        receivers = snapshot.size();
+        for (const uint32_t id : snapshot) {
+            const Behavior& b = behaviors.at(id);
+            if (b.kind == Kind::answer) {
+                answer = b.response.value_or(kNoResponse);
+            } else if (b.kind != Kind::method) {
+                delivered.push_back(id);
+            } else if (live_targets.count(b.target) == 0) {
+                set_registered(id, false);
+            } else if (!b.name.empty() && live_targets.at(b.target)) {
+                delivered.push_back(~id); // the subclass's override ran
+            } else if (!b.name.empty()) {
+                delivered.push_back(id);
+                if (b.killer)
+                    live_targets.erase(b.target);
             }
         }
     }
@@ -219,16 +205,14 @@ struct Model {
     // none), the default handler, module state, gone with its scopes; then the
     // restore pass takes each registered behaviour out and files it again.
     void restored(const std::map<uint32_t, uint32_t>& to) {
-        const auto at = [&](uint32_t id) {
-            const auto it = to.find(id);
-            return it == to.end() ? 0u : it->second;
-        };
+        const auto at = [&](uint32_t id) { return to.count(id) != 0 ? to.at(id) : 0u; };
         if (default_key != 0)
             handlers.erase(std::exchange(default_key, 0));
         const auto renamed = [&](auto& objects) {
             std::remove_reference_t<decltype(objects)> out;
             for (auto& [id, object] : objects) {
-                object.my = at(object.my);
+                if constexpr (requires { object.my; })
+                    object.my = at(object.my);
                 out.emplace(at(id), std::move(object));
             }
             objects = std::move(out);
@@ -236,21 +220,17 @@ struct Model {
         renamed(handlers);
         renamed(behaviors);
         renamed(messages);
+        renamed(live_targets);
         for (auto& [id, handler] : handlers)
             for (auto& [text, set] : handler.scopes) {
                 std::set<uint32_t> now;
-                for (const uint32_t b : set)
-                    now.insert(at(b));
-                set = now;
+                std::ranges::transform(set, std::inserter(now, now.end()), at);
+                set = std::move(now);
             }
-        std::map<uint32_t, bool> targets;
-        for (const auto& [id, sub] : live_targets)
-            targets[at(id)] = sub;
-        live_targets = targets;
-        for (auto& [id, behavior] : behaviors)
+        for (auto& [id, behavior] : behaviors) {
             behavior.target = at(behavior.target);
-        for (const auto& [id, behavior] : behaviors)
             reregister(id);
+        }
     }
     // Whether `h` lies on the chain of explicit handlers above `from`.
     bool above(uint32_t h, uint32_t from) const {
@@ -284,14 +264,13 @@ protected:
     uint32_t real(uint32_t key) const {
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
-
+    uint32_t pointer(uint32_t id, const char* tag) {
+        return host.get_tag(ObjectRef{id}, tag).as_pointer().id;
+    }
     // Any one of a map's keys; 0 when there is none.
     template <class Container>
     uint32_t pick(const Container& objects) {
-        if (objects.empty())
-            return 0;
-        auto it = std::next(objects.begin(), rng() % objects.size());
-        return it->first;
+        return objects.empty() ? 0 : std::next(objects.begin(), rng() % objects.size())->first;
     }
     const std::string& text() {
         static const std::string texts[] = {"alpha", "beta", "gamma", kGeneric};
@@ -323,13 +302,12 @@ protected:
     Value ran(uint32_t id, zok::Call& call, int32_t arg) {
         if (id != 0)
             executed.push_back(id);
-        given.push_back({call.argc() > arg ? call.var(arg) : nullptr,
-                         call.argc() > arg ? call.var(arg)->flags : uint8_t{0},
-                         call.argc() > arg ? call.arg(arg) : Value()});
+        const zok_var* var = call.argc() > arg ? call.var(arg) : nullptr;
+        given.push_back({var, var ? var->flags : uint8_t{0}, var ? call.arg(arg) : Value()});
         return Value();
     }
     enum class Pass { nothing, named, temporary };
-    uint32_t new_behavior();
+    void new_behavior();
     // A behaviour's own routine, or its method in both target classes, named
     // after the behaviour's identifier when it was made.
     struct Routine {
@@ -360,7 +338,7 @@ protected:
     uint8_t left_flags = 0;
 };
 
-uint32_t MessagingModel::new_behavior() {
+void MessagingModel::new_behavior() {
     const Kind kind = static_cast<Kind>(rng() % 5);
     Model::Behavior b;
     b.my = program_handler_or_none();
@@ -379,7 +357,6 @@ uint32_t MessagingModel::new_behavior() {
     const char* classes[] = {"PROBE", "ZOKFWPROCBEHAV", "ZOKFWFUNCBEHAV", "ZOKFWOBJBEHAV",
                              "ZOKFWQUERYBEHAV"};
     const uint32_t id = host.new_object(classes[static_cast<int>(kind)], {}, kw).id;
-    const ObjectRef self{id};
     if (kind == Kind::probe) {
         on_execute[id] = [this](zok::Call& call) {
             EXPECT_GT(host.memory("ZOkfwBehaviorList").blocks, 0u) << "a delivery walks a snapshot";
@@ -391,17 +368,15 @@ uint32_t MessagingModel::new_behavior() {
         b.name = rng() % 2 ? b.routine : "call_" + std::to_string(id);
         routines[id] = {id, kind, b.killer};
         add_routine(id);
-        const char* getters[] = {"PROC", "FUNC", "METHOD"};
-        const std::string getter = getters[static_cast<int>(kind) - 1];
-        host.call_method(self, "SET" + getter, {b.name});
-        EXPECT_EQ(host.call_method(self, getter), Value(b.name));
+        const std::string getter = std::array{"PROC", "FUNC", "METHOD"}[static_cast<int>(kind) - 1];
+        host.call_method(ObjectRef{id}, "SET" + getter, {b.name});
+        EXPECT_EQ(host.call_method(ObjectRef{id}, getter), Value(b.name));
     }
     model.behaviors[id] = b;
     if (scope)
-        model.scope_message(model.behavior_handler(id), b.text);
+        model.scope_message(model.up(id), b.text);
     if (reg)
         model.set_registered(id, true);
-    return id;
 }
 
 void MessagingModel::add_routine(uint32_t first_id) {
@@ -479,18 +454,16 @@ void MessagingModel::save_and_restore() {
 // in order, with what, and what the query was answered.
 void MessagingModel::send_and_compare(uint32_t m, Pass pass, const Value& sent) {
     Model::Message& message = model.messages.at(m);
-    model.send(model.message_handler(m), message.text);
+    model.send(model.up(m), message.text);
     executed.clear();
     given.clear();
     host.clear_messages();
     if (message.query) {
-        const uint32_t result = host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id;
+        const uint32_t result = pointer(m, "QUERY_RESULT");
         message.result = model.answer.value_or(message.result);
         EXPECT_EQ(host.call_method(ObjectRef{m}, "SENDQUERY"), message.result);
         // Every answer lands in the same heap variable, as a copy.
-        if (result != 0) {
-            EXPECT_EQ(host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id, result);
-        }
+        EXPECT_TRUE(result == 0 || pointer(m, "QUERY_RESULT") == result);
     } else if (pass == Pass::temporary) {
         host.call_procedure("RELAY", {ObjectRef{m}, sent});
     } else {
@@ -513,8 +486,7 @@ void MessagingModel::step() {
     switch (rng() % 16) {
     case 0: {
         const uint32_t parent = program_handler_or_none();
-        const uint32_t id = handler(ObjectRef{parent}).id;
-        model.handlers[id].my = parent;
+        model.handlers[handler(ObjectRef{parent}).id].my = parent;
         break;
     }
     case 1:
@@ -530,17 +502,15 @@ void MessagingModel::step() {
                     query ? "ZOKFWQUERY" : "ZOKFWMESSAGE", {},
                     {{"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}})
                 .id;
-        model.messages[id] = {parent, t, query, Value()};
+        model.messages[id] = {parent, t, query, query ? Value("UnInitialized Result") : Value()};
         if (query && rng() % 2) { // a copy of a program variable as its result
             host.set_var("RESULT", static_cast<int32_t>(id));
             host.call_method(ObjectRef{id}, "SETRESULT", {zok::Ref{"RESULT"}});
             EXPECT_EQ(host.get_var("RESULT").as_int(), id);
             model.messages.at(id).result = Value(static_cast<int32_t>(id));
-        } else if (query) {
-            model.messages.at(id).result = Value("UnInitialized Result");
         }
         if (scope)
-            model.scope_message(model.message_handler(id), t);
+            model.scope_message(model.up(id), t);
         break;
     }
     case 3:
@@ -567,16 +537,14 @@ void MessagingModel::step() {
             add ? model.add(h, b) : model.remove(h, b);
         }
         break;
-    case 7:
+    case 7: // a new text for a behaviour and a message; a query's is its own
         if (b != 0 && model.behaviors.at(b).kind != Kind::answer) {
-            const std::string t = text();
-            host.call_method(ObjectRef{b}, "SETMESSAGESTRING", {t});
-            model.behaviors.at(b).text = t;
+            model.behaviors.at(b).text = text();
+            host.call_method(ObjectRef{b}, "SETMESSAGESTRING", {model.behaviors.at(b).text});
         }
         if (m != 0 && !model.messages.at(m).query) {
-            const std::string t = text();
-            host.call_method(ObjectRef{m}, "SETMESSAGESTRING", {t});
-            model.messages.at(m).text = t;
+            model.messages.at(m).text = text();
+            host.call_method(ObjectRef{m}, "SETMESSAGESTRING", {model.messages.at(m).text});
         }
         break;
     case 8:
@@ -595,9 +563,8 @@ void MessagingModel::step() {
                 const auto run = model.behaviors.find(executed[i]);
                 if (run == model.behaviors.end() || run->second.kind != Kind::probe)
                     continue; // a routine's or method's argument is the host's copy
-                const Given& g = given[i];
-                EXPECT_EQ(g.var == caller, !shared);
-                EXPECT_EQ(g.flags & ZOK_VF_TEMPORARY, shared ? 0 : ZOK_VF_TEMPORARY);
+                EXPECT_EQ(given[i].var == caller, !shared);
+                EXPECT_EQ(given[i].flags & ZOK_VF_TEMPORARY, shared ? 0 : ZOK_VF_TEMPORARY);
             }
             EXPECT_EQ(left, shared ? Value() : sent);
             EXPECT_EQ(shared ? left_flags : left_flags & ZOK_VF_TEMPORARY, ZOK_VF_TEMPORARY);
@@ -623,18 +590,13 @@ void MessagingModel::step() {
         }
         break;
     }
-    case 12: { // HANDLER may make the default handler, which has none itself
-        const uint32_t which = rng() % 3;
-        const uint32_t obj = which == 0 ? b : which == 1 ? m : h;
-        if (obj == 0)
-            break;
-        const uint32_t got = host.call_method(ObjectRef{real(obj)}, "HANDLER").as_object().id;
-        const uint32_t want = which == 0   ? model.behavior_handler(obj)
-                              : which == 1 ? model.message_handler(obj)
-                                           : model.up(obj);
-        EXPECT_EQ(got, want == 0 ? 0 : real(want));
+    case 12: // HANDLER may make the default handler, which has none itself
+        if (const uint32_t obj = std::array{b, m, h}[rng() % 3]; obj != 0) {
+            const uint32_t got = host.call_method(ObjectRef{real(obj)}, "HANDLER").as_object().id;
+            const uint32_t want = model.up(obj);
+            EXPECT_EQ(got, want == 0 ? 0 : real(want));
+        }
         break;
-    }
     case 13: // a handler goes, once whatever named it points above it
         if (h != 0) {
             const uint32_t parent = model.handlers.at(h).my;
@@ -651,7 +613,7 @@ void MessagingModel::step() {
             // An explicit CLEANUP leaves the object with no scope table.
             const ObjectRef gone{real(h)};
             host.call_method(gone, "CLEANUP");
-            EXPECT_EQ(host.get_tag(gone, "BEHAVIORS").as_pointer().id, 0u);
+            EXPECT_EQ(pointer(gone.id, "BEHAVIORS"), 0u);
             host.destroy(gone);
             model.destroy_handler(h);
         }
@@ -677,23 +639,22 @@ void MessagingModel::step() {
             } else if ((response = rng() % 3 ? std::optional(value()) : std::nullopt)) {
                 host.call_method(ObjectRef{b}, "SETRESPONSE", {*response});
             } else { // with self alone: cleared, its heap variable freed
-                const uint32_t held = host.get_tag(ObjectRef{b}, "RESPONSE").as_pointer().id;
+                const uint32_t held = pointer(b, "RESPONSE");
                 host.call_method(ObjectRef{b}, "SETRESPONSE");
                 EXPECT_TRUE(held == 0 || !host.heap_alive(held));
-                EXPECT_EQ(host.get_tag(ObjectRef{b}, "RESPONSE").as_pointer().id, 0u);
+                EXPECT_EQ(pointer(b, "RESPONSE"), 0u);
             }
         } else if (b != 0 && !model.would_stay_filed(b)) {
-            const uint32_t response = host.isa(ObjectRef{b}, "ZOKFWQUERYBEHAV")
-                                          ? host.get_tag(ObjectRef{b}, "RESPONSE").as_pointer().id
-                                          : 0;
+            const uint32_t response =
+                host.isa(ObjectRef{b}, "ZOKFWQUERYBEHAV") ? pointer(b, "RESPONSE") : 0;
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
             EXPECT_TRUE(response == 0 || !host.heap_alive(response)) << "its CLEANUP frees it";
         } else if (m != 0 && model.messages.at(m).query) {
             // Cleaned up, not destroyed: the result goes, its identifier stays.
-            const uint32_t result = host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id;
+            const uint32_t result = pointer(m, "QUERY_RESULT");
             host.call_method(ObjectRef{m}, "CLEANUP");
-            EXPECT_EQ(host.get_tag(ObjectRef{m}, "QUERY_RESULT").as_pointer().id, result);
+            EXPECT_EQ(pointer(m, "QUERY_RESULT"), result);
             EXPECT_FALSE(host.heap_alive(result));
             model.messages.erase(m);
         } else if (m != 0) {
@@ -714,18 +675,17 @@ void MessagingModel::step() {
 
 void MessagingModel::compare() {
     ASSERT_EQ(flux::default_handler() != 0, model.default_key != 0);
-    if (model.default_key != 0) {
-        ASSERT_TRUE(host.heap_alive(flux::default_handler()));
-        EXPECT_NE(host.heap_flags(flux::default_handler()) & ZOK_HEAP_HELD, 0u);
-    }
     std::map<std::string, int32_t> uses;
-    // The flag INIT set on every framework object stays, through a restore too.
-    const auto held = [&](uint32_t id) {
+    // Every framework object keeps the flag INIT set (through a restore too),
+    // its class's version and the handler it names.
+    const auto common = [&](uint32_t id, const std::string& version, uint32_t my) {
         EXPECT_NE(host.heap_flags(id) & ZOK_HEAP_HELD, 0u) << id;
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, version + "_VERSION").as_int(), 1) << id;
+        EXPECT_EQ(host.get_tag(ObjectRef{id}, "MYHANDLER").as_object().id, my) << id;
     };
     for (const auto& [key, handler] : model.handlers) {
         const ObjectRef h{real(key)};
-        held(h.id);
+        common(h.id, "ZOKFWMESSAGEHANDLER", handler.my);
         std::vector<std::string> texts;
         for (const auto& [text, set] : handler.scopes) {
             texts.push_back(text);
@@ -734,37 +694,31 @@ void MessagingModel::compare() {
                 << "handler " << h.id << " scope " << text;
         }
         EXPECT_EQ(scoped(h), texts) << "handler " << h.id;
-        EXPECT_EQ(host.get_tag(h, "MYHANDLER").as_object().id, handler.my);
-        EXPECT_EQ(host.get_tag(h, "ZOKFWMESSAGEHANDLER_VERSION").as_int(), 1);
     }
     for (const auto& [id, behavior] : model.behaviors) {
-        const ObjectRef b{id};
-        held(id);
+        common(id, "ZOKFWBEHAVIOR", behavior.my);
         uses[behavior.text] += 1;
         if (behavior.kind == Kind::method) // the method's name
             uses[behavior.name.empty() ? "NOSUCH" : behavior.name] += 1;
         if (behavior.kind == Kind::answer) {
-            EXPECT_EQ(host.call_method(b, "RESPONSE"), behavior.response.value_or(kNoResponse));
+            EXPECT_EQ(host.call_method(ObjectRef{id}, "RESPONSE"),
+                      behavior.response.value_or(kNoResponse));
         }
-        EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), behavior.registered) << id;
-        EXPECT_EQ(host.get_tag(b, "MYHANDLER").as_object().id, behavior.my);
-        EXPECT_EQ(host.get_tag(b, "ZOKFWBEHAVIOR_VERSION").as_int(), 1);
+        EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered);
     }
     for (const auto& [id, message] : model.messages) {
+        common(id, "ZOKFWMESSAGE", message.my);
         uses[message.text] += 1;
-        held(id);
-        EXPECT_EQ(host.get_tag(ObjectRef{id}, "ZOKFWMESSAGE_VERSION").as_int(), 1);
         if (message.query) {
             EXPECT_EQ(host.call_method(ObjectRef{id}, "RESULT"), message.result);
         }
     }
     // Every use the registry counts is held by a live object or a scope key.
     for (const flux::FwIdentEntry& entry : flux::fwident_entries())
-        EXPECT_EQ(entry.uses, uses.count(entry.name) ? uses[entry.name] : 0) << entry.name;
+        EXPECT_EQ(entry.uses, uses[entry.name]) << entry.name;
     EXPECT_EQ(host.live_temps(), 0u);
     ASSERT_EQ(check_all(), "");
 }
-
 // Behaviours, messages and targets go first, then the handlers, the default
 // one among them: nothing is left on the heap, in the registry after a
 // collection, or in module memory but the registry's name index.
