@@ -15,6 +15,7 @@
 #include "fw/fw_ident.hpp"
 #include "fw/fw_messhndlr.hpp"
 #include "host.hpp"
+#include "support/checks.hpp"
 #include "support/testing.hpp"
 
 extern "C" int32_t ZOK_Load();
@@ -31,10 +32,7 @@ struct Observable {
     zok::Observation host;
     std::string registry; // each text with its use count
 
-    explicit Observable(zok::Host& h) : host(h.observe()) {
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            registry += e.name + "=" + std::to_string(e.uses) + " ";
-    }
+    explicit Observable(zok::Host& h) : host(h.observe()), registry(zoktest::registry_counts()) {}
     // What changed since `before`; empty when nothing did.
     std::string since(const Observable& before) const {
         if (std::string d = zok::difference(before.host, host); !d.empty())
@@ -101,15 +99,14 @@ protected:
         return host.new_object("ZOKFWMESSAGE", {}, {{"MESSAGESTRING", text}, {"HANDLER", parent}});
     }
     // Who a send reached, in order.
-    std::vector<uint32_t> send(ObjectRef message, const zok::Args& args = {}) {
+    std::vector<uint32_t> send(ObjectRef message, const zok::Args& args = {},
+                               const char* how = "SEND") {
         executed.clear();
-        host.call_method(message, "SEND", args);
+        host.call_method(message, how, args);
         return executed;
     }
     std::vector<uint32_t> send_from(ObjectRef handler, const Value& message) {
-        executed.clear();
-        host.call_method(handler, "SENDMESSAGE", {message});
-        return executed;
+        return send(handler, {message}, "SENDMESSAGE");
     }
     std::vector<std::string> scoped(ObjectRef handler) {
         std::vector<std::string> texts;
@@ -140,14 +137,11 @@ protected:
     // The first broken invariant of the module and of every live handler (the
     // full check: these programs never leave dead names in a table).
     std::string check_all() {
-        for (const flux::ModuleCheck check : flux::module_checks())
-            if (std::string fault = check(); !fault.empty())
-                return fault;
+        std::string fault = zoktest::module_fault(host);
         for (const uint32_t id : host.heap_ids(ZOK_HEAP_OBJECT))
-            if (host.isa(ObjectRef{id}, "ZOKFWMESSAGEHANDLER"))
-                if (std::string fault = flux::messagehandler_check(id); !fault.empty())
-                    return fault;
-        return "";
+            if (fault.empty() && host.isa(ObjectRef{id}, "ZOKFWMESSAGEHANDLER"))
+                fault = flux::messagehandler_check(id);
+        return fault;
     }
 
     zok::Host host;
