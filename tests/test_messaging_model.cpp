@@ -513,28 +513,20 @@ void MessagingModel::step() {
             model.scope_message(model.up(id), t);
         break;
     }
-    case 3:
+    case 3: // registration, a scope or a filing turned on or off
     case 4:
-        if (b != 0) {
-            const bool reg = rng() % 2 == 0;
-            host.call_method(ObjectRef{b}, reg ? "REGISTER" : "UNREGISTER");
-            model.set_registered(b, reg);
-        }
-        break;
     case 5:
-        if (h != 0) {
-            const std::string t = text();
-            const bool on = rng() % 2 == 0;
+    case 6:
+        if (const bool on = rng() % 2 == 0; b != 0 && rng() % 2 == 0) {
+            host.call_method(ObjectRef{b}, on ? "REGISTER" : "UNREGISTER");
+            model.set_registered(b, on);
+        } else if (const std::string t = text(); h != 0 && rng() % 2 == 0) {
             host.call_method(ObjectRef{real(h)}, on ? "SCOPEMESSAGE" : "UNSCOPEMESSAGE", {t});
             on ? model.scope_message(h, t) : model.unscope_message(h, t);
-        }
-        break;
-    case 6:
-        if (h != 0 && b != 0) {
-            const bool add = rng() % 2 == 0;
-            host.call_method(ObjectRef{real(h)}, add ? "ADDBEHAVIOR" : "REMOVEBEHAVIOR",
+        } else if (h != 0 && b != 0) {
+            host.call_method(ObjectRef{real(h)}, on ? "ADDBEHAVIOR" : "REMOVEBEHAVIOR",
                              {ObjectRef{b}});
-            add ? model.add(h, b) : model.remove(h, b);
+            on ? model.add(h, b) : model.remove(h, b);
         }
         break;
     case 7: // a new text for a behaviour and a message; a query's is its own
