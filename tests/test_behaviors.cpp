@@ -58,7 +58,7 @@ protected:
     // Makes the identifier held in `tag` look as a restore leaves it: a new
     // heap variable with the same text, the object's use of the live one given back.
     void as_if_restored(ObjectRef obj, const char* tag) {
-        const uint32_t live = host.get_tag(obj, tag).as_pointer().id;
+        const uint32_t live = pointer(obj.id, tag);
         const Value text = host.heap_value(live);
         zok_var* temp = host.make_temp(text);
         const uint32_t copy =
@@ -75,18 +75,14 @@ protected:
 struct Twin {
     const char* cls;
     const char* keyword;
-    const char* getter;
-    const char* setter;
+    const char* getter; // SET and it is the setter
     const char* field;
-    const char* version;
     const char* default_name;
     const char* mismatch; // a program routine of the other kind
 };
 const Twin twins[] = {
-    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "SETPROC", "PROC_STRING", "ZOKFWPROCBEHAV_VERSION",
-     "UnitializedProcedure", "ANSWER"},
-    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "SETFUNC", "FUNC_STRING", "ZOKFWFUNCBEHAV_VERSION",
-     "UnitializedFuncedure", "RECORD"},
+    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "PROC_STRING", "UnitializedProcedure", "ANSWER"},
+    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "FUNC_STRING", "UnitializedFuncedure", "RECORD"},
 };
 
 // The setter and INIT's keyword give up the text they replace, deliberately:
@@ -95,22 +91,24 @@ const Twin twins[] = {
 TEST_F(Behaviours, RoutineBehavioursLeakOnlyWhatTheyReplaceAndReportUnknownNames) {
     for (const Twin& t : twins) {
         SCOPED_TRACE(t.cls);
+        const std::string setter = "SET" + std::string(t.getter);
+        const std::string version = t.cls + std::string("_VERSION");
         const size_t texts = settled().host.texts;
         const ObjectRef named = host.new_object(t.cls, {}, {{t.keyword, "FIRST"}}); // 1
-        host.call_method(named, t.setter, {"SECOND"});                              // 2
-        host.call_method(named, t.setter, {"THIRD"});                               // 3
+        host.call_method(named, setter, {"SECOND"});                                // 2
+        host.call_method(named, setter, {"THIRD"});                                 // 3
         const ObjectRef plain = host.new_object(t.cls);
-        EXPECT_EQ(host.get_tag(plain, t.version).as_int(), 1);
+        EXPECT_EQ(host.get_tag(plain, version).as_int(), 1);
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
         host.call_method(plain, "EXECUTE", {"an argument"});
         EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, Value("an argument")}}));
         calls.clear();
-        host.set_tag(plain, t.version, 0);
+        host.set_tag(plain, version, 0);
         host.set_tag(plain, t.field, "SAVED"); // an upgrading RESTORE gives it back
         as_if_restored(plain, "MESSIDENT");
         host.call_method(plain, "RESTORE");
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
-        EXPECT_EQ(host.get_tag(plain, t.version).as_int(), 1);
+        EXPECT_EQ(host.get_tag(plain, version).as_int(), 1);
         as_if_restored(named, "MESSIDENT");
         host.call_method(named, "RESTORE"); // a current one keeps its name
         EXPECT_EQ(host.call_method(named, t.getter), Value("THIRD"));
@@ -126,7 +124,7 @@ TEST_F(Behaviours, RoutineBehavioursLeakOnlyWhatTheyReplaceAndReportUnknownNames
                  {"NOSUCH", "Nothing is registered under the name NOSUCH" + in},
                  {"", "Nothing is registered under the name " + in},
                  {t.mismatch, "Attempt to call undefined " + kind + t.mismatch + in}}) {
-            host.call_method(b, t.setter, {name});
+            host.call_method(b, setter, {name});
             expect_error(ZOK_ERR_UNKNOWN_ROUTINE, text, [&] { host.call_method(b, "EXECUTE"); });
         }
         host.destroy(b);
@@ -164,8 +162,6 @@ protected:
         return host.new_object(cls, {}, kw);
     }
     ObjectRef inner(ObjectRef d) { return host.get_tag(d, "SUB_BEHAVIOR").as_object(); }
-
-    uint32_t held(ObjectRef obj, const char* tag) { return host.get_tag(obj, tag).as_pointer().id; }
 
     struct Hit {
         uint32_t target;
@@ -215,10 +211,10 @@ TEST_F(Delayed, RefusalsAndVanishedValues) {
     // setting it is the host's error.
     host.call_method(q, "SENDQUERY");
     EXPECT_EQ(host.call_method(q, "RESULT"), Value("yes"));
-    host_heap_free(held(q, "QUERY_RESULT"), 0, 0);
+    host_heap_free(pointer(q.id, "QUERY_RESULT"), 0, 0);
     EXPECT_FALSE(host.call_method(q, "RESULT").defined());
     expect_error(ZOK_ERR_INVALID_OBJECT, [&] { host.call_method(q, "SETRESULT", {1}); });
-    host_heap_free(held(qb, "RESPONSE"), 0, 0);
+    host_heap_free(pointer(qb.id, "RESPONSE"), 0, 0);
     host.call_method(qb, "EXECUTE", {host.new_object("ZOKFWQUERY")});
     host.set_tag(q, "QUERY_RESULT", zok::PointerRef{0});
 
@@ -229,8 +225,8 @@ TEST_F(Delayed, RefusalsAndVanishedValues) {
     host.call_method(qb, "SETRESPONSE", {1});
     host.call_method(q, "SETRESULT", {1});
     host.clear_faults();
-    EXPECT_EQ(held(qb, "RESPONSE"), 0u);
-    EXPECT_EQ(held(q, "QUERY_RESULT"), 0u);
+    EXPECT_EQ(pointer(qb.id, "RESPONSE"), 0u);
+    EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
     EXPECT_TRUE(host.messages().empty());
     EXPECT_EQ(check_all(), "");
 }
@@ -239,10 +235,9 @@ TEST_F(Delayed, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
     const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
     const ObjectRef in = inner(d);
     EXPECT_EQ(host.class_of(in), "ZOKFWOBJBEHAV");
-    EXPECT_EQ(host.call_method(in, "OBJECT").as_object(), d);
-    EXPECT_EQ(host.call_method(in, "METHOD"), Value("DELAYEXECUTE"));
-    EXPECT_EQ(host.call_method(in, "HANDLER").as_object(), h);
-    EXPECT_EQ(host.call_method(in, "MESSAGESTRING"), Value("fire"));
+    for (const auto& [getter, want] : std::vector<std::pair<const char*, Value>>{
+             {"OBJECT", d}, {"METHOD", "DELAYEXECUTE"}, {"HANDLER", h}, {"MESSAGESTRING", "fire"}})
+        EXPECT_EQ(host.call_method(in, getter), want) << getter;
     EXPECT_EQ(host.call_method(in, "ISREGISTERED").as_int(), 0);
     EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
 
@@ -361,7 +356,7 @@ TEST_F(Delayed, RestoreUpgradesTheOldLayoutOfEveryClass) {
          at_h,
          {},
          [&](ObjectRef q) { // the result is dropped, not freed
-             EXPECT_EQ(host.get_tag(q, "QUERY_RESULT").as_pointer().id, 0u);
+             EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
              EXPECT_TRUE(host.heap_alive(result));
          }},
         {"ZOKFWQUERYBEHAV",
@@ -381,7 +376,7 @@ TEST_F(Delayed, RestoreUpgradesTheOldLayoutOfEveryClass) {
         const ObjectRef obj = host.new_object(old.cls, {}, old.kw);
         if (host.isa(obj, "ZOKFWQUERY")) {
             host.call_method(obj, "SETRESULT", {5});
-            result = host.get_tag(obj, "QUERY_RESULT").as_pointer().id;
+            result = pointer(obj.id, "QUERY_RESULT");
         }
         if (host.isa(obj, "ZOKFWDELAYBEHAV"))
             as_if_restored(inner(obj), "MESSIDENT");

@@ -264,9 +264,6 @@ protected:
     uint32_t real(uint32_t key) const {
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
-    uint32_t pointer(uint32_t id, const char* tag) {
-        return host.get_tag(ObjectRef{id}, tag).as_pointer().id;
-    }
     // Any one of a map's keys; 0 when there is none.
     template <class Container>
     uint32_t pick(const Container& objects) {

@@ -125,6 +125,10 @@ protected:
             ids.push_back(e.as_object().id);
         return ids;
     }
+    // The heap identifier a pointer field holds.
+    uint32_t pointer(uint32_t id, const char* tag) {
+        return host.get_tag(ObjectRef{id}, tag).as_pointer().id;
+    }
     ObjectRef default_handler() const { return ObjectRef{flux::default_handler()}; }
     // The registry's use count of a text; none when the registry does not know it.
     static std::optional<int32_t> uses(const std::string& text) {
