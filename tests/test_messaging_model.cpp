@@ -261,6 +261,9 @@ protected:
         });
     }
 
+    Value call(uint32_t id, const std::string& method, const zok::Args& args = {}) {
+        return host.call_method(ObjectRef{id}, method, args);
+    }
     uint32_t real(uint32_t key) const {
         return key >= Model::kDefaultBase ? default_handler().id : key;
     }
@@ -366,8 +369,8 @@ void MessagingModel::new_behavior() {
         routines[id] = {id, kind, b.killer};
         add_routine(id);
         const std::string getter = std::array{"PROC", "FUNC", "METHOD"}[static_cast<int>(kind) - 1];
-        host.call_method(ObjectRef{id}, "SET" + getter, {b.name});
-        EXPECT_EQ(host.call_method(ObjectRef{id}, getter), Value(b.name));
+        call(id, "SET" + getter, {b.name});
+        EXPECT_EQ(call(id, getter), Value(b.name));
     }
     model.behaviors[id] = b;
     if (scope)
@@ -458,15 +461,14 @@ void MessagingModel::send_and_compare(uint32_t m, Pass pass, const Value& sent) 
     if (message.query) {
         const uint32_t result = pointer(m, "QUERY_RESULT");
         message.result = model.answer.value_or(message.result);
-        EXPECT_EQ(host.call_method(ObjectRef{m}, "SENDQUERY"), message.result);
+        EXPECT_EQ(call(m, "SENDQUERY"), message.result);
         // Every answer lands in the same heap variable, as a copy.
         EXPECT_TRUE(result == 0 || pointer(m, "QUERY_RESULT") == result);
     } else if (pass == Pass::temporary) {
         host.call_procedure("RELAY", {ObjectRef{m}, sent});
     } else {
         host.set_var("NAMED", sent);
-        host.call_method(ObjectRef{m}, "SEND",
-                         pass == Pass::named ? zok::Args{zok::Ref{"NAMED"}} : zok::Args{});
+        call(m, "SEND", pass == Pass::named ? zok::Args{zok::Ref{"NAMED"}} : zok::Args{});
         EXPECT_EQ(host.get_var("NAMED"), sent) << "a named variable stays the caller's";
     }
     EXPECT_EQ(executed, model.delivered);
@@ -494,15 +496,13 @@ void MessagingModel::step() {
         const bool query = rng() % 3 == 0;
         const std::string t = query ? kAsk : text();
         const int scope = rng() % 3 == 0;
-        const uint32_t id =
-            host.new_object(
-                    query ? "ZOKFWQUERY" : "ZOKFWMESSAGE", {},
-                    {{"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}})
-                .id;
+        const zok::Keywords kw{
+            {"HANDLER", ObjectRef{parent}}, {"MESSAGESTRING", t}, {"SCOPE", scope}};
+        const uint32_t id = host.new_object(query ? "ZOKFWQUERY" : "ZOKFWMESSAGE", {}, kw).id;
         model.messages[id] = {parent, t, query, query ? Value("UnInitialized Result") : Value()};
         if (query && rng() % 2) { // a copy of a program variable as its result
             host.set_var("RESULT", static_cast<int32_t>(id));
-            host.call_method(ObjectRef{id}, "SETRESULT", {zok::Ref{"RESULT"}});
+            call(id, "SETRESULT", {zok::Ref{"RESULT"}});
             EXPECT_EQ(host.get_var("RESULT").as_int(), id);
             model.messages.at(id).result = Value(static_cast<int32_t>(id));
         }
@@ -515,25 +515,24 @@ void MessagingModel::step() {
     case 5:
     case 6:
         if (const bool on = rng() % 2 == 0; b != 0 && rng() % 2 == 0) {
-            host.call_method(ObjectRef{b}, on ? "REGISTER" : "UNREGISTER");
+            call(b, on ? "REGISTER" : "UNREGISTER");
             model.set_registered(b, on);
         } else if (const std::string t = text(); h != 0 && rng() % 2 == 0) {
-            host.call_method(ObjectRef{real(h)}, on ? "SCOPEMESSAGE" : "UNSCOPEMESSAGE", {t});
+            call(real(h), on ? "SCOPEMESSAGE" : "UNSCOPEMESSAGE", {t});
             on ? model.scope_message(h, t) : model.unscope_message(h, t);
         } else if (h != 0 && b != 0) {
-            host.call_method(ObjectRef{real(h)}, on ? "ADDBEHAVIOR" : "REMOVEBEHAVIOR",
-                             {ObjectRef{b}});
+            call(real(h), on ? "ADDBEHAVIOR" : "REMOVEBEHAVIOR", {ObjectRef{b}});
             on ? model.add(h, b) : model.remove(h, b);
         }
         break;
     case 7: // a new text for a behaviour and a message; a query's is its own
         if (b != 0 && model.behaviors.at(b).kind != Kind::answer) {
             model.behaviors.at(b).text = text();
-            host.call_method(ObjectRef{b}, "SETMESSAGESTRING", {model.behaviors.at(b).text});
+            call(b, "SETMESSAGESTRING", {model.behaviors.at(b).text});
         }
         if (m != 0 && !model.messages.at(m).query) {
             model.messages.at(m).text = text();
-            host.call_method(ObjectRef{m}, "SETMESSAGESTRING", {model.messages.at(m).text});
+            call(m, "SETMESSAGESTRING", {model.messages.at(m).text});
         }
         break;
     case 8:
@@ -571,17 +570,17 @@ void MessagingModel::step() {
     case 11: { // set a handler, never closing a loop
         const uint32_t parent = program_handler_or_none();
         if (b != 0 && rng() % 2 == 0) {
-            host.call_method(ObjectRef{b}, "SETHANDLER", {ObjectRef{parent}});
+            call(b, "SETHANDLER", {ObjectRef{parent}});
             model.behaviors.at(b).my = parent;
         } else if (h != 0 && h < Model::kDefaultBase && !model.above(h, parent)) {
-            host.call_method(ObjectRef{h}, "SETHANDLER", {ObjectRef{parent}});
+            call(h, "SETHANDLER", {ObjectRef{parent}});
             model.handlers.at(h).my = parent;
         }
         break;
     }
     case 12: // HANDLER may make the default handler, which has none itself
         if (const uint32_t obj = std::array{b, m, h}[rng() % 3]; obj != 0) {
-            const uint32_t got = host.call_method(ObjectRef{real(obj)}, "HANDLER").as_object().id;
+            const uint32_t got = call(real(obj), "HANDLER").as_object().id;
             const uint32_t want = model.up(obj);
             EXPECT_EQ(got, want == 0 ? 0 : real(want));
         }
@@ -592,7 +591,7 @@ void MessagingModel::step() {
             auto point_above = [&](auto& objects) {
                 for (auto& [id, object] : objects)
                     if (object.my == h) {
-                        host.call_method(ObjectRef{id}, "SETHANDLER", {ObjectRef{parent}});
+                        call(id, "SETHANDLER", {ObjectRef{parent}});
                         object.my = parent;
                     }
             };
@@ -614,22 +613,21 @@ void MessagingModel::step() {
                 host.destroy(ObjectRef{behavior.target});
             } else if (rng() % 2 == 0) {
                 behavior.target = any_target();
-                host.call_method(ObjectRef{b}, "SETOBJECT", {ObjectRef{behavior.target}});
+                call(b, "SETOBJECT", {ObjectRef{behavior.target}});
             } else { // a name nobody registered calls nothing, and keeps it registered
                 behavior.name = behavior.name.empty() ? behavior.routine : "";
-                host.call_method(ObjectRef{b}, "SETMETHOD",
-                                 {behavior.name.empty() ? "NOSUCH" : behavior.name});
+                call(b, "SETMETHOD", {behavior.name.empty() ? "NOSUCH" : behavior.name});
             }
         } else if (b != 0 && model.behaviors.at(b).kind == Kind::answer && rng() % 2 == 0) {
             std::optional<Value>& response = model.behaviors.at(b).response;
             if (m != 0 && model.messages.at(m).query) { // called directly with a query
-                host.call_method(ObjectRef{b}, "EXECUTE", {ObjectRef{m}});
+                call(b, "EXECUTE", {ObjectRef{m}});
                 model.messages.at(m).result = response.value_or(kNoResponse);
             } else if ((response = rng() % 3 ? std::optional(value()) : std::nullopt)) {
-                host.call_method(ObjectRef{b}, "SETRESPONSE", {*response});
+                call(b, "SETRESPONSE", {*response});
             } else { // with self alone: cleared, its heap variable freed
                 const uint32_t held = pointer(b, "RESPONSE");
-                host.call_method(ObjectRef{b}, "SETRESPONSE");
+                call(b, "SETRESPONSE");
                 EXPECT_TRUE(held == 0 || !host.heap_alive(held));
                 EXPECT_EQ(pointer(b, "RESPONSE"), 0u);
             }
@@ -642,7 +640,7 @@ void MessagingModel::step() {
         } else if (m != 0 && model.messages.at(m).query) {
             // Cleaned up, not destroyed: the result goes, its identifier stays.
             const uint32_t result = pointer(m, "QUERY_RESULT");
-            host.call_method(ObjectRef{m}, "CLEANUP");
+            call(m, "CLEANUP");
             EXPECT_EQ(pointer(m, "QUERY_RESULT"), result);
             EXPECT_FALSE(host.heap_alive(result));
             model.messages.erase(m);
@@ -690,16 +688,15 @@ void MessagingModel::compare() {
         if (behavior.kind == Kind::method) // the method's name
             uses[behavior.name.empty() ? "NOSUCH" : behavior.name] += 1;
         if (behavior.kind == Kind::answer) {
-            EXPECT_EQ(host.call_method(ObjectRef{id}, "RESPONSE"),
-                      behavior.response.value_or(kNoResponse));
+            EXPECT_EQ(call(id, "RESPONSE"), behavior.response.value_or(kNoResponse));
         }
-        EXPECT_EQ(host.call_method(ObjectRef{id}, "ISREGISTERED").as_int(), behavior.registered);
+        EXPECT_EQ(call(id, "ISREGISTERED").as_int(), behavior.registered);
     }
     for (const auto& [id, message] : model.messages) {
         common(id, "ZOKFWMESSAGE", message.my);
         uses[message.text] += 1;
         if (message.query) {
-            EXPECT_EQ(host.call_method(ObjectRef{id}, "RESULT"), message.result);
+            EXPECT_EQ(call(id, "RESULT"), message.result);
         }
     }
     // Every use the registry counts is held by a live object or a scope key.
