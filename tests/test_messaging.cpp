@@ -1,7 +1,6 @@
 // The messaging classes in scenarios the model test does not reach: re-entry
-// and errors during delivery, the refusals of the classes' own rules (state
-// unchanged), a looping chain among them, null and lost identifiers, the
-// message operations the query classes use, and the diagnostics.
+// and errors during delivery, null and lost identifiers, the message
+// operations the query classes use, and the diagnostics.
 #include "fw/fw_ident.hpp"
 #include "fw/fw_message.hpp"
 #include "fw/fw_messhndlr.hpp"
@@ -9,7 +8,6 @@
 
 namespace {
 
-using msgtest::expect_refusals;
 using msgtest::Messaging;
 using msgtest::Observable;
 using zok::ObjectRef;
@@ -72,49 +70,6 @@ TEST_F(Messaging, DeliveriesMayChangeTheSetAndErrorsUnwind) {
     const uint32_t ident = host.get_var("ident").as_pointer().id;
     EXPECT_EQ(host.heap_value(ident), Value("nested"));
     EXPECT_EQ(host.call_function("ROLLOVER_FWIDENT", {zok::Ref{"ident"}}).as_pointer().id, ident);
-    EXPECT_EQ(check_all(), "");
-}
-
-TEST_F(Messaging, RefusalsCarryTheirCodeAndTextAndChangeNothing) {
-    const ObjectRef h = handler();
-    const ObjectRef b = probe("tick", h);
-    const ObjectRef m = message("tick", h);
-    const ObjectRef dead = handler();
-    host.destroy(dead);
-    const Value dead_ident = host.call_function("GET_FWIDENT", {"gone"});
-    host.call_procedure("FWIDENT_RELEASE", {dead_ident});
-    host.call_procedure("FWIDENT_GC");
-    host.set_var("keep", m); // lets a failed INIT's object be told apart from leftovers
-    const ObjectRef a = handler();
-    const ObjectRef loop = handler(a);
-    host.call_method(a, "SETHANDLER", {loop});
-    const ObjectRef ping = message("ping", loop);
-    const std::string loops = "ZOKfwMessageHandler: the handler chain loops at handler ";
-
-    // Wrong types, arrays and selves of another class are the refusal suite's;
-    // these are the refusals of the messaging classes' own rules.
-    const std::string not_handler = "Argument 1 must be an object of class ZOKfwMessageHandler.";
-    expect_refusals(
-        host,
-        {
-            {[&] { host.call_method(b, "SETHANDLER", {m}); }, ZOK_MSG_WRONG_CLASS, not_handler},
-            {[&] { host.call_method(b, "SETHANDLER", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
-            {[&] { host.call_method(h, "ISSCOPED", {b}); }, ZOK_MSG_WRONG_CLASS,
-             "Argument message must be an object of class ZOKfwMessage."},
-            {[&] { host.call_method(h, "SCOPEMESSAGE", {dead_ident}); }, -1, "FWIdent corruption"},
-            {[&] { host.call_method(h, "ADDBEHAVIOR", {m}); }, ZOK_MSG_WRONG_CLASS,
-             "Argument 1 must be an object of class ZOKfwBehavior."},
-            {[&] {
-                 host.new_object("PROBE", {}, {{"HANDLER", m}, {"REGISTER", 1}});
-             },
-             ZOK_MSG_WRONG_CLASS, not_handler},
-            {[&] {
-                 host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", dead}});
-             },
-             ZOK_ERR_INVALID_OBJECT, ""},
-            {[&] { send(ping); }, ZOK_MSG_TEXT, loops + std::to_string(loop.id)},
-            {[&] { probe("ping", a); }, ZOK_MSG_TEXT, loops + std::to_string(a.id)},
-        });
     EXPECT_EQ(check_all(), "");
 }
 
