@@ -1,13 +1,25 @@
 // The messaging classes in scenarios the model test does not reach: re-entry
 // and errors during delivery, null and lost identifiers, the message
-// operations the query classes use, and the diagnostics.
-#include "fw/fw_ident.hpp"
+// operations the query classes use, the diagnostics; the routine behaviours'
+// deliberate leaks, default names and unknown names; the refusals of the
+// classes' own rules; vanished results and responses; the delayed behaviours
+// with and without an argument; RESTORE of every class's old layout; and the
+// restore pass: RESTORE runs once per pass however many objects reach an
+// object, the restored flag counts only at exactly 1.0, and the pass's two
+// loops treat a dead element differently.
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <map>
+#include <set>
+
 #include "fw/fw_message.hpp"
 #include "fw/fw_messhndlr.hpp"
 #include "support/messaging_testing.hpp"
 
 namespace {
 
+using msgtest::expect_refusals;
 using msgtest::Messaging;
 using msgtest::Observable;
 using zok::ObjectRef;
@@ -161,6 +173,517 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
     EXPECT_EQ(flux::messagehandler_check_structure(top.id), "");
     EXPECT_EQ(flux::messagehandler_check(low.id), "");
     expect_error(ZOK_ERR_INVALID_OBJECT, [&] { send_from(low, "say \"hi\""); });
+}
+
+// One call of a program routine: who was called, with how many arguments and
+// the first of them.
+struct Called {
+    std::string routine;
+    int32_t argc;
+    Value arg;
+    bool operator==(const Called&) const = default;
+};
+
+class Behaviours : public Messaging {
+protected:
+    Behaviours() {
+        host.add_procedure("RECORD", 0, 1, [this](zok::Call& c) { return note("RECORD", c); });
+        host.add_function("ANSWER", 0, 1, [this](zok::Call& c) {
+            note("ANSWER", c);
+            return Value("an answer nobody reads");
+        });
+        host.add_procedure("UNITIALIZEDPROCEDURE", 1, 1,
+                           [this](zok::Call& c) { return note("UnitializedProcedure", c); });
+        host.add_function("UNITIALIZEDFUNCEDURE", 1, 1,
+                          [this](zok::Call& c) { return note("UnitializedFuncedure", c); });
+    }
+    Value note(const std::string& routine, zok::Call& c) {
+        calls.push_back({routine, c.argc(), c.argc() > 0 ? c.arg(0) : Value()});
+        return Value();
+    }
+    // Heap, texts, temporaries and the registry after a collection of unused
+    // identifiers, for "nothing was left behind".
+    Observable settled() {
+        host.call_procedure("FWIDENT_GC");
+        return Observable(host);
+    }
+
+    // Makes the identifier held in `tag` look as a restore leaves it: a new
+    // heap variable with the same text, the object's use of the live one given back.
+    void as_if_restored(ObjectRef obj, const char* tag) {
+        const uint32_t live = pointer(obj.id, tag);
+        const Value text = host.heap_value(live);
+        zok_var* temp = host.make_temp(text);
+        const uint32_t copy =
+            host_heap_var_new(ZOK_HEAP_POINTER, temp, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
+        host_release_temp(temp);
+        flux::fwident_release(live);
+        host.set_tag(obj, tag, zok::PointerRef{copy});
+    }
+
+    std::vector<Called> calls;
+};
+
+// The two twins differ only in these words.
+struct Twin {
+    const char* cls;
+    const char* keyword;
+    const char* getter; // SET and it is the setter
+    const char* field;
+    const char* default_name;
+    const char* mismatch; // a program routine of the other kind
+};
+const Twin twins[] = {
+    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "PROC_STRING", "UnitializedProcedure", "ANSWER"},
+    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "FUNC_STRING", "UnitializedFuncedure", "RECORD"},
+};
+
+// The setter and INIT's keyword give up the text they replace, deliberately:
+// every other text comes back.  Without a name the default one is called; a
+// name the host does not know, or of the other kind, is its error.
+TEST_F(Behaviours, RoutineBehavioursLeakOnlyWhatTheyReplaceAndReportUnknownNames) {
+    for (const Twin& t : twins) {
+        SCOPED_TRACE(t.cls);
+        const std::string setter = "SET" + std::string(t.getter);
+        const std::string version = t.cls + std::string("_VERSION");
+        const size_t texts = settled().host.texts;
+        const ObjectRef named = host.new_object(t.cls, {}, {{t.keyword, "FIRST"}}); // 1
+        host.call_method(named, setter, {"SECOND"});                                // 2
+        host.call_method(named, setter, {"THIRD"});                                 // 3
+        const ObjectRef plain = host.new_object(t.cls);
+        EXPECT_EQ(host.get_tag(plain, version).as_int(), 1);
+        EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
+        host.call_method(plain, "EXECUTE", {"an argument"});
+        EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, Value("an argument")}}));
+        calls.clear();
+        host.set_tag(plain, version, 0);
+        host.set_tag(plain, t.field, "SAVED"); // an upgrading RESTORE gives it back
+        as_if_restored(plain, "MESSIDENT");
+        host.call_method(plain, "RESTORE");
+        EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
+        EXPECT_EQ(host.get_tag(plain, version).as_int(), 1);
+        as_if_restored(named, "MESSIDENT");
+        host.call_method(named, "RESTORE"); // a current one keeps its name
+        EXPECT_EQ(host.call_method(named, t.getter), Value("THIRD"));
+        host.destroy(named);
+        host.destroy(plain);
+        EXPECT_EQ(settled().host.texts, texts + 3);
+        EXPECT_EQ(host.heap_count(), 0u);
+
+        const ObjectRef b = host.new_object(t.cls);
+        const std::string in = " in " + std::string(t.cls) + "::EXECUTE.";
+        const std::string kind = std::string(t.getter) == "PROC" ? "procedure: " : "function: ";
+        for (const auto& [name, text] : std::vector<std::pair<std::string, std::string>>{
+                 {"NOSUCH", "Nothing is registered under the name NOSUCH" + in},
+                 {"", "Nothing is registered under the name " + in},
+                 {t.mismatch, "Attempt to call undefined " + kind + t.mismatch + in}}) {
+            host.call_method(b, setter, {name});
+            expect_error(ZOK_ERR_UNKNOWN_ROUTINE, text, [&] { host.call_method(b, "EXECUTE"); });
+        }
+        host.destroy(b);
+        EXPECT_TRUE(calls.empty());
+    }
+}
+
+// Delayed behaviours arm on "arm" and call HIT or DIE on a program object at "fire".
+class Delayed : public Behaviours {
+protected:
+    Delayed() {
+        host.define_struct("TARGET", {{"HITS", ZOK_T_LONG}});
+        host.add_procedure("TARGET::HIT", 1, 2, [this](zok::Call& c) {
+            hits.push_back({c.self().id, c.argc(), c.argc() == 2 ? c.arg(1) : Value()});
+            return Value();
+        });
+        host.add_procedure("TARGET::DIE", 1, 2, [this](zok::Call& c) {
+            host.destroy(c.self());
+            return Value();
+        });
+        h = handler();
+        host.call_method(h, "SCOPEMESSAGE", {"arm"});
+        host.call_method(h, "SCOPEMESSAGE", {"fire"});
+        target = host.new_object("TARGET");
+        arm = message("arm", h);
+        fire = message("fire", h);
+    }
+    ObjectRef delayed(const char* cls, ObjectRef object, bool delay_message = true) {
+        zok::Keywords kw{
+            {"HANDLER", h}, {"MESSAGESTRING", "arm"}, {"METHOD", "hit"}, {"REGISTER", 1}};
+        if (object)
+            kw.push_back({"OBJECT", object});
+        if (delay_message)
+            kw.push_back({"DELAYMESSAGESTRING", "fire"});
+        return host.new_object(cls, {}, kw);
+    }
+    ObjectRef inner(ObjectRef d) { return host.get_tag(d, "SUB_BEHAVIOR").as_object(); }
+
+    struct Hit {
+        uint32_t target;
+        int32_t argc;
+        Value arg;
+        bool operator==(const Hit&) const = default;
+    };
+    std::vector<Hit> hits;
+    ObjectRef h, target, arm, fire;
+};
+
+// Refusals of the messaging classes' own rules (code, text, nothing changed),
+// a looping chain among them, and a result or response whose heap variable
+// has gone.
+TEST_F(Delayed, RefusalsAndVanishedValues) {
+    const ObjectRef qb = host.new_object(
+        "ZOKFWQUERYBEHAV", {}, {{"MESSAGESTRING", "ask"}, {"HANDLER", h}, {"RESPONSE", "yes"}});
+    host.call_method(qb, "REGISTER");
+    const ObjectRef q =
+        host.new_object("ZOKFWQUERY", {}, {{"MESSAGESTRING", "ask"}, {"HANDLER", h}});
+    const ObjectRef plain = message("ask", h);
+    const ObjectRef dead = message("ask", h);
+    host.destroy(dead);
+    host.add_procedure("OTHER::DESCRIBE", 1, 1, [](zok::Call&) { return Value(); });
+    const ObjectRef describe = host.new_object(
+        "ZOKFWOBJBEHAV", {},
+        {{"HANDLER", h}, {"MESSAGESTRING", "fire"}, {"METHOD", "DESCRIBE"}, {"OBJECT", target}});
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef darg = delayed("ZOKFWDELAYARGBEHAV", target);
+    host.call_method(d, "UNREGISTER");
+    const Value lost = host.call_function("GET_FWIDENT", {"gone"});
+    host.call_procedure("FWIDENT_RELEASE", {lost});
+    host.call_procedure("FWIDENT_GC");
+    host.set_var("keep", plain); // lets a failed INIT's object be told apart from leftovers
+    const ObjectRef a = handler();
+    const ObjectRef loop = handler(a);
+    host.call_method(a, "SETHANDLER", {loop});
+    const ObjectRef ping = message("ping", loop);
+    const std::string loops = "ZOKfwMessageHandler: the handler chain loops at handler ";
+    const std::string not_handler = "Argument 1 must be an object of class ZOKfwMessageHandler.";
+    // Wrong types, arrays and selves of another class are the refusal suite's;
+    // these are the refusals of the messaging classes' own rules.
+    expect_refusals(
+        host,
+        {
+            {[&] { host.call_method(qb, "EXECUTE", {plain}); }, ZOK_MSG_WRONG_CLASS,
+             "Argument 1 must be an object of class ZOKfwQuery."},
+            {[&] { host.call_method(qb, "EXECUTE", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
+            // A query behaviour takes the query as its argument: a plain send has none.
+            {[&] { host.call_method(plain, "SEND"); }, ZOK_ERR_ARG_COUNT, ""},
+            // A name the target's class lacks is the host's error.
+            {[&] { host.call_method(describe, "EXECUTE"); }, ZOK_ERR_UNKNOWN_METHOD,
+             "Attempt to call undefined method: TARGET::DESCRIBE in ZOKFWOBJBEHAV::EXECUTE."},
+            // The delayed methods take self alone, the one with argument exactly one.
+            {[&] { host.call_method(d, "EXECUTE", {1}); }, ZOK_ERR_ARG_COUNT, ""},
+            {[&] { host.call_method(arm, "SEND"); }, ZOK_ERR_ARG_COUNT, ""},
+            {[&] { host.call_method(darg, "EXECUTE", {"seven"}); }, ZOK_ERR_CONVERSION, ""},
+            {[&] { host.call_method(describe, "SETHANDLER", {plain}); }, ZOK_MSG_WRONG_CLASS,
+             not_handler},
+            {[&] { host.call_method(describe, "SETHANDLER", {dead}); }, ZOK_ERR_INVALID_OBJECT, ""},
+            {[&] { host.call_method(h, "ISSCOPED", {qb}); }, ZOK_MSG_WRONG_CLASS,
+             "Argument message must be an object of class ZOKfwMessage."},
+            {[&] { host.call_method(h, "SCOPEMESSAGE", {lost}); }, -1, "FWIdent corruption"},
+            {[&] { host.call_method(h, "ADDBEHAVIOR", {plain}); }, ZOK_MSG_WRONG_CLASS,
+             "Argument 1 must be an object of class ZOKfwBehavior."},
+            {[&] {
+                 host.new_object("PROBE", {}, {{"HANDLER", plain}, {"REGISTER", 1}});
+             },
+             ZOK_MSG_WRONG_CLASS, not_handler},
+            {[&] {
+                 host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", dead}});
+             },
+             ZOK_ERR_INVALID_OBJECT, ""},
+            {[&] { host.call_method(ping, "SEND"); }, ZOK_MSG_TEXT,
+             loops + std::to_string(loop.id)},
+            {[&] { probe("ping", a); }, ZOK_MSG_TEXT, loops + std::to_string(a.id)},
+        });
+
+    // A result or response whose heap variable has gone reads as undefined;
+    // setting it is the host's error.
+    host.call_method(q, "SENDQUERY");
+    EXPECT_EQ(host.call_method(q, "RESULT"), Value("yes"));
+    host_heap_free(pointer(q.id, "QUERY_RESULT"), 0, 0);
+    EXPECT_FALSE(host.call_method(q, "RESULT").defined());
+    expect_error(ZOK_ERR_INVALID_OBJECT, [&] { host.call_method(q, "SETRESULT", {1}); });
+    host_heap_free(pointer(qb.id, "RESPONSE"), 0, 0);
+    host.call_method(qb, "EXECUTE", {host.new_object("ZOKFWQUERY")});
+    host.set_tag(q, "QUERY_RESULT", zok::PointerRef{0});
+
+    // A heap variable that cannot be made leaves no value and no message.
+    host.set_tag(qb, "RESPONSE", zok::PointerRef{0});
+    host.clear_messages();
+    host.fail_label("(heap)");
+    host.call_method(qb, "SETRESPONSE", {1});
+    host.call_method(q, "SETRESULT", {1});
+    host.clear_faults();
+    EXPECT_EQ(pointer(qb.id, "RESPONSE"), 0u);
+    EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
+    EXPECT_TRUE(host.messages().empty());
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
+    const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
+    const ObjectRef in = inner(d);
+    EXPECT_EQ(host.class_of(in), "ZOKFWOBJBEHAV");
+    for (const auto& [getter, want] : std::vector<std::pair<const char*, Value>>{
+             {"OBJECT", d}, {"METHOD", "DELAYEXECUTE"}, {"HANDLER", h}, {"MESSAGESTRING", "fire"}})
+        EXPECT_EQ(host.call_method(in, getter), want) << getter;
+    EXPECT_EQ(host.call_method(in, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
+
+    host.call_method(fire, "SEND"); // unarmed: nothing
+    for (int i = 0; i < 3; ++i)
+        host.call_method(arm, "SEND");
+    EXPECT_EQ(filed(h, "fire"), std::vector{in.id});
+    EXPECT_TRUE(hits.empty());
+    host.call_method(fire, "SEND");
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 1, Value()}}));
+    EXPECT_TRUE(filed(h, "fire").empty());
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+
+    host.call_method(d, "SETMETHOD", {"DIE"});
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // the target dies during the deferred call
+    EXPECT_FALSE(host.heap_alive(target.id));
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 1);
+    host.call_method(arm, "SEND");
+    host.call_method(fire, "SEND"); // now there is no target: unregistered and disarmed
+    EXPECT_EQ(host.call_method(d, "ISREGISTERED").as_int(), 0);
+    EXPECT_TRUE(filed(h, "fire").empty());
+    host.call_method(arm, "SEND");
+    EXPECT_TRUE(filed(h, "fire").empty());
+
+    // Without a delay message the inner behaviour keeps its own; it dies with its owner.
+    const ObjectRef plain = delayed("ZOKFWDELAYBEHAV", {}, false);
+    EXPECT_EQ(host.call_method(inner(plain), "MESSAGESTRING"), Value("Generic Message"));
+    host.destroy(d);
+    EXPECT_FALSE(host.heap_alive(in.id));
+    EXPECT_EQ(check_all(), "");
+}
+
+TEST_F(Delayed, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
+    const ObjectRef d = delayed("ZOKFWDELAYARGBEHAV", target);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+    EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYARGBEHAV_VERSION").as_int(), 0);
+    for (const int v : {3, 7, 5})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    host.call_method(d, "DELAYEXECUTE"); // no arming since: 0
+    for (const int v : {-4, -1})
+        host.call_method(arm, "SEND", {v});
+    host.call_method(fire, "SEND");
+    zok_var* converted = host_convert_var(host.make_temp(7.9), ZOK_T_LONG);
+    const Value expected = host.read(*converted);
+    host.call_method(d, "EXECUTE", {7.9});
+    host.call_method(d, "EXECUTE", {"6"});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits, (std::vector<Hit>{{target.id, 2, Value(7)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, Value(0)},
+                                      {target.id, 2, expected}}));
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
+
+    // SETMETHOD and RESTORE are the delayed behaviour's.
+    host.call_method(d, "SETMETHOD", {"NOSUCH"});
+    host.call_method(d, "EXECUTE", {1});
+    host.call_method(fire, "SEND");
+    EXPECT_EQ(hits.size(), 4u);
+    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0); // reset even though nothing was called
+    host.destroy(d);
+    EXPECT_EQ(check_all(), "");
+}
+
+// RESTORE of an object saved before its class had a version (its version
+// field below 1, and other fields as the old layout left them) brings the
+// version to 1 and drops what the old layout lacked.  Identifiers only look as
+// a restore leaves them: their translation is the save tests'.
+TEST_F(Delayed, RestoreUpgradesTheOldLayoutOfEveryClass) {
+    struct Old {
+        const char* cls;
+        zok::Keywords kw;
+        std::vector<std::pair<const char*, Value>> saved;
+        std::function<void(ObjectRef)> after;
+    };
+    const zok::Keywords at_h{{"HANDLER", h}, {"MESSAGESTRING", "arm"}};
+    const zok::Keyword on_target{"OBJECT", target};
+    uint32_t result = 0;
+    const std::vector<Old> olds = {
+        {"ZOKFWBEHAVIOR",
+         {at_h[0], at_h[1], {"REGISTER", 1}},
+         {{"HASAHANDLER_VERSION", 0}},
+         [&](ObjectRef b) { // unregistered, but left where it was filed
+             EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 0);
+             EXPECT_EQ(host.get_tag(b, "HASAHANDLER_VERSION").as_int(), 1);
+             EXPECT_EQ(host.get_tag(b, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+             EXPECT_EQ(filed(h, "arm").back(), b.id);
+         }},
+        {"ZOKFWMESSAGE", at_h, {}, nullptr},
+        {"ZOKFWSAVEABLE",
+         {},
+         {},
+         [&](ObjectRef s) { // a version above 1 stays
+             host.set_tag(s, "ZOKFWSAVEABLE_VERSION", 3);
+             host.call_method(s, "RESTORE");
+             EXPECT_EQ(host.get_tag(s, "ZOKFWSAVEABLE_VERSION").as_int(), 3);
+         }},
+        {"ZOKFWMESSAGEHANDLER",
+         {},
+         {{"BEHAVIORS", zok::PointerRef{0}}},
+         [&](ObjectRef old) { // an empty table of its own
+             EXPECT_TRUE(scoped(old).empty());
+             host.call_method(old, "SCOPEMESSAGE", {"tick"});
+             EXPECT_EQ(scoped(old), std::vector<std::string>{"tick"});
+         }},
+        {"ZOKFWOBJBEHAV",
+         {on_target, {"METHOD", "HIT"}},
+         {},
+         [&](ObjectRef b) { // the target goes, the method stays
+             EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
+             EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
+         }},
+        {"ZOKFWQUERY",
+         at_h,
+         {},
+         [&](ObjectRef q) { // the result is dropped, not freed
+             EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
+             EXPECT_TRUE(host.heap_alive(result));
+         }},
+        {"ZOKFWQUERYBEHAV",
+         {{"RESPONSE", "kept"}},
+         {},
+         [&](ObjectRef qb) { EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept")); }},
+        {"ZOKFWDELAYBEHAV",
+         {on_target, {"METHOD", "hit"}, {"DELAYMESSAGESTRING", "fire"}},
+         {},
+         [&](ObjectRef d) { // the inner behaviour is restored too
+             EXPECT_EQ(host.get_tag(inner(d), "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+             EXPECT_EQ(uses("hit"), 1);
+         }},
+    };
+    for (const Old& old : olds) {
+        SCOPED_TRACE(old.cls);
+        const ObjectRef obj = host.new_object(old.cls, {}, old.kw);
+        if (host.isa(obj, "ZOKFWQUERY")) {
+            host.call_method(obj, "SETRESULT", {5});
+            result = pointer(obj.id, "QUERY_RESULT");
+        }
+        if (host.isa(obj, "ZOKFWDELAYBEHAV"))
+            as_if_restored(inner(obj), "MESSIDENT");
+        for (const auto& [cls, ident] : {std::pair{"ZOKFWBEHAVIOR", "MESSIDENT"},
+                                         {"ZOKFWMESSAGE", "MESS_IDENT"},
+                                         {"ZOKFWOBJBEHAV", "METH_IDENT"},
+                                         {"ZOKFWDELAYBEHAV", "METH_IDENT"}})
+            if (host.isa(obj, cls))
+                as_if_restored(obj, ident);
+        const std::string version = std::string(old.cls) + "_VERSION";
+        host.set_tag(obj, version, -3);
+        for (const auto& [field, value] : old.saved)
+            host.set_tag(obj, field, value);
+        host.call_method(obj, "RESTORE");
+        EXPECT_EQ(host.get_tag(obj, version).as_int(), 1);
+        if (old.after)
+            old.after(obj);
+        EXPECT_EQ(check_all(), "");
+    }
+}
+
+// A program subclass whose RESTORE restores its peer first, as objects that
+// refer to each other do, and counts its runs; it may destroy another object
+// or raise.
+class RestorePass : public Messaging {
+protected:
+    RestorePass() {
+        host.define_struct("LINKED", {{"PEER", ZOK_T_OBJECT}}, "ZOKFWSAVEABLE");
+        host.add_procedure("LINKED::RESTORE", 1, 1, [this](zok::Call& call) {
+            const ObjectRef self = call.self();
+            runs[self.id] += 1;
+            host.call_method(self, "ZOKFWSAVEABLE::RESTORE");
+            if (const ObjectRef peer = host.get_tag(self, "PEER").as_object())
+                host.call_method(peer, "DORESTORE");
+            if (const auto victim = doomed.find(self.id); victim != doomed.end())
+                host.destroy(victim->second);
+            if (failing.count(self.id) != 0)
+                host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "restore failed");
+            return zok::Value();
+        });
+    }
+
+    ObjectRef linked(ObjectRef peer = {}) {
+        const ObjectRef obj = host.new_object("LINKED");
+        host.set_tag(obj, "PEER", peer);
+        return obj;
+    }
+    void pass(const std::vector<ObjectRef>& objects) {
+        host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {zok::Value(objects)});
+    }
+    double flag(ObjectRef obj) { return host.get_tag(obj, "ZOKFWSAVEABLE_TOP").as_double(); }
+
+    std::map<uint32_t, int> runs;
+    std::map<uint32_t, ObjectRef> doomed; // object whose RESTORE destroys another
+    std::set<uint32_t> failing;           // objects whose RESTORE raises
+};
+
+// Across a cycle each object restores once per pass; DORESTORE runs RESTORE
+// once until RESETRESTORED, and only a flag of exactly 1.0 counts as restored.
+TEST_F(RestorePass, EachObjectRestoresOncePerPass) {
+    const ObjectRef c = linked();
+    const ObjectRef b = linked(c);
+    const ObjectRef a = linked(b);
+    host.set_tag(c, "PEER", a);
+    for (int round = 0; round < 2; ++round) {
+        pass({a, b, c, a});
+        for (ObjectRef o : {a, b, c}) {
+            EXPECT_EQ(runs[o.id], round + 1);
+            EXPECT_EQ(flag(o), 1.0);
+        }
+    }
+    pass({});
+    EXPECT_EQ(runs[a.id], 2);
+    // A single reference is read as an array of one.
+    host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {b});
+    EXPECT_EQ(runs[b.id], 3);
+
+    host.call_method(a, "DORESTORE");
+    EXPECT_EQ(runs[a.id], 2);
+    host.call_method(a, "RESETRESTORED");
+    EXPECT_EQ(flag(a), 0.0);
+    int expected = 2;
+    for (double v : {0.0, 0.5, 2.0, -1.0, std::numeric_limits<double>::quiet_NaN(),
+                     std::nextafter(1.0, 2.0)}) {
+        host.set_tag(a, "ZOKFWSAVEABLE_TOP", v);
+        host.call_method(a, "DORESTORE");
+        EXPECT_EQ(runs[a.id], ++expected) << v;
+        EXPECT_EQ(flag(a), 1.0);
+    }
+}
+
+// A dead element ends the first loop (flags already reset) and is skipped in
+// the second; a failing RESTORE stops the pass.
+TEST_F(RestorePass, DeadElementsAndFailuresStopOrAreSkipped) {
+    const ObjectRef a = linked();
+    const ObjectRef dead = linked();
+    host.destroy(dead);
+    host.set_tag(a, "ZOKFWSAVEABLE_TOP", 1.0);
+    const std::string gone = "Invalid object reference: no live heap variable has identifier " +
+                             std::to_string(dead.id) + " in ZOKFWSAVEABLERESTOREARRAY.";
+    expect_error(ZOK_ERR_INVALID_OBJECT, gone, [&] { pass({a, dead}); });
+    EXPECT_EQ(flag(a), 0.0);
+    EXPECT_EQ(runs[a.id], 0);
+
+    // b dies during the second loop, at a's RESTORE: the pass skips it.
+    const ObjectRef b = linked();
+    doomed[a.id] = b;
+    pass({a, b});
+    EXPECT_EQ(runs[a.id], 1);
+    EXPECT_EQ(runs[b.id], 0);
+
+    doomed.clear();
+    const ObjectRef f = linked();
+    const ObjectRef c = linked();
+    failing.insert(f.id);
+    const zok::Error e = expect_error(ZOK_MSG_TEXT, "restore failed", [&] { pass({a, f, c}); });
+    EXPECT_EQ(e.routine(), "LINKED::RESTORE");
+    EXPECT_EQ(runs[f.id], 1);
+    EXPECT_EQ(flag(a), 1.0);
+    EXPECT_EQ(flag(c), 0.0);
+    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 } // namespace
