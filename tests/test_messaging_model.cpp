@@ -634,15 +634,28 @@ void MessagingModel::step() {
         } else if (b != 0 && !model.would_stay_filed(b)) {
             const uint32_t response =
                 host.isa(ObjectRef{b}, "ZOKFWQUERYBEHAV") ? pointer(b, "RESPONSE") : 0;
+            if (const std::string& t = model.behaviors.at(b).text;
+                model.behaviors.at(b).kind == Kind::probe && rng() % 2 == 0) {
+                // An explicit CLEANUP unregisters and releases, but the text stays;
+                // destroying it releases the use again: taken back to keep the count.
+                call(b, "CLEANUP");
+                EXPECT_EQ(call(b, "ISREGISTERED").as_int(), 0);
+                EXPECT_EQ(call(b, "MESSAGESTRING"), Value(t));
+                host.call_function("GET_FWIDENT", {t});
+            }
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
             EXPECT_TRUE(response == 0 || !host.heap_alive(response)) << "its CLEANUP frees it";
         } else if (m != 0 && model.messages.at(m).query) {
-            // Cleaned up, not destroyed: the result goes, its identifier stays.
+            // An explicit CLEANUP frees the result but keeps its identifier, and
+            // the text; destroying it releases the text's use again, as above.
             const uint32_t result = pointer(m, "QUERY_RESULT");
             call(m, "CLEANUP");
             EXPECT_EQ(pointer(m, "QUERY_RESULT"), result);
             EXPECT_FALSE(host.heap_alive(result));
+            EXPECT_EQ(call(m, "MESSAGESTRING"), Value(kAsk));
+            host.destroy(ObjectRef{m});
+            host.call_function("GET_FWIDENT", {kAsk});
             model.messages.erase(m);
         } else if (m != 0) {
             host.destroy(ObjectRef{m});
