@@ -1,5 +1,6 @@
 // Checks shared by the test suites and the fuzz targets, free of any test
-// framework: the module's invariants over a host, and the registry's counts.
+// framework: the module's invariants over a host, and the registry's counts;
+// and the module's entry points.
 #pragma once
 
 #include <string>
@@ -7,6 +8,9 @@
 #include "frame/module.hpp"
 #include "fw/fw_ident.hpp"
 #include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
 
 namespace zoktest {
 
