@@ -226,10 +226,10 @@ private:
     }
 
     zok::Arg self(const std::string& cls) {
-        std::vector<uint32_t> of_class;
-        for (const uint32_t id : live(objects_))
-            if (host_.heap_kind(id) == ZOK_HEAP_OBJECT && host_.isa(ObjectRef{id}, cls))
-                of_class.push_back(id);
+        std::vector<uint32_t> of_class = live(objects_);
+        std::erase_if(of_class, [&](uint32_t id) {
+            return host_.heap_kind(id) != ZOK_HEAP_OBJECT || !host_.isa(ObjectRef{id}, cls);
+        });
         const uint8_t how = in_.byte() % 8;
         const size_t pick = in_.byte();
         if (how < 6 && !of_class.empty())
@@ -336,22 +336,17 @@ private:
         if (how < 12 && !other.empty())
             return other[pick % other.size()];
         if (how < 14) {
-            std::vector<uint32_t> dead;
-            for (const auto* held : {&objects_, &pointers_})
-                for (const uint32_t id : *held)
-                    if (!host_.heap_alive(id))
-                        dead.push_back(id);
+            std::vector<uint32_t> dead = live(objects_, false);
+            std::ranges::copy(live(pointers_, false), std::back_inserter(dead));
             return dead.empty() ? host_.next_heap_id() : dead[pick % dead.size()];
         }
         return how == 14 ? UINT32_MAX : 0;
     }
 
-    std::vector<uint32_t> live(const std::vector<uint32_t>& held) const {
-        std::vector<uint32_t> out;
-        for (const uint32_t id : held)
-            if (host_.heap_alive(id))
-                out.push_back(id);
-        return out;
+    // Those of `held` that are alive (or dead).
+    std::vector<uint32_t> live(std::vector<uint32_t> held, bool alive = true) const {
+        std::erase_if(held, [&](uint32_t id) { return host_.heap_alive(id) != alive; });
+        return held;
     }
 
     zok::Keywords keywords() {
