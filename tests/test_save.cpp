@@ -99,8 +99,7 @@ protected:
                 ++live_idents[host.heap_value(id).as_string()];
         for (const auto& [t, n] : live_idents)
             out += "\n" + t + " identifiers " + std::to_string(n);
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            out += "\n" + e.name + " uses " + std::to_string(e.uses);
+        out += "\nuses " + zoktest::registry_counts();
         for (const Value& id : host.get_var("IDENTS").elements())
             out += "\nheld " + host.heap_value(id.as_pointer().id).to_string();
         log = "\n";
