@@ -153,10 +153,7 @@ private:
             host_.fail_label(label);
         else
             host_.fail_allocation(nth);
-        if (in_.byte() % 4 == 0)
-            make_object();
-        else
-            call_routine();
+        in_.byte() % 4 == 0 ? make_object() : call_routine();
     }
 
     // ---- Steps
@@ -218,10 +215,8 @@ private:
     // ---- Arguments
 
     int argument_count(int least, int most) {
-        const uint8_t b = in_.byte();
-        if (b < 224)
-            return least + b % (most - least + 1);
-        return b % (most + 3); // outside the range now and then
+        const uint8_t b = in_.byte(); // now and then outside the range
+        return b < 224 ? least + b % (most - least + 1) : b % (most + 3);
     }
 
     zok::Arg self(const std::string& cls) {
