@@ -10,7 +10,6 @@
 // file and back, and the checks go on against the same model.
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <random>
@@ -18,8 +17,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <unistd.h>
 
 #include "fw/fw_ident.hpp"
 #include "support/messaging_testing.hpp"
@@ -416,9 +413,8 @@ void MessagingModel::save_and_restore() {
     std::shuffle(saved[0].begin(), saved[0].end(), rng);
     for (int i = 0; i < 2; ++i)
         host.set_var(names[i], Value::array(ZOK_T_OBJECT, saved[i]));
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("model." + std::to_string(::getpid()))).string();
-    host.save(path, names);
+    const zoktest::TempFile file;
+    host.save(file.path, names);
     const uint32_t next = host.next_heap_id();
     if (rng() % 3 == 0) {
         fresh_host();
@@ -429,8 +425,7 @@ void MessagingModel::save_and_restore() {
         host.reset_session();
     }
     host.set_next_heap_id(next + rng() % 100);
-    EXPECT_EQ(host.restore(path), names);
-    std::filesystem::remove(path);
+    EXPECT_EQ(host.restore(file.path), names);
     host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {zok::Ref{"FW"}});
     host.call_procedure("FWIDENT_GC");
 

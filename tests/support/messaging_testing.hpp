@@ -18,9 +18,6 @@
 #include "support/checks.hpp"
 #include "support/testing.hpp"
 
-extern "C" int32_t ZOK_Load();
-extern "C" void ZOK_ResetSession();
-
 namespace msgtest {
 
 using zok::ObjectRef;
