@@ -214,19 +214,6 @@ struct Tree {
         }
         if (order > 0)
             return h;
-        // One level: compares with v's routing leaf; true when that leaf has the key.
-        auto routes_here = [&](auto v) {
-            // A comparison that reads memory through the key word asks for both children's
-            // key words ahead: a leaf's names its key, an internal node's its routing leaf.
-            // Whichever way this comparison goes, the next one then waits for one read.
-            if constexpr (requires { compare.fetch_ahead(Word{}); }) {
-                compare.fetch_ahead(key(A::left(v)));
-                compare.fetch_ahead(key(A::right(v)));
-            }
-            n = A::key_leaf(v);
-            order = compare(key(n));
-            return order == 0;
-        };
         // Near the root, where nodes stay in cache, a comparison of a few instructions
         // (tagged `select_child_by_data`) picks the child with a conditional move: a random
         // search mispredicts every other branch, and that is the main cost there.  Further
@@ -234,22 +221,34 @@ struct Tree {
         // predicted child meanwhile (the hint only keeps it a branch).
         if constexpr (requires { requires Compare::select_child_by_data; }) {
             constexpr int cached_levels = 8;
+#pragma GCC unroll 8
             for (int level = 0; level < cached_levels; ++level) {
                 auto v = A::at(n);
                 if (!A::has(v, internal))
                     return n;
-                if (routes_here(v)) {
+                Ref routing = A::key_leaf(v);
+                order = compare(key(routing));
+                if (order == 0) {
                     found = true;
-                    return n;
+                    return routing;
                 }
                 n = __builtin_expect_with_probability(order < 0, true, 0.5) ? A::left(v)
                                                                             : A::right(v);
             }
         }
         for (auto v = A::at(n); A::has(v, internal); v = A::at(n)) {
-            if (routes_here(v)) {
+            // A comparison that reads memory through the key word asks for both children's
+            // key words ahead: a leaf's names its key, an internal node's its routing leaf.
+            // Whichever way this comparison goes, the next one then waits for one read.
+            if constexpr (requires { compare.fetch_ahead(Word{}); }) {
+                compare.fetch_ahead(key(A::left(v)));
+                compare.fetch_ahead(key(A::right(v)));
+            }
+            Ref routing = A::key_leaf(v);
+            order = compare(key(routing));
+            if (order == 0) {
                 found = true;
-                return n;
+                return routing;
             }
             if (__builtin_expect(order < 0, 0))
                 n = A::left(v);
