@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     // Three bytes an operation: what, which key, and which allocation fails.
     for (size_t i = 0; i + 3 <= size; i += 3) {
-        const auto op = TreeOp(data[i] % static_cast<int>(TreeOp::count));
+        const auto op = TreeOp(data[i] % (static_cast<int>(TreeOp::walk) + 1));
         std::string fault = rb.step(op, data[i + 1], data[i + 2]);
         fault += rbh.step(op, data[i + 1], data[i + 2]);
         if (fault.empty() && rb.outline() != rbh.outline())

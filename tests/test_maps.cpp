@@ -29,8 +29,9 @@ protected:
 
 // The texts of the error messages raised and returned since the last call, each checked
 // to be the host's text message.
-std::vector<std::string> raised_errors(zok::Host& host) {
-    std::vector<std::string> texts;
+using Texts = std::vector<std::string>;
+Texts raised_errors(zok::Host& host) {
+    Texts texts;
     for (const zok::Message& m : host.messages()) {
         EXPECT_EQ(m.code, ZOK_MSG_TEXT);
         EXPECT_EQ(m.action, ZOK_ACTION_ERROR);
@@ -40,9 +41,9 @@ std::vector<std::string> raised_errors(zok::Host& host) {
     return texts;
 }
 
-std::string hex(uint32_t id) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", id);
+std::string hex(uint64_t id) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(id));
     return text;
 }
 
@@ -114,10 +115,11 @@ std::string shape(const std::string& outline) {
     return node(node);
 }
 
-// A key to insert, or minus a key to delete, and the shape after it.
+// A key to insert, or minus a key to delete, the shape after it and the error it reports.
 struct Step {
     int32_t key;
     const char* shape;
+    const char* error = nullptr;
 };
 
 // Appending keys in ascending order.
@@ -135,12 +137,15 @@ const Step ascending[] = {
     {110, "B(B(B(10 20) B(30 40)) B(B(50 60) R(B(70 80) B(90 R(100 110)))))"}, // twice up
 };
 
-// Each sequence starts with the first `appended` steps above.  Deletion cases are named
+// Each sequence starts with the first `appended` steps above, then paints the nodes that
+// paths of 'l' and 'r' from the root reach red (true) or black.  Deletion cases are named
 // by x, the deleted leaf's sibling once it has taken their parent's place, p its new
 // parent and w x's sibling; "left" and "right" say on which side of p x hangs.
+using Paint = std::vector<std::pair<const char*, bool>>;
 struct Sequence {
     size_t appended;
     std::vector<Step> steps;
+    Paint paint = {};
 };
 
 const Sequence sequences[] = {
@@ -153,12 +158,11 @@ const Sequence sequences[] = {
          {3, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(40 50)))"}, // left-left
          {35, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 40) 50)))"},
          {37, "B(B(R(3 5) R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // left-right
-         {-3,
-          "B(B(5 R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // a red parent goes:
-                                                                            // nothing to mend
-         {-5, "B(B(10 20) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"},  // red x turns black
-         {-10, "B(R(B(20 R(25 26)) B(27 30)) B(R(35 37) R(40 50)))"},       // red w, left; far red
-         {-27, "B(B(R(20 25) R(26 30)) B(R(35 37) R(40 50)))"}, // near red, red p, right
+         // A red parent goes: nothing to mend.
+         {-3, "B(B(5 R(10 20)) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"},
+         {-5, "B(B(10 20) R(B(R(25 26) R(27 30)) B(R(35 37) R(40 50))))"}, // red x turns black
+         {-10, "B(R(B(20 R(25 26)) B(27 30)) B(R(35 37) R(40 50)))"},      // red w, left; far red
+         {-27, "B(B(R(20 25) R(26 30)) B(R(35 37) R(40 50)))"},            // near red, red p, right
          {-20, "B(B(25 R(26 30)) B(R(35 37) R(40 50)))"},
          {-25, "B(B(26 30) B(R(35 37) R(40 50)))"},
          {-40, "B(B(26 30) B(R(35 37) 50))"},
@@ -208,23 +212,41 @@ const Sequence sequences[] = {
          {-20, "10"},
          {-10, ""},
      }},
+    // Colours broken from outside lead deletion into states no sound tree has: each is
+    // reported with the host's text message and deletion goes on as documented.
+    {3, {{-20, "B(10 30)", "DELETION ERROR: sibling not internal"}}, {{"r", false}}},
+    {5,
+     {{-30, "B(R(10 20) B(40 50))", "DELETION PROB -- sib is black, internal"}},
+     {{"rr", false}}},
+    // A red w under a red p: reported, and p still turns black.
+    {6,
+     {{-30, "B(B(10 20) B(40 R(50 60)))", "DELETION ERROR: 2.3c not quite right"}},
+     {{"r", true}, {"rl", false}}},
 };
 
 template <class Tree>
-void grow_every_sequence() {
+void grow_every_sequence(zok::Host& host) {
+    host.set_errors_return(true);
     for (size_t s = 0; s < std::size(sequences); ++s) {
+        const Sequence& sequence = sequences[s];
         Tree tree;
-        std::vector<Step> steps(ascending, ascending + sequences[s].appended);
-        steps.insert(steps.end(), sequences[s].steps.begin(), sequences[s].steps.end());
-        for (const Step& step : steps) {
+        std::vector<Step> steps(ascending, ascending + sequence.appended);
+        steps.insert(steps.end(), sequence.steps.begin(), sequence.steps.end());
+        for (size_t i = 0; i < steps.size(); ++i) {
+            const Step& step = steps[i];
             SCOPED_TRACE("sequence " + std::to_string(s) + ", step " + std::to_string(step.key));
+            for (const auto& [path, red] : i == sequence.appended ? sequence.paint : Paint{})
+                tree.paint(path, red);
             bool found;
             if (step.key > 0)
                 tree.insert(step.key);
             else
                 Tree::remove(tree.find_n(-step.key, found));
+            ASSERT_EQ(raised_errors(host), step.error ? Texts{step.error} : Texts{});
             ASSERT_EQ(shape(tree.outline()), step.shape) << tree.outline();
-            ASSERT_EQ(tree.check(), "");
+            if (sequence.paint.empty()) {
+                ASSERT_EQ(tree.check(), "");
+            }
         }
         tree.free();
     }
@@ -232,52 +254,8 @@ void grow_every_sequence() {
 }
 
 TEST_F(Trees, BothVariantsGrowTheGoldenShapes) {
-    grow_every_sequence<Rb>();
-    grow_every_sequence<Rbh>();
-}
-
-// Colours broken from outside lead deletion into states no sound tree has: each is
-// reported with the host's text message and deletion goes on as documented.
-template <class Tree>
-void report_broken_colours(zok::Host& host) {
-    struct Case {
-        size_t appended;
-        std::vector<std::pair<const char*, bool>> paint;
-        int32_t erased;
-        const char* message;
-        const char* shape;
-    };
-    const Case cases[] = {
-        {3, {{"r", false}}, 20, "DELETION ERROR: sibling not internal", "B(10 30)"},
-        {5, {{"rr", false}}, 30, "DELETION PROB -- sib is black, internal", "B(R(10 20) B(40 50))"},
-        // A red w under a red p: reported, and p still turns black.
-        {6,
-         {{"r", true}, {"rl", false}},
-         30,
-         "DELETION ERROR: 2.3c not quite right",
-         "B(B(10 20) B(40 R(50 60)))"},
-    };
-    host.set_errors_return(true);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        Tree tree;
-        for (size_t i = 0; i < c.appended; ++i)
-            tree.insert(ascending[i].key);
-        for (const auto& [path, red] : c.paint)
-            tree.paint(path, red);
-        host.clear_messages();
-        bool found;
-        Tree::remove(tree.find_n(c.erased, found));
-        ASSERT_EQ(raised_errors(host), std::vector<std::string>{c.message});
-        EXPECT_EQ(shape(tree.outline()), c.shape);
-        tree.free();
-    }
-    EXPECT_EQ(Tree::nodes(), 0u);
-}
-
-TEST_F(Trees, BothVariantsReportBrokenColours) {
-    report_broken_colours<Rb>(host);
-    report_broken_colours<Rbh>(host);
+    grow_every_sequence<Rb>(host);
+    grow_every_sequence<Rbh>(host);
 }
 
 // A dump with each address replaced by @ and the order of its first appearance.
@@ -297,9 +275,8 @@ std::string numbered(const std::string& dump) {
 // The empty trees name their heads in full.
 TEST_F(Trees, DumpsFollowTheirFormats) {
     Rb tree;
-    char empty[64];
-    std::snprintf(empty, sizeof empty, "tree %p is empty\n", static_cast<void*>(tree.head));
-    EXPECT_EQ(flux::map_rb_dump(tree.head), empty);
+    EXPECT_EQ(flux::map_rb_dump(tree.head),
+              "tree " + hex(reinterpret_cast<uintptr_t>(tree.head)) + " is empty\n");
     for (const char* k : {"a", "b", "c"})
         flux::map_insert_key(tree.head, k, 0);
     EXPECT_EQ(numbered(flux::map_rb_dump(tree.head)),
@@ -338,28 +315,10 @@ TEST_F(Trees, DumpsFollowTheirFormats) {
     rbh.free();
 }
 
-// An empty map is its own first and last entry; null maps and entries are harmless,
-// whichever routine meets them.
-TEST_F(Trees, EmptyAndNullMaps) {
-    const uint32_t map = flux::maph_new();
-    EXPECT_TRUE(flux::maph_is_empty(map));
-    EXPECT_EQ(flux::maph_first(map), map);
-    EXPECT_EQ(flux::maph_last(map), map);
-    flux::maph_free(map);
-    EXPECT_EQ(flux::maph_find(0, 7, unsigned_order) + flux::maph_node_key(0) +
-                  flux::maph_node_value(0),
-              0u);
-    flux::maph_remove_node(0);
-    flux::maph_free(0);
-    EXPECT_EQ(flux::map_find(nullptr, 7, int_order), nullptr);
-    EXPECT_EQ(flux::map_node_key(nullptr) + flux::map_node_value(nullptr), 0u);
-    flux::map_remove_node(nullptr);
-    flux::map_free(nullptr);
-    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
-}
-
-// Each misuse raises its text and, when the error returns, goes on as documented.
-TEST_F(Trees, MisuseIsReportedAndHarmless) {
+// Each misuse raises its text and, when the error returns, goes on as documented.  An
+// empty map is its own first and last entry; null maps and entries are harmless, whichever
+// routine meets them.
+TEST_F(Trees, MisuseAndNullMapsAreHarmless) {
     auto tree = tree_of<Rb>({1, 2, 3, 4});
     const std::string before = tree.outline();
     RbNode* head = tree.head;
@@ -394,7 +353,7 @@ TEST_F(Trees, MisuseIsReportedAndHarmless) {
     uint32_t hleaf = flux::maph_first(map);
     uint32_t hinner = flux::map_rbh_node(map)->parent;
     flux::map_rbh_find_key_n(hleaf, 1, found);
-    flux::map_rbh_find_gkey_n(hleaf, 1, unsigned_order, found);
+    flux::map_rbh_find_gkey_n(hleaf, 1, three_way<uint32_t>, found);
     flux::map_rbh_delete_node(hinner);
     flux::map_rbh_delete_node(map);
     flux::map_rbh_nblack(hinner);
@@ -419,6 +378,22 @@ TEST_F(Trees, MisuseIsReportedAndHarmless) {
                  [&] { flux::map_rbh_delete_node(map); });
     tree.free();
     rbh.free();
+
+    const uint32_t empty = flux::maph_new();
+    EXPECT_TRUE(flux::maph_is_empty(empty));
+    EXPECT_EQ(flux::maph_first(empty), empty);
+    EXPECT_EQ(flux::maph_last(empty), empty);
+    flux::maph_free(empty);
+    EXPECT_EQ(flux::maph_find(0, 7, three_way<uint32_t>) + flux::maph_node_key(0) +
+                  flux::maph_node_value(0),
+              0u);
+    flux::maph_remove_node(0);
+    flux::maph_free(0);
+    EXPECT_EQ(flux::map_find(nullptr, 7, int_order), nullptr);
+    EXPECT_EQ(flux::map_node_key(nullptr) + flux::map_node_value(nullptr), 0u);
+    flux::map_remove_node(nullptr);
+    flux::map_free(nullptr);
+    EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
 }
 
 // A tree that cannot be made is null or 0 and leaves nothing behind.  (Insertions and
