@@ -5,6 +5,7 @@
 // eye for damage, and the dumps.
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <random>
 #include <regex>
@@ -310,55 +311,50 @@ void fail_to_make() {
 // routine meets them.
 TEST_F(Trees, MisuseAndNullMapsAreHarmless) {
     auto tree = tree_of<Rb>({1, 2, 3, 4});
+    auto rbh = tree_of<Rbh>({1, 2, 3, 4});
     const std::string before = tree.outline();
+    EXPECT_EQ(rbh.outline(), before);
     RbNode* head = tree.head;
     RbNode* leaf = head->left;
     RbNode* inner = head->parent;
+    const uint32_t map = rbh.head;
+    const uint32_t hleaf = flux::maph_first(map);
+    const uint32_t hinner = flux::map_rbh_node(map)->parent;
+    bool f;
+    using namespace flux;
+    const std::pair<std::function<void()>, std::string> misuses[] = {
+        {[&] { map_rb_find_key_n(leaf, "1", f); }, "map_rb_find_key_n called on non-head"},
+        {[&] { map_rb_find_ikey_n(leaf, 1, f); }, "map_rb_find_ikey_n called on non-head"},
+        {[&] { map_rb_find_gkey_n(inner, 1, int_order, f); },
+         "map_rb_find_gkey_n called on non-head"},
+        {[&] { map_rb_delete_node(inner); }, "Cannot delete an internal node."},
+        {[&] { map_rb_delete_node(head); }, "Cannot delete an the head of a map_rb_tree."},
+        // The black root counts.
+        {[&] { EXPECT_EQ(map_rb_nblack(inner), 1); },
+         "ERROR: map_rb_nblack called on a non-external node"},
+        {[&] { EXPECT_EQ(map_rb_plength(head), 0); },
+         "ERROR: map_rb_map_rb_plength called on a non-external node"},
+        {[&] { map_rb_free_tree(leaf); }, "ERROR: map_rb_free_tree called on a non-head node"},
+        {[&] { map_rbh_find_key_n(hleaf, 1, f); },
+         "map_rbh_find_key_n called on non-head " + hex(hleaf)},
+        {[&] { map_rbh_find_gkey_n(hleaf, 1, three_way<uint32_t>, f); },
+         "map_rbh_find_gkey_n called on non-head"},
+        {[&] { map_rbh_delete_node(hinner); }, "Cannot delete an internal node: " + hex(hinner)},
+        {[&] { map_rbh_delete_node(map); },
+         "Cannot delete the head of an map_rbh_tree: " + hex(map)},
+        {[&] { map_rbh_nblack(hinner); },
+         "ERROR: map_rbh_nblack called on a non-external node " + hex(hinner)},
+        {[&] { map_rbh_plength(map); },
+         "ERROR: map_rbh_plength called on a non-external node " + hex(map)},
+        {[&] { map_rbh_free_tree(hleaf); }, "ERROR: map_rbh_free_tree called on a non-head node"},
+    };
     host.set_errors_return(true);
-    bool found;
-    flux::map_rb_find_key_n(leaf, "1", found);
-    flux::map_rb_find_ikey_n(leaf, 1, found);
-    flux::map_rb_find_gkey_n(inner, 1, int_order, found);
-    flux::map_rb_delete_node(inner);
-    flux::map_rb_delete_node(head);
-    EXPECT_EQ(flux::map_rb_nblack(inner), 1) << "the black root counts";
-    EXPECT_EQ(flux::map_rb_plength(head), 0);
-    flux::map_rb_free_tree(leaf);
-    EXPECT_EQ(raised_errors(host), (Texts{
-                                       "map_rb_find_key_n called on non-head",
-                                       "map_rb_find_ikey_n called on non-head",
-                                       "map_rb_find_gkey_n called on non-head",
-                                       "Cannot delete an internal node.",
-                                       "Cannot delete an the head of a map_rb_tree.",
-                                       "ERROR: map_rb_nblack called on a non-external node",
-                                       "ERROR: map_rb_map_rb_plength called on a non-external node",
-                                       "ERROR: map_rb_free_tree called on a non-head node",
-                                   }));
+    for (const auto& [misuse, text] : misuses) {
+        misuse();
+        EXPECT_EQ(raised_errors(host), Texts{text});
+    }
     EXPECT_EQ(tree.check(), "");
     EXPECT_EQ(tree.outline(), before);
-
-    auto rbh = tree_of<Rbh>({1, 2, 3, 4});
-    EXPECT_EQ(rbh.outline(), before);
-    const uint32_t map = rbh.head;
-    uint32_t hleaf = flux::maph_first(map);
-    uint32_t hinner = flux::map_rbh_node(map)->parent;
-    flux::map_rbh_find_key_n(hleaf, 1, found);
-    flux::map_rbh_find_gkey_n(hleaf, 1, three_way<uint32_t>, found);
-    flux::map_rbh_delete_node(hinner);
-    flux::map_rbh_delete_node(map);
-    flux::map_rbh_nblack(hinner);
-    flux::map_rbh_plength(map);
-    flux::map_rbh_free_tree(hleaf);
-    EXPECT_EQ(raised_errors(host),
-              (Texts{
-                  "map_rbh_find_key_n called on non-head " + hex(hleaf),
-                  "map_rbh_find_gkey_n called on non-head",
-                  "Cannot delete an internal node: " + hex(hinner),
-                  "Cannot delete the head of an map_rbh_tree: " + hex(map),
-                  "ERROR: map_rbh_nblack called on a non-external node " + hex(hinner),
-                  "ERROR: map_rbh_plength called on a non-external node " + hex(map),
-                  "ERROR: map_rbh_free_tree called on a non-head node",
-              }));
     EXPECT_EQ(rbh.check(), "");
     EXPECT_EQ(rbh.outline(), before);
 
