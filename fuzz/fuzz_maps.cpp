@@ -1,6 +1,6 @@
 // Reads its input as operations on an rb and an rbh map kept in one order, each driven
 // against its model as the randomized tree test drives them; the two must also keep one
-// shape.  Any fault aborts with the dumps.
+// shape.  Any fault aborts with the outlines.
 #include <cstdio>
 #include <cstdlib>
 

@@ -25,6 +25,7 @@
 #include "fw/fw_ident.hpp"
 #include "fw/fw_saveable.hpp"
 #include "host.hpp"
+#include "maps/maph.hpp"
 #include "support/testing.hpp"
 
 extern "C" int32_t ZOK_Load();
@@ -123,19 +124,15 @@ TEST_F(Loaded, StringBracketingStructuresArePrepared) {
 // The registry's name index is made on first use and never freed, so the reset
 // may leave one empty tree head in the node pool; nothing a program sees.
 TEST_F(Loaded, ResetRightAfterLoadChangesNothingVisible) {
-    auto labelled_memory = [&] {
-        auto m = host.memory_by_label();
-        m.erase(zok::kPlainLabel);
-        return m;
+    auto observed = [&] {
+        zok::Observation seen = host.observe();
+        seen.memory.erase(zok::kPlainLabel);
+        return seen;
     };
-    const auto heap = host.heap_ids();
-    const auto memory = labelled_memory();
-    const size_t texts = host.live_texts();
+    const zok::Observation before = observed();
     host.clear_messages();
     ZOK_ResetSession();
-    EXPECT_EQ(host.heap_ids(), heap);
-    EXPECT_EQ(labelled_memory(), memory);
-    EXPECT_EQ(host.live_texts(), texts);
+    EXPECT_EQ(zok::difference(before, observed()), "");
     EXPECT_TRUE(host.messages().empty());
 }
 
@@ -191,18 +188,14 @@ protected:
     }
     // A heap variable with the same text, as a restore makes it.
     uint32_t restored_copy(const std::string& name) {
-        zok_var* text = host.make_temp(name);
-        const uint32_t id =
-            host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
-        host_release_temp(text);
-        return id;
+        host.set_var("text", name);
+        zok_var* text = host.raw_var("text");
+        return host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)->id;
     }
 };
 
 TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
-    std::mt19937 rng(seed);
+    std::mt19937 rng(test_seed());
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
     const std::vector<std::string> pool = {"alpha",     "Alpha", "ALPHA", "beta", "",
                                            "gamma ray", "b",     "beta2", "z",    "\xff"};
@@ -301,9 +294,7 @@ protected:
 };
 
 TEST_F(DsMap, AgreesWithStdMap) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
-    std::mt19937 rng(seed);
+    std::mt19937 rng(test_seed());
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
     std::map<std::string, Value> model;
     // The heap holds as much for a size as the first time the map had it, so a
@@ -372,15 +363,11 @@ TEST_F(DsMap, CheckNamesEachBrokenPartAndVanishedHeapVariablesRaise) {
     call("INSERT", {"a", 1});
     call("INSERT", {"b", 2});
     EXPECT_EQ(flux::dsmap_check(map.id), "");
-    auto heap_var_holding = [&](const Value& v) {
-        for (const uint32_t id : host.heap_ids(ZOK_HEAP_POINTER))
-            if (host.heap_value(id) == v)
-                return host_heap_var(id);
-        ADD_FAILURE() << "no heap variable holds " << v.to_string();
-        return static_cast<zok_heap_record*>(nullptr);
-    };
-    zok_heap_record* a = heap_var_holding("a");
-    zok_heap_record* b = heap_var_holding("b");
+    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
+    zok_heap_record* a = host_heap_var(flux::maph_node_key(flux::maph_first(the_map)));
+    zok_heap_record* b = host_heap_var(flux::maph_node_key(flux::maph_last(the_map)));
+    ASSERT_EQ(host.heap_value(a->id), Value("a"));
+    ASSERT_EQ(host.heap_value(b->id), Value("b"));
     auto expect_fault = [&](const std::string& ending) {
         const std::string fault = flux::dsmap_check(map.id);
         EXPECT_TRUE(fault.ends_with(ending)) << fault;
@@ -392,11 +379,10 @@ TEST_F(DsMap, CheckNamesEachBrokenPartAndVanishedHeapVariablesRaise) {
     a->var.type = ZOK_T_LONG;
     expect_fault(": the key is no string heap variable");
     a->var = text;
-    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
     host.set_tag(map, "THE_MAP", PointerRef{a->id});
     expect_fault(": the head names no node");
     host.set_tag(map, "THE_MAP", PointerRef{the_map});
-    host_heap_free(heap_var_holding(2)->id, 0, 0);
+    host_heap_free(flux::maph_node_value(flux::maph_last(the_map)), 0, 0);
     expect_fault(": the value heap variable is gone");
     const std::string vanished = "ZOKdsMap heap dereference error";
     expect_module_error(0, vanished, [&] { call("GETDATA", {"b"}); });

@@ -75,7 +75,6 @@ struct Rb {
             return flux::map_rb_string_key_text;
         return [](Word k) { return std::to_string(static_cast<int32_t>(k)); };
     }
-    std::string dump() const { return flux::map_rb_dump(head, text()); }
     std::string outline() const { return flux::map_rb_outline(head, text()); }
     void paint(const char* path, bool red) {
         flux::RbNode* n = head->parent;
@@ -111,7 +110,6 @@ struct Rbh {
     static Entry next(Entry e) { return flux::maph_next(e); }
     size_t count() const { return flux::maph_count(head); }
     std::string check() const { return flux::map_rbh_check(head, order()); }
-    std::string dump() const { return flux::map_rbh_dump(head); }
     std::string outline() const { return flux::map_rbh_outline(head); }
     void paint(const char* path, bool red) {
         uint32_t n = flux::map_rbh_node(head)->parent;
@@ -152,7 +150,7 @@ public:
 
     // A find of key number i, then the operation on it, then the whole tree against the
     // model: its checker, its count and its live nodes.  `extra` picks the allocation a
-    // failing insert fails.  The first fault found, with the tree's dump, or "".
+    // failing insert fails.  The first fault found, with the tree's outline, or "".
     std::string step(TreeOp op, uint32_t i, uint32_t extra) {
         const Word k = word_(i);
         const Word v = ++serial_;
@@ -187,7 +185,7 @@ public:
         else if (op != TreeOp::find && op != TreeOp::remove)
             insert(op, k, v, found ? at : Entry{}, extra);
         audit("");
-        return fault_.empty() ? "" : fault_ + "\n" + t_.dump();
+        return fault_.empty() ? "" : fault_ + "\n" + t_.outline();
     }
 
     // A last walk, then the tree freed whole.
