@@ -162,9 +162,7 @@ TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
                         seen.assign(kw.messagestring.text, kw.messagestring.length);
                     return kw.scope_given ? 0 : 1;
                 });
-            const zok::Value result = host.read(*status);
-            host_release_temp(status);
-            return result;
+            return host.read(*flux::TempGuard(status).get());
         },
         true);
     host.clear_messages();
@@ -317,7 +315,7 @@ TEST_F(DsMap, AgreesWithStdMap) {
         std::string key;
         for (size_t n = pick(4); n > 0; --n)
             key += "aAbB\x01\xfe"[pick(6)];
-        const size_t what = pick(6);
+        const size_t what = pick(4);
         if (what < 2) {
             const Value values[] = {static_cast<int32_t>(rng()), std::string(pick(5), 'v'),
                                     static_cast<double>(pick(1000)) / 8,
@@ -334,15 +332,13 @@ TEST_F(DsMap, AgreesWithStdMap) {
         } else if (what == 2) {
             call("REMOVE", {key});
             model.erase(key);
-        } else if (what == 3) {
-            const Value got = call("GETDATA", {key});
-            const auto it = model.find(key);
-            ASSERT_EQ(got, it == model.end() ? Value() : it->second) << got.to_string();
-        } else if (what == 4) {
-            ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), model.count(key) ? 1 : 0);
-        } else {
-            ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
         }
+        // Then the key and the size are looked up.
+        const auto it = model.find(key);
+        const Value got = call("GETDATA", {key});
+        ASSERT_EQ(got, it == model.end() ? Value() : it->second) << got.to_string();
+        ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), it == model.end() ? 0 : 1);
+        ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
         const size_t heap = host.heap_count();
         ASSERT_EQ(heap_at_size.emplace(model.size(), heap).first->second, heap);
         if (step % 50 == 0) {

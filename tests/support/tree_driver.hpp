@@ -135,7 +135,7 @@ Tree tree_of(std::initializer_list<int64_t> keys) {
 }
 
 // walk comes last.
-enum class TreeOp { put, failing_put, insert, insert_after, failing_insert, find, remove, walk };
+enum class TreeOp { put, insert, insert_after, failing_insert, failing_put, find, remove, walk };
 
 template <class Tree>
 class TreeDriver {
