@@ -58,7 +58,7 @@ void run(uint32_t seed, Drivers&&... drivers) {
             puts = std::array{20u, 45u, 70u}[rng() % 3];
         }
         const uint32_t roll = rng() % 100;
-        // Puts, then the three insertions and the failing put, finds, removals and walks.
+        // Puts, then failing puts and the three insertions, finds, removals and walks.
         const TreeOp op = roll < puts        ? TreeOp::put
                           : roll < puts + 8  ? TreeOp(1 + roll % 4)
                           : roll < puts + 25 ? TreeOp::find

@@ -16,8 +16,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "dsmap/ds_map.hpp"
 #include "frame/host_api.hpp"
 #include "frame/keywords.hpp"
@@ -89,7 +87,7 @@ protected:
 
 // The module reaches fields at fixed places behind the anchor tag; the host
 // must lay them out at the same places.
-TEST_F(Loaded, FieldLayoutsMatchTheHost) {
+TEST_F(Loaded, StructuresAreLaidOutAndPreparedAsTheModuleNeedsThem) {
     auto offset_of = [](zok_struct_def* def, const char* anchor, const char* tag) {
         zok_var* instance = host_temp_struct(def);
         auto* base = static_cast<char*>(host_struct_tag_data(instance, anchor, 0, 0, 0));
@@ -113,9 +111,7 @@ TEST_F(Loaded, FieldLayoutsMatchTheHost) {
         EXPECT_EQ(offset_of(flux::struct_map_rbh_node(), "FLINK", tags[i].c_str()),
                   i < 5 ? words[i] : offsetof(RbhNodeData, status) + i - 5)
             << tags[i];
-}
-
-TEST_F(Loaded, StringBracketingStructuresArePrepared) {
+    // Behaviours that bracket strings have their structures prepared for copies and frees.
     for (const char* name : {"ZOKFWFUNCBEHAV", "ZOKFWPROCBEHAV"})
         EXPECT_NE(host.find_struct(name)->prepared, nullptr) << name;
     EXPECT_EQ(host.find_struct("ZOKFWBEHAVIOR")->prepared, nullptr);

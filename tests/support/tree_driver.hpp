@@ -134,8 +134,8 @@ Tree tree_of(std::initializer_list<int64_t> keys) {
     return tree;
 }
 
-// walk comes last.
-enum class TreeOp { put, insert, insert_after, failing_insert, failing_put, find, remove, walk };
+// The fuzz target reads an operation as a number up to walk: its corpus depends on this order.
+enum class TreeOp { put, failing_put, insert, insert_after, failing_insert, find, remove, walk };
 
 template <class Tree>
 class TreeDriver {
@@ -218,18 +218,12 @@ private:
         ++size_;
     }
 
-    // f() with one of its first allocations failing: null or 0, or the host's error.
+    // f() with one of its first allocations failing: null or 0 when that was one of f's.
     template <class F>
     Entry failing(F f, uint32_t extra) {
-        Entry e{};
         zok::Host& host = zok::Host::current();
         host.fail_allocation(1 + extra % 3);
-        try {
-            e = f();
-        } catch (const zok::Error& error) {
-            if (error.code() != ZOK_ERR_NO_MEMORY)
-                throw;
-        }
+        const Entry e = f();
         host.clear_faults();
         expect(e || host.live_temps() == 0, "a failed call kept temporaries");
         return e;
