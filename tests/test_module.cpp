@@ -24,10 +24,8 @@
 #include "fw/fw_saveable.hpp"
 #include "host.hpp"
 #include "maps/maph.hpp"
+#include "support/checks.hpp"
 #include "support/testing.hpp"
-
-extern "C" int32_t ZOK_Load();
-extern "C" void ZOK_ResetSession();
 
 namespace {
 
