@@ -3,20 +3,10 @@
 // with copies and moves into the heap, collection, the whole identifier space,
 // chunk reuse, observation and fault injection.  Randomized tests print their
 // seed; ZOK_SEED=<n> re-runs one.
-#include "host.hpp"
 #include "support/testing.hpp"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <functional>
-#include <limits>
-#include <map>
-#include <random>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 

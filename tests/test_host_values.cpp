@@ -3,8 +3,6 @@
 // a call's integer reader too, accepts exactly the values it can represent;
 // the host's conversion agrees with the program API's.
 #include <cmath>
-#include <functional>
-#include <optional>
 
 #include "support/testing.hpp"
 
