@@ -3,14 +3,14 @@
 // with copies and moves into the heap, collection, the whole identifier space,
 // chunk reuse, observation and fault injection.  Randomized tests print their
 // seed; ZOK_SEED=<n> re-runs one.
-#include "support/testing.hpp"
+#include "support/values.hpp"
 
 #include <cstring>
 #include <set>
 
 namespace {
 
-using zok::Value;
+using namespace zoktest;
 
 // Calls `ref` with every heap identifier the value refers to; returns the
 // count of texts it holds (the empty text is none).
@@ -44,12 +44,10 @@ size_t visit(const Value& v, const std::function<void(uint32_t)>& ref) {
 // (a program variable, a temporary, held heap variables) do not reach, and the
 // heap table's own checker runs along.
 TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
+    ValueMaker values;
+    auto& rng = values.rng;
     zok::Host host;
-    host.define_struct("LINK",
-                       {{"NEXT", ZOK_T_POINTER}, {"OBJ", ZOK_T_OBJECT}, {"NAME", ZOK_T_STRING}});
+    define_value_structs(host);
     struct Block {
         unsigned char* p;
         size_t size;
@@ -111,22 +109,12 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
             return rng() % next_id; // dead, never made, or null
         return any_heap()->first;
     };
+    values.id = some_id;
     auto random_heap_value = [&]() -> std::pair<int32_t, Value> {
-        switch (rng() % 4) {
-        case 0:
-            return {ZOK_HEAP_POINTER,
-                    rng() % 2 ? Value(static_cast<int32_t>(rng())) : Value(random_text(5))};
-        case 1:
-            return {ZOK_HEAP_POINTER, Value::array(ZOK_T_STRING, {random_text(5), random_text(5)})};
-        case 2:
-            return {ZOK_HEAP_POINTER,
-                    Value::array(ZOK_T_POINTER, {zok::PointerRef{some_id()}, zok::PointerRef{}})};
-        default:
-            return {ZOK_HEAP_OBJECT, zok::StructValue{"LINK",
-                                                      {{"NEXT", zok::PointerRef{some_id()}},
-                                                       {"OBJ", zok::ObjectRef{some_id()}},
-                                                       {"NAME", random_text(5)}}}};
-        }
+        if (rng() % 4 == 0)
+            return {ZOK_HEAP_OBJECT, values.scalar(ZOK_T_STRUCT)};
+        return {ZOK_HEAP_POINTER,
+                values.any(rng() % 2 ? values.type_of(kNumbers) : values.type_of(kOthers))};
     };
     // Makes a heap variable from a temporary holding `v`, which a move empties
     // and a copy or a refusal leaves as it was; null when it was refused.
