@@ -110,12 +110,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         return any_heap()->first;
     };
     values.id = some_id;
-    auto random_heap_value = [&]() -> std::pair<int32_t, Value> {
-        if (rng() % 4 == 0)
-            return {ZOK_HEAP_OBJECT, values.scalar(ZOK_T_STRUCT)};
-        return {ZOK_HEAP_POINTER,
-                values.any(rng() % 2 ? values.type_of(kNumbers) : values.type_of(kOthers))};
-    };
     // Makes a heap variable from a temporary holding `v`, which a move empties
     // and a copy or a refusal leaves as it was; null when it was refused.
     auto add_heap = [&](int32_t kind, const Value& v, int32_t action, bool may_fail) {
@@ -275,8 +269,11 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
             break;
         default:
             if (make || heap.empty()) {
-                const auto [kind, v] = random_heap_value();
-                add_heap(kind, v, ZOK_ACTION_RETURN, true);
+                if (rng() % 4 == 0)
+                    add_heap(ZOK_HEAP_OBJECT, values.scalar(ZOK_T_STRUCT), ZOK_ACTION_RETURN, true);
+                else
+                    add_heap(ZOK_HEAP_POINTER, values.any(values.any_type()), ZOK_ACTION_RETURN,
+                             true);
             } else if (rng() % 3 != 0) {
                 auto it = any_heap();
                 host_heap_free(it->first, 0, 0);
@@ -308,21 +305,15 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
                 host_release_temp(root_temp);
                 root_temp = host.make_temp(zok::PointerRef{some_id()});
                 std::set<uint32_t> reached;
-                std::vector<uint32_t> work;
-                auto reach = [&](uint32_t id) {
+                std::function<void(uint32_t)> reach = [&](uint32_t id) {
                     if (heap.count(id) && reached.insert(id).second)
-                        work.push_back(id);
+                        visit(heap.at(id).value, reach);
                 };
                 for (const auto& [id, h] : heap)
                     if (h.held)
                         reach(id);
                 visit(roots, reach);
                 visit(host.read(*root_temp), reach);
-                while (!work.empty()) {
-                    const uint32_t id = work.back();
-                    work.pop_back();
-                    visit(heap.at(id).value, reach);
-                }
                 ASSERT_EQ(host.collect(), heap.size() - reached.size());
                 std::erase_if(heap, [&](const auto& entry) { return !reached.count(entry.first); });
             } else { // jump forward, sometimes across many pages

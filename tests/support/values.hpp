@@ -27,6 +27,7 @@ struct ValueMaker {
         return std::ldexp(static_cast<double>(magnitude()), static_cast<int>(rng() % 24) - 12);
     }
     uint8_t type_of(auto& types) { return types[rng() % std::size(types)]; }
+    uint8_t any_type() { return rng() % 2 ? type_of(kNumbers) : type_of(kOthers); }
     Value scalar(uint8_t type) {
         const uint64_t bits = rng();
         switch (type) {
