@@ -269,11 +269,10 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
             break;
         default:
             if (make || heap.empty()) {
-                if (rng() % 4 == 0)
-                    add_heap(ZOK_HEAP_OBJECT, values.scalar(ZOK_T_STRUCT), ZOK_ACTION_RETURN, true);
-                else
-                    add_heap(ZOK_HEAP_POINTER, values.any(values.any_type()), ZOK_ACTION_RETURN,
-                             true);
+                const bool object = rng() % 4 == 0;
+                add_heap(object ? ZOK_HEAP_OBJECT : ZOK_HEAP_POINTER,
+                         object ? values.scalar(ZOK_T_STRUCT) : values.any(values.any_type()),
+                         ZOK_ACTION_RETURN, true);
             } else if (rng() % 3 != 0) {
                 auto it = any_heap();
                 host_heap_free(it->first, 0, 0);
