@@ -118,9 +118,10 @@ void BM_connection(benchmark::State& state) {
     ProgramBehaviors p;
     for (int i = 0; i < 100; ++i)
         p.connect(true);
+    const zok::Method unregister_method = p.host.method("UNREGISTER");
     auto connection = [&] {
         const ObjectRef b = p.connect(true);
-        p.host.call_method(b, "UNREGISTER");
+        p.host.call_method(b, unregister_method);
         p.host.destroy(b);
     };
     for (auto _ : state)
@@ -181,9 +182,11 @@ void BM_register_unregister(benchmark::State& state) {
                         {{"HANDLER", h}, {"MESSAGESTRING", "tick"}, {"REGISTER", 1}});
     const ObjectRef b =
         host.new_object("ZOKFWBEHAVIOR", {}, {{"HANDLER", h}, {"MESSAGESTRING", "tick"}});
+    const zok::Method register_method = host.method("REGISTER");
+    const zok::Method unregister_method = host.method("UNREGISTER");
     auto round = [&] {
-        host.call_method(b, "REGISTER");
-        host.call_method(b, "UNREGISTER");
+        host.call_method(b, register_method);
+        host.call_method(b, unregister_method);
     };
     for (auto _ : state)
         round();
