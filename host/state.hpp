@@ -60,13 +60,17 @@ private:
             spilled_.assign(in_place(), in_place() + N);
         spilled_.push_back(v);
     }
-    // Raw storage: the slots are written before they are read, so making a
-    // vector costs no construction of N elements.
-    T* in_place() { return std::launder(reinterpret_cast<T*>(raw_)); }
-    const T* in_place() const { return std::launder(reinterpret_cast<const T*>(raw_)); }
+    // Left unconstructed: the slots are written before they are read, so making
+    // a vector costs no construction of N elements.
+    union Slots {
+        Slots() {} // NOLINT(modernize-use-equals-default): the items stay unconstructed
+        std::array<T, N> items;
+    };
+    T* in_place() { return slots_.items.data(); }
+    const T* in_place() const { return slots_.items.data(); }
 
     static_assert(std::is_trivially_destructible_v<T>, "elements are never destroyed");
-    alignas(T) unsigned char raw_[N * sizeof(T)];
+    Slots slots_;
     std::vector<T> spilled_;
     size_t size_ = 0;
 };
