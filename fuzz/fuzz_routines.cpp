@@ -31,20 +31,14 @@
 // At the end: destroying every object and resetting the session leaves no
 // unreachable heap variable, and gives back every block of module memory and
 // every text.
+#include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <map>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "../tests/support/checks.hpp"
-
-extern "C" int32_t ZOK_Load();
-extern "C" void ZOK_ResetSession();
 
 namespace {
 
@@ -77,30 +71,25 @@ std::pair<int64_t, int64_t> limits_of(uint8_t type) {
 }
 
 using Limits = std::numeric_limits<double>;
-const double kInfinity = Limits::infinity();
 const double kDoubles[] = {0.0,          -0.0,         1.0,  -1.0,          0.5,
                            2147483648.0, 4294967296.0, 1e19, Limits::max(), Limits::denorm_min(),
-                           kInfinity,    -kInfinity,   NAN};
+                           INFINITY,     -INFINITY,    NAN};
 
 // The input as a stream of bytes, zeros once it runs out.
-class Input {
-public:
-    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-    bool more() const { return at_ < size_; }
-    uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
+struct Input {
+    const uint8_t* data;
+    size_t size;
+    size_t at = 0;
+    bool more() const { return at < size; }
+    uint8_t byte() { return at < size ? data[at++] : 0; }
     // A number below n (0 when n is 0).  It takes its byte whatever n is, so
     // that the bytes after it mean the same in any state.
     size_t below(size_t n) {
         size_t v = byte();
         if (n > 256)
-            v = v << 8 | byte();
+            v = v << 8 | byte(); // in this order
         return n == 0 ? 0 : v % n;
     }
-
-private:
-    const uint8_t* data_;
-    size_t size_;
-    size_t at_ = 0;
 };
 
 class Program {
@@ -135,45 +124,36 @@ public:
 
 private:
     void step() {
-        switch (in_.byte() % 16) {
-        case 9:
-        case 10:
-            return make_object();
-        case 11:
-            return destroy_object();
-        case 12:
-            return assign_variable();
-        case 13:
-            return with_failing_allocation();
-        case 14:
-            return perform("collect", [&] { host_.collect(); });
-        case 15:
-            if (in_.byte() < 16)
-                return perform("reset session", [&] { host_.reset_session(); });
-            return call_routine();
-        default:
-            return call_routine();
-        }
+        const uint8_t kind = in_.byte() % 16;
+        if (kind == 9 || kind == 10)
+            make_object();
+        else if (kind == 11)
+            destroy_object();
+        else if (kind == 12)
+            assign_variable();
+        else if (kind == 13)
+            with_failing_allocation();
+        else if (kind == 14)
+            perform("collect", [&] { host_.collect(); });
+        else if (kind == 15 && in_.byte() < 16)
+            perform("reset session", [&] { host_.reset_session(); });
+        else
+            call_routine();
     }
 
     void with_failing_allocation() {
         const uint8_t how = in_.byte();
-        if (how % 2 == 0) {
-            const uint64_t nth = 1 + how / 2 % 32;
-            log_.push_back("fail allocation " + std::to_string(nth));
-            host_.fail_allocation(nth);
-        } else {
-            std::vector<std::string> labels = {zok::kPlainLabel};
-            for (const auto& [label, stats] : host_.memory_by_label())
-                labels.push_back(label);
-            const std::string& label = labels[in_.below(labels.size())];
-            log_.push_back("fail label " + label);
+        std::vector<std::string> labels = {zok::kPlainLabel};
+        for (const auto& [label, stats] : host_.memory_by_label())
+            labels.push_back(label);
+        const uint64_t nth = 1 + how / 2 % 32;
+        const std::string label = how % 2 ? labels[in_.below(labels.size())] : "";
+        log_.push_back(how % 2 ? "fail label " + label : "fail allocation " + std::to_string(nth));
+        if (how % 2)
             host_.fail_label(label);
-        }
-        if (in_.byte() % 4 == 0)
-            make_object();
         else
-            call_routine();
+            host_.fail_allocation(nth);
+        in_.byte() % 4 == 0 ? make_object() : call_routine();
     }
 
     // ---- Steps
@@ -187,10 +167,12 @@ private:
             args.push_back(i == 0 && colons != std::string::npos ? self(r.name.substr(0, colons))
                                                                  : argument());
         const zok::Keywords kw = keywords();
-        std::vector<uint32_t> restored;
+        std::vector<uint32_t> restored; // the objects the restore pass is handed
         if (r.name == "ZOKFWSAVEABLERESTOREARRAY" && !args.empty())
-            restored = objects_in(args[0]);
-        const bool init = r.name.ends_with("::INIT");
+            for (const Value& e :
+                 (args[0].is_ref() ? host_.get_var(args[0].ref()) : args[0].value()).elements())
+                if (e.type() == ZOK_T_OBJECT)
+                    restored.push_back(e.as_object().id);
         perform(
             describe(r.name, args, kw),
             [&] {
@@ -199,7 +181,7 @@ private:
                 else
                     host_.call_procedure(r.name, args, kw);
                 // A second INIT of a live object replaces what the first made.
-                reinit_ = reinit_ || init;
+                reinit_ = reinit_ || r.name.ends_with("::INIT");
                 texts_kept_ = texts_kept_ || keeps_texts(r.name, kw);
                 idents_released_ = idents_released_ || releases_idents(r.name, args);
             },
@@ -233,17 +215,15 @@ private:
     // ---- Arguments
 
     int argument_count(int least, int most) {
-        const uint8_t b = in_.byte();
-        if (b < 224)
-            return least + b % (most - least + 1);
-        return b % (most + 3); // outside the range now and then
+        const uint8_t b = in_.byte(); // now and then outside the range
+        return b < 224 ? least + b % (most - least + 1) : b % (most + 3);
     }
 
     zok::Arg self(const std::string& cls) {
-        std::vector<uint32_t> of_class;
-        for (const uint32_t id : live(objects_))
-            if (host_.heap_kind(id) == ZOK_HEAP_OBJECT && host_.isa(ObjectRef{id}, cls))
-                of_class.push_back(id);
+        std::vector<uint32_t> of_class = live(objects_);
+        std::erase_if(of_class, [&](uint32_t id) {
+            return host_.heap_kind(id) != ZOK_HEAP_OBJECT || !host_.isa(ObjectRef{id}, cls);
+        });
         const uint8_t how = in_.byte() % 8;
         const size_t pick = in_.byte();
         if (how < 6 && !of_class.empty())
@@ -324,27 +304,17 @@ private:
         return Value(std::move(st));
     }
 
+    // Empty, long, holding NUL, spaced, any bytes, or a short word.
     Value text() {
-        switch (in_.byte() % 8) {
-        case 0:
-            return "";
-        case 1:
-            return std::string(300 + in_.byte(), 'x');
-        case 2:
-            return std::string("k\0k", 3);
-        case 3:
-            return " 1 ";
-        case 4: {
-            std::string t;
-            for (size_t n = in_.below(16); n > 0; --n)
-                t += static_cast<char>(in_.byte());
-            return t;
-        }
-        default: {
-            static const char* const words[] = {"k", "K", "a", "\xff", "1"};
-            return words[in_.below(std::size(words))];
-        }
-        }
+        static const std::string fixed[] = {"", "", std::string("k\0k", 3), " 1 "};
+        static const char* const words[] = {"k", "K", "a", "\xff", "1"};
+        const uint8_t kind = in_.byte() % 8;
+        std::string t = kind < 4 ? fixed[kind] : "";
+        if (kind == 1)
+            t.assign(300 + in_.byte(), 'x');
+        for (size_t n = kind == 4 ? in_.below(16) : 0; n > 0; --n)
+            t += static_cast<char>(in_.byte());
+        return kind > 4 ? words[in_.below(std::size(words))] : t;
     }
 
     // An identifier the program may hand over for a reference of `type`: most
@@ -360,22 +330,17 @@ private:
         if (how < 12 && !other.empty())
             return other[pick % other.size()];
         if (how < 14) {
-            std::vector<uint32_t> dead;
-            for (const auto* held : {&objects_, &pointers_})
-                for (const uint32_t id : *held)
-                    if (!host_.heap_alive(id))
-                        dead.push_back(id);
+            std::vector<uint32_t> dead = live(objects_, false);
+            std::ranges::copy(live(pointers_, false), std::back_inserter(dead));
             return dead.empty() ? host_.next_heap_id() : dead[pick % dead.size()];
         }
         return how == 14 ? UINT32_MAX : 0;
     }
 
-    std::vector<uint32_t> live(const std::vector<uint32_t>& held) const {
-        std::vector<uint32_t> out;
-        for (const uint32_t id : held)
-            if (host_.heap_alive(id))
-                out.push_back(id);
-        return out;
+    // Those of `held` that are alive (or dead).
+    std::vector<uint32_t> live(std::vector<uint32_t> held, bool alive = true) const {
+        std::erase_if(held, [&](uint32_t id) { return host_.heap_alive(id) != alive; });
+        return held;
     }
 
     zok::Keywords keywords() {
@@ -384,37 +349,16 @@ private:
         if (b % 8 != 0)
             return kw;
         for (size_t n = 1 + b / 8 % 3; n > 0; --n) {
+            // The name, a prefix of it, in lower case, unknown, or empty.
             std::string name = kKeywordNames[in_.below(std::size(kKeywordNames))];
-            switch (in_.byte() % 6) {
-            case 0:
-                name = name.substr(0, 1 + in_.below(name.size() - 1)); // a prefix
-                break;
-            case 1:
-                for (char& c : name)
-                    c = static_cast<char>(c - 'A' + 'a');
-                break;
-            case 2:
-                name = "NOSUCH";
-                break;
-            case 3:
-                name = "";
-                break;
-            default:
-                break;
-            }
-            kw.push_back({name, argument()});
+            const uint8_t how = in_.byte() % 6;
+            if (how == 0)
+                name.resize(1 + in_.below(name.size() - 1));
+            if (how == 1)
+                std::ranges::transform(name, name.begin(), ::tolower);
+            kw.push_back({how == 2 ? "NOSUCH" : how == 3 ? "" : name, argument()});
         }
         return kw;
-    }
-
-    // The identifiers of the objects an argument names (for the restore pass).
-    std::vector<uint32_t> objects_in(const zok::Arg& arg) const {
-        const Value v = arg.is_ref() ? host_.get_var(arg.ref()) : arg.value();
-        std::vector<uint32_t> ids;
-        if (v.type() == ZOK_T_OBJECT)
-            for (const Value& e : v.elements())
-                ids.push_back(e.as_object().id);
-        return ids;
     }
 
     // Keeps the references a call gave back.
@@ -429,15 +373,10 @@ private:
 
     static std::string describe(const std::string& name, const zok::Args& args,
                                 const zok::Keywords& kw) {
-        std::string out = name + "(";
-        auto shown = [](const zok::Arg& a) {
-            return a.is_ref() ? "var " + a.ref() : a.value().to_string();
-        };
-        for (size_t i = 0; i < args.size(); ++i)
-            out += (i ? ", " : "") + shown(args[i]);
-        for (const zok::Keyword& k : kw)
-            out += ", /" + k.name + "=" + shown(k.arg);
-        return out + ")";
+        std::string out = name + " " + std::to_string(kw.size()) + " keywords";
+        for (const zok::Arg& a : args)
+            out += ", " + (a.is_ref() ? "var " + a.ref() : a.value().to_string());
+        return out;
     }
 
     // ---- Checks
@@ -456,15 +395,14 @@ private:
         }
         host_.clear_faults();
         verify();
-        if (raised) {
-            const zok::Observation after = host_.observe();
-            const std::string changed = zok::difference(forgive(before, after, restored), after);
-            if (!changed.empty())
-                fail("the step raised an error, yet changed the state: " + changed);
-            if (const std::string counts = zoktest::registry_counts(); counts != counts_before)
-                fail("the step raised an error, yet changed the registry's counts: " +
-                     counts_before + "-> " + counts);
-        }
+        if (!raised)
+            return;
+        const zok::Observation after = host_.observe();
+        std::string changed = zok::difference(forgive(before, after, restored), after);
+        if (const std::string counts = zoktest::registry_counts(); counts != counts_before)
+            changed += " the registry's counts: " + counts_before + "-> " + counts;
+        if (!changed.empty())
+            fail("the step raised an error, yet changed the state: " + changed);
     }
 
     // The restore pass resets the flags of the array's objects before it looks
@@ -473,20 +411,19 @@ private:
     // is forgiven; nothing else is.
     static zok::Observation forgive(zok::Observation before, const zok::Observation& after,
                                     const std::vector<uint32_t>& restored) {
-        const std::set<uint32_t> ids(restored.begin(), restored.end());
-        auto now = after.heap.begin();
-        for (zok::Observation::HeapVar& was : before.heap) {
-            while (now != after.heap.end() && now->id < was.id)
-                ++now;
-            if (now == after.heap.end() || now->id != was.id || !ids.count(was.id) ||
-                was.value.type() != ZOK_T_STRUCT || now->value.type() != ZOK_T_STRUCT)
+        using HeapVar = zok::Observation::HeapVar;
+        for (const uint32_t id : restored) {
+            const auto was = std::ranges::find(before.heap, id, &HeapVar::id);
+            const auto now = std::ranges::find(after.heap, id, &HeapVar::id);
+            if (was == before.heap.end() || now == after.heap.end() ||
+                was->value.type() != ZOK_T_STRUCT || now->value.type() != ZOK_T_STRUCT)
                 continue;
-            zok::StructValue st = was.value.as_struct();
+            zok::StructValue st = was->value.as_struct();
             const auto& fields = now->value.as_struct().fields;
             for (size_t i = 0; i < st.fields.size() && i < fields.size(); ++i)
                 if (st.fields[i].first == "ZOKFWSAVEABLE_TOP" && fields[i].second == Value(0.0))
                     st.fields[i].second = fields[i].second;
-            was.value = Value(std::move(st));
+            was->value = Value(std::move(st));
         }
         return before;
     }
@@ -494,13 +431,9 @@ private:
     void verify() {
         try {
             host_.check_heap();
-        } catch (const std::exception& e) {
-            fail(std::string("heap check: ") + e.what());
-        }
-        try {
             if (const std::string fault = zoktest::module_fault(host_); !fault.empty())
                 fail(fault);
-        } catch (const zok::Error& e) {
+        } catch (const std::exception& e) {
             fail(std::string("a check raised: ") + e.what());
         }
         if (host_.live_temps() != 0 || host_.leftover_temps() != 0)
@@ -519,7 +452,10 @@ private:
             try {
                 host_.destroy(ObjectRef{id});
             } catch (const zok::Error& e) {
-                if (!(idents_released_ && is_ident_corruption(e)))
+                // The program's own doing (see releases_idents), which the
+                // module reports.
+                if (!idents_released_ || e.code() != -1 || e.text() != "FWIdent corruption" ||
+                    e.block().empty())
                     fail("destroying object " + std::to_string(id) + " raised: " + e.what());
             }
         }
@@ -566,10 +502,6 @@ private:
         return routine.ends_with("::CLEANUP") || routine == "FWIDENT_RELEASE" ||
                (routine == "FWIDENT_GC" && !args.empty());
     }
-    static bool is_ident_corruption(const zok::Error& e) {
-        return e.code() == -1 && e.text() == "FWIdent corruption" && !e.block().empty();
-    }
-
     // The routine-name setters of the procedure and function behaviours, and
     // their INIT given a name or run again, deliberately keep the text they
     // replace (the class is defined so).
@@ -584,8 +516,7 @@ private:
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in(data, size);
-    Program program(in);
-    program.run();
+    Input in{data, size};
+    Program(in).run();
     return 0;
 }

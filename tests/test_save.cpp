@@ -9,8 +9,7 @@
 #include <map>
 #include <tuple>
 
-#include <zlib.h>
-
+#include "support/checks.hpp"
 #include "support/messaging_testing.hpp"
 
 namespace {
@@ -18,29 +17,6 @@ namespace {
 using zok::ObjectRef;
 using zok::Ref;
 using zok::Value;
-
-// Files live in memory where the system offers it: the damage sweeps write thousands.
-std::string temp_path(const std::string& name) {
-    const std::filesystem::path shm = "/dev/shm";
-    return ((std::filesystem::is_directory(shm) ? shm : std::filesystem::temp_directory_path()) /
-            (name + "." + std::to_string(::getpid()) + ".zoksave"))
-        .string();
-}
-
-// Removes its file however the test ends.
-struct TempFile {
-    const std::string path;
-    ~TempFile() { std::filesystem::remove(path); }
-};
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void write_file(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 // The messaging fixture with a target class whose HIT logs its argument, and a
 // small framework that holds what the messaging model lacks (PROBE, a program
@@ -123,8 +99,7 @@ protected:
                 ++live_idents[host.heap_value(id).as_string()];
         for (const auto& [t, n] : live_idents)
             out += "\n" + t + " identifiers " + std::to_string(n);
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            out += "\n" + e.name + " uses " + std::to_string(e.uses);
+        out += "\nuses " + zoktest::registry_counts();
         for (const Value& id : host.get_var("IDENTS").elements())
             out += "\nheld " + host.heap_value(id.as_pointer().id).to_string();
         log = "\n";
@@ -139,7 +114,7 @@ protected:
 const std::vector<std::string> kSaved = {"FW", "TARGET", "MAP", "IDENTS"};
 
 TEST_F(SaveRestore, ArmedDelaysMapsAndHeldIdentifiersComeBackAfterAReset) {
-    const TempFile file{temp_path("roundtrip")};
+    const zoktest::TempFile file;
     build();
     host.save(file.path, kSaved);
     const std::string before = digest();
@@ -156,26 +131,22 @@ protected:
     BadFiles() {
         build(); // small enough to damage at every byte
         host.save(path, kSaved);
-        good = read_file(path);
+        std::ifstream in(path, std::ios::binary);
+        good.assign(std::istreambuf_iterator<char>(in), {});
     }
 
     // Restores `bytes`, expecting `code` and a text that starts with the file's
     // name and then `what`; nothing may change.
     void refused(const std::string& bytes, int32_t code, const std::string& what) {
-        write_file(path, bytes);
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         const zok::Observation before = host.observe();
         const zok::Error e = expect_error(code, [&] { host.restore(path); });
         EXPECT_EQ(e.text().substr(0, prefix().size() + what.size()), prefix() + what) << e.text();
         EXPECT_EQ(zok::difference(before, host.observe()), "");
     }
     std::string prefix() const { return "Save file " + path + " "; }
-    std::string with_u32(size_t at, uint32_t v) const {
-        std::string out = good;
-        std::memcpy(out.data() + at, &v, 4);
-        return out;
-    }
 
-    const TempFile file{temp_path("bad")};
+    const zoktest::TempFile file;
     const std::string& path = file.path;
     std::string good;
 };
@@ -191,13 +162,13 @@ TEST_F(BadFiles, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
                           std::to_string(n - 24) + " are there");
     refused(good + "x", ZOK_ERR_SAVE_FILE,
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
-    refused(with_u32(8, 2), ZOK_ERR_SAVE_FILE, "has format version 2; this host reads version 1");
+    refused(std::string(good).replace(8, 1, 1, '\2'), ZOK_ERR_SAVE_FILE,
+            "has format version 2; this host reads version 1");
     std::filesystem::remove(path);
-    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(path); }).text(),
-              prefix() + "cannot be opened: No such file or directory; nothing was restored.");
-    const std::string dir = std::filesystem::path(path).parent_path().string();
-    EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(dir); }).text(),
-              "Save file " + dir + " cannot be opened: Is a directory; nothing was restored.");
+    for (const auto& [at, why] : {std::pair{path, "No such file or directory"},
+                                  std::pair{file.dir.string(), "Is a directory"}})
+        EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(at); }).text(),
+                  "Save file " + at + " cannot be opened: " + why + "; nothing was restored.");
 
     // A flipped bit: where it lands decides what is found first.
     for (size_t at = 0; at < good.size(); ++at) {
@@ -213,18 +184,11 @@ TEST_F(BadFiles, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
     }
 
     // A sound checksum over unsound content: the decoder still refuses it.
-    const auto forged = [&](const std::string& body) {
-        std::string out = good.substr(0, 24) + body;
-        const uint32_t crc = static_cast<uint32_t>(
-            crc32_z(0, reinterpret_cast<const unsigned char*>(body.data()), body.size()));
-        std::memcpy(out.data() + 12, &crc, 4);
-        return out;
-    };
-    refused(forged(std::string(content, '\xff')), ZOK_ERR_SAVE_FILE,
+    refused(zoktest::with_header(std::string(content, '\xff')), ZOK_ERR_SAVE_FILE,
             "is corrupt: the structure table runs past the end");
     std::string lower_name = good.substr(24);
     lower_name[lower_name.rfind("IDENTS") + 5] = 's';
-    refused(forged(lower_name), ZOK_ERR_SAVE_FILE,
+    refused(zoktest::with_header(lower_name), ZOK_ERR_SAVE_FILE,
             "is corrupt: variable name IDENTs is not in upper case");
 
     // A sound file whose program class this host lacks or defines otherwise,

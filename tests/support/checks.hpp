@@ -1,12 +1,20 @@
-// Checks shared by the test suites and the fuzz targets, free of any test
-// framework: the module's invariants over a host, and the registry's counts.
+// Shared by the test suites and the fuzz targets, free of any test framework:
+// the module's entry points, the module's invariants over a host, the
+// registry's counts, and the making of save files.
 #pragma once
 
+#include <unistd.h>
+#include <zlib.h>
+
+#include <filesystem>
 #include <string>
 
 #include "frame/module.hpp"
 #include "fw/fw_ident.hpp"
 #include "host.hpp"
+
+extern "C" int32_t ZOK_Load();
+extern "C" void ZOK_ResetSession();
 
 namespace zoktest {
 
@@ -31,5 +39,26 @@ inline std::string registry_counts() {
         out += e.name + "=" + std::to_string(e.uses) + " ";
     return out;
 }
+
+// A save file of format version 1 around `content`, with a sound checksum.
+inline std::string with_header(const std::string& content) {
+    std::string out = "ZOKSAVE\x1a";
+    auto put = [&](auto v) { out.append(reinterpret_cast<const char*>(&v), sizeof v); };
+    put(uint32_t{1});
+    put(static_cast<uint32_t>(
+        crc32_z(0, reinterpret_cast<const unsigned char*>(content.data()), content.size())));
+    put(uint64_t{content.size()});
+    return out + content;
+}
+
+// A file in memory where the system offers it (tests and fuzzers write
+// thousands), removed however the test ends.
+struct TempFile {
+    const std::filesystem::path dir = std::filesystem::is_directory("/dev/shm")
+                                          ? "/dev/shm"
+                                          : std::filesystem::temp_directory_path();
+    const std::string path = dir / ("zok." + std::to_string(::getpid()) + ".zoksave");
+    ~TempFile() { std::filesystem::remove(path); }
+};
 
 } // namespace zoktest
