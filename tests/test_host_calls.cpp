@@ -125,9 +125,12 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(puppy, "SIT"); });
     host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
     EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
+    const zok::Method sit = host.method("sit");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "sits");
     // ... and an override added later wins over what was resolved before it.
     host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
     EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "wags");
 
     const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
     EXPECT_NE(handle, nullptr);
@@ -437,6 +440,8 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         // A qualified call starts at a class of the object's own chain, never elsewhere.
         {ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: ANIMAL::SPEAK.",
          [&] { host.call_method(animal, "DOG::SPEAK"); }},
+        {ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: ANIMAL::SPEAK.",
+         [&] { host.call_method(animal, host.method("dog::speak")); }},
         {ZOK_ERR_UNKNOWN_CLASS, "Class NOSUCH is not defined.", [&] { host.new_object("NOSUCH"); }},
         // A creation whose result cannot be made makes nothing and runs no INIT.
         {ZOK_ERR_NO_MEMORY, "Unable to allocate memory: making a temporary variable.",
