@@ -25,10 +25,11 @@ void no_host() {
 namespace {
 
 // One statement: its argument temporaries, keywords and what it leaves behind.
+// What a statement that ran to its end left behind is counted; one that an
+// error ends is cleaned up the same way, uncounted.
 class Statement {
 public:
-    explicit Statement(State& s)
-        : s_(s), first_(s.temp_seq), uncaught_(std::uncaught_exceptions()) {
+    explicit Statement(State& s) : s_(s), first_(s.temp_seq) {
         if (s.api_depth++ == 0)
             s.leftover_temps = 0;
     }
@@ -37,10 +38,12 @@ public:
             if (s_.temps.is_live(var) && reinterpret_cast<TempSlot*>(var)->seq == seq)
                 release_temps_one(var);
         size_t left = release_temps_since(first_);
-        if (std::uncaught_exceptions() == uncaught_)
+        if (ended_)
             s_.leftover_temps += left;
         --s_.api_depth;
     }
+    // The statement's call returned.
+    void ended() { ended_ = true; }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -82,11 +85,14 @@ public:
     }
     // Reads a result and lets it go.
     Value result(zok_var* v) {
-        if (!v)
+        if (!v) {
+            ended();
             return Value();
+        }
         Value out = from_var(*v);
         if ((v->flags & ZOK_VF_TEMPORARY) && s_.temps.is_live(v))
             release_temp(v);
+        ended();
         return out;
     }
 
@@ -101,7 +107,7 @@ private:
 
     State& s_;
     uint64_t first_;
-    int uncaught_;
+    bool ended_ = false;
     SmallVector<std::pair<zok_var*, uint64_t>, 8> temps_;
     SmallVector<zok_var*, 8> argv_;
     zok_keywords kw_;
@@ -196,6 +202,7 @@ void run_load(State& s, LoadedModule m) {
     {
         Statement st(s);
         ok = m.load();
+        st.ended();
     }
     if (!ok) {
         m.reset = nullptr; // a module that failed to load is not reset
@@ -234,6 +241,7 @@ void Host::reset_session() {
         if (m.reset) {
             Statement st(s);
             m.reset();
+            st.ended();
         }
     free_whole_heap(s);
 }
@@ -260,16 +268,16 @@ void Host::call_procedure(std::string_view name, const Args& args, const Keyword
     zok_var** argv = st.args(args);
     zok_keywords* k = st.keywords(kw);
     invoke(*r, static_cast<int32_t>(args.size()), argv, k);
+    st.ended();
 }
 
-Value Host::call_method(ObjectRef self, std::string_view method, const Args& args,
-                        const Keywords& kw) {
-    HeapSlot* slot = object_slot(self);
-    StructInfo& cls = class_of_slot(slot);
-    // A name nobody interned names no method; one already in upper case needs no copy.
-    const std::string upper_text = is_upper(method) ? std::string() : upper(method);
-    const std::string_view text = upper_text.empty() ? method : upper_text;
-    const zok_name* name = find_name(text);
+namespace detail {
+namespace {
+
+// The routine a method call of `name` (interned from `text`, or null when
+// never interned) on an object of `cls` runs, or the unknown-method error.
+// CLASS::METHOD starts the search at CLASS, which must be in the object's chain.
+detail::Routine& method_routine(StructInfo& cls, const zok_name* name, std::string_view text) {
     StructInfo* from = &cls;
     if (name && name->qualifier) {
         from = name->qualifier->structure;
@@ -285,13 +293,43 @@ Value Host::call_method(ObjectRef self, std::string_view method, const Args& arg
                 std::string(colons == std::string_view::npos ? text : text.substr(colons + 2)) +
                 ".");
     }
-    Statement st(*state_);
+    return *r;
+}
+
+Value run_method(State& s, ObjectRef self, const detail::Routine& r, const Args& args,
+                 const Keywords& kw) {
+    Statement st(s);
     zok_var self_var{};
     self_var.type = ZOK_T_OBJECT;
     self_var.value.heap_id = self.id;
     zok_var** argv = st.args(args, &self_var);
     zok_keywords* k = st.keywords(kw);
-    return st.result(invoke(*r, static_cast<int32_t>(args.size() + 1), argv, k));
+    return st.result(invoke(r, static_cast<int32_t>(args.size() + 1), argv, k));
+}
+
+} // namespace
+} // namespace detail
+
+Value Host::call_method(ObjectRef self, std::string_view method, const Args& args,
+                        const Keywords& kw) {
+    StructInfo& cls = class_of_slot(object_slot(self));
+    // A name nobody interned names no method; one already in upper case needs no copy.
+    const std::string upper_text = is_upper(method) ? std::string() : upper(method);
+    const std::string_view text = upper_text.empty() ? method : upper_text;
+    return run_method(*state_, self, method_routine(cls, find_name(text), text), args, kw);
+}
+
+Method Host::method(std::string_view name) {
+    return Method(intern(upper(name)));
+}
+
+Value Host::call_method(ObjectRef self, Method method, const Args& args) {
+    if (!method)
+        api_error(ZOK_ERR_BAD_ARGUMENT, "call_method: the method handle is empty.");
+    StructInfo& cls = class_of_slot(object_slot(self));
+    static const Keywords none;
+    return run_method(*state_, self, method_routine(cls, method.name_, method.name_->text), args,
+                      none);
 }
 
 ObjectRef Host::new_object(std::string_view class_name, const Args& args, const Keywords& kw) {
@@ -301,12 +339,15 @@ ObjectRef Host::new_object(std::string_view class_name, const Args& args, const 
     Statement st(*state_);
     zok_var** argv = st.args(args);
     zok_keywords* k = st.keywords(kw);
-    return ObjectRef{create_object(cls, static_cast<int32_t>(args.size()), argv, k)};
+    const ObjectRef made{create_object(cls, static_cast<int32_t>(args.size()), argv, k)};
+    st.ended();
+    return made;
 }
 
 void Host::destroy(ObjectRef obj) {
     Statement st(*state_);
     destroy_object(obj.id, nullptr);
+    st.ended();
 }
 
 bool Host::isa(ObjectRef obj, std::string_view class_name) {

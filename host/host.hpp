@@ -257,6 +257,19 @@ struct Keyword {
 using Args = std::vector<Arg>;
 using Keywords = std::vector<Keyword>;
 
+// A method name looked up once (Host::method), for calls that skip the
+// upper-casing and the name look-up of a call by text.  Valid for the process.
+class Method {
+public:
+    Method() = default;
+    explicit operator bool() const { return name_ != nullptr; }
+
+private:
+    friend class Host;
+    explicit Method(const zok_name* name) : name_(name) {}
+    const zok_name* name_ = nullptr;
+};
+
 class Host;
 
 // What a program routine sees of its call.
@@ -388,6 +401,12 @@ public:
     // procedure's result is Value().
     Value call_method(ObjectRef self, std::string_view method, const Args& args = {},
                       const Keywords& kw = {});
+    // The handle of METHOD or CLASS::METHOD (any case), whether or not anything
+    // is registered under it yet.
+    Method method(std::string_view name);
+    // The same call by handle: resolved through the name's last resolution and
+    // the class's method cache, with the same checks and errors as by text.
+    Value call_method(ObjectRef self, Method method, const Args& args = {});
     // Creates an object (INIT runs with args and kw); a null ref when INIT returned 0.
     ObjectRef new_object(std::string_view class_name, const Args& args = {},
                          const Keywords& kw = {});

@@ -65,9 +65,13 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         return bad("bad arguments");
     if (!table[0].keyword || table[0].keyword[0] != '\0')
         return bad("the keyword table must open with an empty keyword");
+    // Each keyword's length, measured once for the matching below.
+    SmallVector<size_t, 16> lengths;
+    lengths.push_back(0);
     size_t n = 1;
     for (; table[n].keyword; ++n) {
         const zok_keyword_entry& e = table[n];
+        lengths.push_back(std::strlen(e.keyword));
         if (!by_reference(e) && (value_size(e) == 0 || e.type == ZOK_T_STRUCT))
             return bad(std::string("keyword ") + e.keyword + " has a type it cannot take");
         if (n > 1 && std::strcmp(table[n - 1].keyword, e.keyword) >= 0)
@@ -92,7 +96,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         const zok_keyword_entry* match = nullptr;
         int prefixes = 0;
         for (size_t i = 1; i < n; ++i) {
-            std::string_view k = table[i].keyword;
+            const std::string_view k(table[i].keyword, lengths.begin()[i]);
             if (k == name) {
                 match = &table[i];
                 prefixes = 1;

@@ -19,8 +19,10 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -36,25 +38,39 @@ public:
     SmallVector(const SmallVector&) = delete;
     SmallVector& operator=(const SmallVector&) = delete;
     void push_back(const T& v) {
-        if (size_ == N && spilled_.empty())
-            spilled_.assign(in_place_.begin(), in_place_.end());
-        if (size_ >= N)
-            spilled_.push_back(v);
+        if (size_ < N) [[likely]]
+            new (in_place() + size_) T(v);
         else
-            in_place_[size_] = v;
+            spill(v);
         ++size_;
     }
-    T* data() { return size_ > N ? spilled_.data() : in_place_.data(); }
+    T* data() { return size_ > N ? spilled_.data() : in_place(); }
     T* begin() { return data(); }
     T* end() { return data() + size_; }
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     const T& front() const { return *begin(); }
-    const T* begin() const { return size_ > N ? spilled_.data() : in_place_.data(); }
+    const T* begin() const { return size_ > N ? spilled_.data() : in_place(); }
     const T* end() const { return begin() + size_; }
 
 private:
-    std::array<T, N> in_place_;
+    // Past the first N: every element moves to the vector on the first.
+    [[gnu::noinline]] void spill(const T& v) {
+        if (spilled_.empty())
+            spilled_.assign(in_place(), in_place() + N);
+        spilled_.push_back(v);
+    }
+    // Left unconstructed: the slots are written before they are read, so making
+    // a vector costs no construction of N elements.
+    union Slots {
+        Slots() {} // NOLINT(modernize-use-equals-default): the items stay unconstructed
+        std::array<T, N> items;
+    };
+    T* in_place() { return slots_.items.data(); }
+    const T* in_place() const { return slots_.items.data(); }
+
+    static_assert(std::is_trivially_destructible_v<T>, "elements are never destroyed");
+    Slots slots_;
     std::vector<T> spilled_;
     size_t size_ = 0;
 };
@@ -230,6 +246,9 @@ private:
         HeapSlot slots[kPageSize];
     };
     void drop_page_if_done(uint32_t page_index);
+    // A zeroed page with every slot dead, or null; and its return.
+    static Page* new_page();
+    static void free_page(Page* page);
 
     Page** dir_;
     std::vector<Page*> spares_;   // given-back pages for the next ones (all slots dead)
@@ -329,7 +348,11 @@ struct zok::Host::State {
     // Structures, routines, calls.
     std::map<std::string, std::unique_ptr<detail::StructInfo>, std::less<>> structs;
     std::unordered_map<const zok_struct_def*, detail::StructInfo*> struct_by_def;
+    // The structure of the definition met last, and of those met recently,
+    // direct-mapped by address: a tree node and the object that files it
+    // alternate without a search.
     std::pair<const zok_struct_def*, detail::StructInfo*> last_def{}; // (null, null) at first
+    std::array<std::pair<const zok_struct_def*, detail::StructInfo*>, 16> def_hits{};
     std::vector<std::unique_ptr<detail::Routine>> routines;
     std::vector<zok_name*> bound_names;
     detail::Frame base_frame;
@@ -456,10 +479,21 @@ StructInfo* struct_info_slow(const zok_struct_def* def);
 // The host's structure of a definition, or null when the definition is not one
 // of this host's; definitions live as long as the host, so the last one found
 // stays valid.
+// Definitions sit at the same offset in equal-sized blocks, so their low bits
+// agree: the index is taken from the top of a multiplicative hash.
+inline size_t def_hit_index(const zok_struct_def* def) {
+    static_assert(std::tuple_size_v<decltype(State::def_hits)> == 16);
+    return (reinterpret_cast<uintptr_t>(def) * uint64_t{0x9E3779B97F4A7C15}) >> 60;
+}
 inline StructInfo* struct_info(const zok_struct_def* def) {
-    const State& s = state();
+    State& s = state();
     if (def == s.last_def.first) [[likely]]
         return s.last_def.second;
+    const auto& hit = s.def_hits[def_hit_index(def)];
+    if (def == hit.first && def) {
+        s.last_def = hit;
+        return hit.second;
+    }
     return struct_info_slow(def);
 }
 StructInfo* find_struct(std::string_view name);

@@ -10,6 +10,7 @@
 #include "state.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstring>
 #include <strings.h>
@@ -20,8 +21,20 @@ namespace {
 
 // Upper-case letters, digits and the punctuation of names are no lower-case
 // letter in any locale, so toupper leaves them as they are without being asked.
-bool kept_by_toupper(char c) {
+constexpr bool kept_by_toupper_slow(unsigned char c) {
     return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == ':' || c == '$';
+}
+
+// The same by one load a character: names are checked on every call by text.
+constexpr auto kKeptByToupper = [] {
+    std::array<bool, 256> kept{};
+    for (unsigned c = 0; c < kept.size(); ++c)
+        kept[c] = kept_by_toupper_slow(static_cast<unsigned char>(c));
+    return kept;
+}();
+
+bool kept_by_toupper(char c) {
+    return kKeptByToupper[static_cast<unsigned char>(c)];
 }
 
 char to_upper(char c) {
@@ -32,7 +45,7 @@ char to_upper(char c) {
 
 bool is_upper(std::string_view s) {
     for (char c : s)
-        if (to_upper(c) != c)
+        if (!kept_by_toupper(c) && to_upper(c) != c)
             return false;
     return true;
 }
@@ -73,6 +86,7 @@ StructInfo* struct_info_slow(const zok_struct_def* def) {
     if (it == s.struct_by_def.end())
         return nullptr;
     s.last_def = *it;
+    s.def_hits[def_hit_index(def)] = *it;
     return it->second;
 }
 

@@ -6,6 +6,7 @@
 // against std::map over random inserts, replacements, removals and look-ups: key order
 // is the host's string order, values are copies, nothing outlives the object; and the
 // class check names each way a map can be broken.
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -15,8 +16,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "dsmap/ds_map.hpp"
 #include "frame/host_api.hpp"
 #include "frame/keywords.hpp"
@@ -24,10 +23,9 @@
 #include "fw/fw_ident.hpp"
 #include "fw/fw_saveable.hpp"
 #include "host.hpp"
+#include "maps/maph.hpp"
+#include "support/checks.hpp"
 #include "support/testing.hpp"
-
-extern "C" int32_t ZOK_Load();
-extern "C" void ZOK_ResetSession();
 
 namespace {
 
@@ -40,17 +38,15 @@ using zok::Value;
 // and a refused function table never lets the procedures in.  The structures
 // are defined before anything that can be refused.
 TEST(Load, ARefusedRegistrationFailsTheLoad) {
+    using zok::Operation;
     const struct {
-        zok::Operation refused;
+        Operation refused;
         uint32_t nth;
         Tags present, absent;
     } cases[] = {
-        {zok::Operation::DefineMessageBlock,
-         1,
-         {},
-         {"ZOKFWSAVEABLE::INIT", "ZOKFWSAVEABLE::CLEANUP"}},
-        {zok::Operation::AddRoutines, 1, {}, {"GET_FWIDENT", "FWIDENT_GC", "ZOKDSMAP::INSERT"}},
-        {zok::Operation::AddRoutines, 2, {"GET_FWIDENT"}, {"FWIDENT_GC"}},
+        {Operation::DefineMessageBlock, 1, {}, {"ZOKFWSAVEABLE::INIT", "ZOKFWSAVEABLE::CLEANUP"}},
+        {Operation::AddRoutines, 1, {}, {"GET_FWIDENT", "FWIDENT_GC", "ZOKDSMAP::INSERT"}},
+        {Operation::AddRoutines, 2, {"GET_FWIDENT"}, {"FWIDENT_GC"}},
     };
     for (const auto& c : cases) {
         zok::Host host;
@@ -83,13 +79,13 @@ TEST(Load, SharedLibraryLoadsAndExportsOnlyItsEntryPoints) {
 
 class Loaded : public ::testing::Test {
 protected:
-    void SetUp() override { host.load_module(ZOK_Load, ZOK_ResetSession); }
+    Loaded() { host.load_module(ZOK_Load, ZOK_ResetSession); }
     zok::Host host;
 };
 
 // The module reaches fields at fixed places behind the anchor tag; the host
 // must lay them out at the same places.
-TEST_F(Loaded, FieldLayoutsMatchTheHost) {
+TEST_F(Loaded, StructuresAreLaidOutAndPreparedAsTheModuleNeedsThem) {
     auto offset_of = [](zok_struct_def* def, const char* anchor, const char* tag) {
         zok_var* instance = host_temp_struct(def);
         auto* base = static_cast<char*>(host_struct_tag_data(instance, anchor, 0, 0, 0));
@@ -113,9 +109,7 @@ TEST_F(Loaded, FieldLayoutsMatchTheHost) {
         EXPECT_EQ(offset_of(flux::struct_map_rbh_node(), "FLINK", tags[i].c_str()),
                   i < 5 ? words[i] : offsetof(RbhNodeData, status) + i - 5)
             << tags[i];
-}
-
-TEST_F(Loaded, StringBracketingStructuresArePrepared) {
+    // Behaviours that bracket strings have their structures prepared for copies and frees.
     for (const char* name : {"ZOKFWFUNCBEHAV", "ZOKFWPROCBEHAV"})
         EXPECT_NE(host.find_struct(name)->prepared, nullptr) << name;
     EXPECT_EQ(host.find_struct("ZOKFWBEHAVIOR")->prepared, nullptr);
@@ -124,19 +118,15 @@ TEST_F(Loaded, StringBracketingStructuresArePrepared) {
 // The registry's name index is made on first use and never freed, so the reset
 // may leave one empty tree head in the node pool; nothing a program sees.
 TEST_F(Loaded, ResetRightAfterLoadChangesNothingVisible) {
-    auto labelled_memory = [&] {
-        auto m = host.memory_by_label();
-        m.erase(zok::kPlainLabel);
-        return m;
+    auto observed = [&] {
+        zok::Observation seen = host.observe();
+        seen.memory.erase(zok::kPlainLabel);
+        return seen;
     };
-    const auto heap = host.heap_ids();
-    const auto memory = labelled_memory();
-    const size_t texts = host.live_texts();
+    const zok::Observation before = observed();
     host.clear_messages();
     ZOK_ResetSession();
-    EXPECT_EQ(host.heap_ids(), heap);
-    EXPECT_EQ(labelled_memory(), memory);
-    EXPECT_EQ(host.live_texts(), texts);
+    EXPECT_EQ(zok::difference(before, observed()), "");
     EXPECT_TRUE(host.messages().empty());
 }
 
@@ -166,9 +156,7 @@ TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
                         seen.assign(kw.messagestring.text, kw.messagestring.length);
                     return kw.scope_given ? 0 : 1;
                 });
-            const zok::Value result = host.read(*status);
-            host_release_temp(status);
-            return result;
+            return host.read(*flux::TempGuard(status).get());
         },
         true);
     host.clear_messages();
@@ -192,116 +180,80 @@ protected:
     }
     // A heap variable with the same text, as a restore makes it.
     uint32_t restored_copy(const std::string& name) {
-        zok_var* text = host.make_temp(name);
-        const uint32_t id =
-            host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id;
-        host_release_temp(text);
-        return id;
-    }
-};
-
-struct Model {
-    struct Entry {
-        uint32_t ident;
-        int32_t uses;
-        bool operator==(const Entry&) const = default;
-    };
-    std::map<std::string, Entry> names;
-    std::set<uint32_t> parked;
-    std::set<uint32_t> dead;
-
-    Entry* by_ident(uint32_t ident) {
-        for (auto& [name, e] : names)
-            if (e.ident == ident)
-                return &e;
-        return nullptr;
-    }
-    void collect(bool all) {
-        dead.merge(parked);
-        std::erase_if(names, [&](const auto& entry) {
-            const bool goes = all || entry.second.uses <= 0;
-            if (goes)
-                dead.insert(entry.second.ident);
-            return goes;
-        });
+        host.set_var("text", name);
+        zok_var* text = host.raw_var("text");
+        return host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_COPY, ZOK_ACTION_ERROR)->id;
     }
 };
 
 TEST_F(Registry, AgreesWithAModelOverRandomOperations) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
-    std::mt19937 rng(seed);
+    std::mt19937 rng(test_seed());
+    auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
     const std::vector<std::string> pool = {"alpha",     "Alpha", "ALPHA", "beta", "",
                                            "gamma ray", "b",     "beta2", "z",    "\xff"};
-    Model model;
+    // The model: each name's identifier and uses, in name order; the restored copies that
+    // rollovers parked; the identifiers that must be gone.
+    using Entry = std::pair<uint32_t, int32_t>;
+    std::map<std::string, Entry> names;
+    std::set<uint32_t> parked, dead;
     const size_t baseline_heap = host.heap_count();
-    auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
-    auto any_ident = [&]() -> uint32_t {
-        std::vector<uint32_t> ids(model.dead.begin(), model.dead.end());
-        for (auto& [name, e] : model.names)
-            ids.push_back(e.ident);
-        return ids.empty() ? 0 : ids[pick(ids.size())];
-    };
 
     for (int step = 0; step < 3000; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
-        switch (pick(8)) {
-        case 0:
-        case 1:
-        case 2: { // acquire by name, or by a rollover of a restored copy, which parks it
+        const size_t what = pick(8);
+        if (what < 3) { // acquire by name, or by a rollover of a restored copy, which parks it
             const std::string& name = pool[pick(pool.size())];
             const uint32_t copy = pick(3) == 0 ? restored_copy(name) : 0;
             const uint32_t id = copy ? rollover(copy) : get(name);
-            auto it = model.names.try_emplace(name, Model::Entry{id, 0}).first;
-            ASSERT_EQ(id, it->second.ident);
+            auto& [ident, uses] = names.try_emplace(name, id, 0).first->second;
+            ASSERT_EQ(id, ident);
             ASSERT_NE(id, copy);
-            it->second.uses += 1;
+            uses += 1;
             if (copy)
-                model.parked.insert(copy);
+                parked.insert(copy);
             if (copy && pick(3) == 0) { // a second rollover of the same copy parks it once
                 ASSERT_EQ(rollover(copy), id);
-                it->second.uses += 1;
+                uses += 1;
             }
-            break;
-        }
-        case 3:
-        case 4:
-        case 5: { // acquire, release, release twice or roll over an identifier, live or
-                  // dead: uses may go below zero
-            const uint32_t id = any_ident();
-            Model::Entry* e = model.by_ident(id);
+        } else if (what < 6) { // acquire, release, release twice or roll over an identifier,
+                               // live or dead: uses may go below zero
+            std::vector<uint32_t> ids(dead.begin(), dead.end());
+            for (auto& [name, e] : names)
+                ids.push_back(e.first);
+            const uint32_t id = ids.empty() ? 0 : ids[pick(ids.size())];
+            auto live = std::find_if(names.begin(), names.end(),
+                                     [&](const auto& n) { return n.second.first == id; });
             const int change = std::array{1, -1, -2, 0}[pick(4)];
-            if (id && change == 0) {
-                ASSERT_EQ(rollover(id), e ? id : 0u); // a use more of a live one
+            if (id && change == 0) { // a use more of a live one
+                ASSERT_EQ(rollover(id), live != names.end() ? id : 0u);
             }
             for (int i = 0; id && i < std::abs(change); ++i)
                 host.call_procedure(change > 0 ? "FWIDENT_ACQUIRE" : "FWIDENT_RELEASE",
                                     {PointerRef{id}});
-            if (e)
-                e->uses += change == 0 ? 1 : change;
-            break;
-        }
-        case 6:
-        case 7: { // the host's collection keeps what only the registry holds; then
-                  // the registry's own, with no argument, 0, 1 or 2
+            if (live != names.end())
+                live->second.second += change == 0 ? 1 : change;
+        } else { // the host's collection keeps what only the registry holds; then the
+                 // registry's own, with no argument, 0, 1 or 2
             host.collect();
-            for (auto& [name, e] : model.names)
-                ASSERT_NE(host.heap_flags(e.ident) & ZOK_HEAP_HELD, 0u) << name;
+            for (auto& [name, e] : names)
+                ASSERT_NE(host.heap_flags(e.first) & ZOK_HEAP_HELD, 0u) << name;
             const auto form = static_cast<int32_t>(pick(4)) - 1; // -1: no argument
             host.call_procedure("FWIDENT_GC", form < 0 ? zok::Args{} : zok::Args{form});
-            model.collect(form == 1);
-            break;
-        }
+            dead.merge(parked);
+            std::erase_if(names, [&](const auto& n) {
+                const bool goes = form == 1 || n.second.second <= 0;
+                if (goes)
+                    dead.insert(n.second.first);
+                return goes;
+            });
         }
         ASSERT_EQ(flux::fwident_check(), "");
-        // In name order.
-        std::vector<std::pair<const std::string, Model::Entry>> entries;
+        std::vector<std::pair<const std::string, Entry>> entries; // in name order
         for (const flux::FwIdentEntry& e : flux::fwident_entries())
             entries.push_back({e.name, {e.ident, e.uses}});
-        ASSERT_EQ(entries, decltype(entries)(model.names.begin(), model.names.end()));
-        ASSERT_EQ(flux::fwident_parked(),
-                  std::vector<uint32_t>(model.parked.begin(), model.parked.end()));
-        for (uint32_t id : model.dead)
+        ASSERT_EQ(entries, decltype(entries)(names.begin(), names.end()));
+        ASSERT_EQ(flux::fwident_parked(), std::vector<uint32_t>(parked.begin(), parked.end()));
+        for (uint32_t id : dead)
             ASSERT_FALSE(host.heap_alive(id)) << id;
     }
 
@@ -326,63 +278,43 @@ TEST_F(Registry, OrderRaisesCorruptionForAVanishedIdentifier) {
 
 class DsMap : public Loaded {
 protected:
-    void SetUp() override {
-        Loaded::SetUp();
-        baseline_heap = host.heap_count();
-        map = host.new_object("ZOKDSMAP");
-    }
     Value call(const char* method, const zok::Args& args = {}) {
         return host.call_method(map, method, args);
     }
-    // The keys GETKEYS lists: an array, or "" for none; its output argument counts them.
-    std::vector<std::string> keys() {
-        const Value v = call("GETKEYS", {zok::Ref{"count"}});
-        std::vector<std::string> out;
-        for (const Value& e : v.is_array() ? v.elements() : std::vector<Value>{})
-            out.push_back(e.as_string());
-        EXPECT_TRUE(v.is_array() || v == Value(""));
-        EXPECT_EQ(host.get_var("count"), Value(static_cast<int32_t>(out.size())));
-        return out;
-    }
-
-    ObjectRef map;
-    size_t baseline_heap = 0;
+    const size_t baseline_heap = host.heap_count();
+    const ObjectRef map = host.new_object("ZOKDSMAP");
 };
 
 TEST_F(DsMap, AgreesWithStdMap) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
-    std::mt19937 rng(seed);
+    std::mt19937 rng(test_seed());
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
-    auto random_key = [&] {
-        static const char letters[] = "aAbB\x01\xfe";
-        std::string k;
-        for (size_t n = pick(4); n > 0; --n)
-            k += letters[pick(sizeof letters - 1)];
-        return k;
-    };
-    auto random_value = [&] {
-        const Value values[] = {static_cast<int32_t>(rng()), std::string(pick(5), 'v'),
-                                static_cast<double>(pick(1000)) / 8,
-                                std::vector<int32_t>{static_cast<int32_t>(pick(9)), 2, 3}};
-        return values[pick(4)];
-    };
     std::map<std::string, Value> model;
     // The heap holds as much for a size as the first time the map had it, so a
     // replacement that makes an entry anew, or leaks the old value, shows.
     std::map<size_t, size_t> heap_at_size;
-    // An empty map lists a scalar "" and counts 0, into the output argument too.
+    // GETKEYS lists the keys in an array, or "" for none; its output argument counts them.
+    auto check_keys = [&] {
+        std::vector<std::string> expected;
+        for (auto& [k, v] : model)
+            expected.push_back(k);
+        ASSERT_EQ(call("GETKEYS", {zok::Ref{"count"}}), expected.empty() ? Value("") : expected);
+        ASSERT_EQ(host.get_var("count"), Value(static_cast<int32_t>(expected.size())));
+    };
     host.set_var("count", -1);
-    ASSERT_TRUE(keys().empty());
-    EXPECT_EQ(call("GETKEYS").as_string(), "");
+    check_keys();
+    EXPECT_EQ(call("GETKEYS"), Value(""));
 
     for (int step = 0; step < 4000; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
-        const std::string key = random_key();
-        switch (pick(6)) {
-        case 0:
-        case 1: {
-            const Value v = random_value();
+        std::string key;
+        for (size_t n = pick(4); n > 0; --n)
+            key += "aAbB\x01\xfe"[pick(6)];
+        const size_t what = pick(4);
+        if (what < 2) {
+            const Value values[] = {static_cast<int32_t>(rng()), std::string(pick(5), 'v'),
+                                    static_cast<double>(pick(1000)) / 8,
+                                    std::vector<int32_t>{static_cast<int32_t>(pick(9)), 2, 3}};
+            const Value& v = values[pick(4)];
             if (pick(2) == 0) {
                 call("INSERT", {key, v});
             } else { // from a program variable, changed afterwards: the map keeps a copy
@@ -391,32 +323,20 @@ TEST_F(DsMap, AgreesWithStdMap) {
                 host.set_var("v", "changed");
             }
             model[key] = v;
-            break;
-        }
-        case 2:
+        } else if (what == 2) {
             call("REMOVE", {key});
             model.erase(key);
-            break;
-        case 3: {
-            const Value got = call("GETDATA", {key});
-            const auto it = model.find(key);
-            ASSERT_EQ(got, it == model.end() ? Value() : it->second) << got.to_string();
-            break;
         }
-        case 4:
-            ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), model.count(key) ? 1 : 0);
-            break;
-        case 5:
-            ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
-            break;
-        }
+        // Then the key and the size are looked up.
+        const auto it = model.find(key);
+        const Value got = call("GETDATA", {key});
+        ASSERT_EQ(got, it == model.end() ? Value() : it->second) << got.to_string();
+        ASSERT_EQ(call("KEYEXISTS", {key}).as_int(), it == model.end() ? 0 : 1);
+        ASSERT_EQ(call("GETSIZE").as_int(), static_cast<int64_t>(model.size()));
         const size_t heap = host.heap_count();
         ASSERT_EQ(heap_at_size.emplace(model.size(), heap).first->second, heap);
         if (step % 50 == 0) {
-            std::vector<std::string> expected;
-            for (auto& [k, v] : model)
-                expected.push_back(k);
-            ASSERT_EQ(keys(), expected);
+            ASSERT_NO_FATAL_FAILURE(check_keys());
         }
         ASSERT_EQ(host.live_temps(), 0u);
     }
@@ -433,15 +353,11 @@ TEST_F(DsMap, CheckNamesEachBrokenPartAndVanishedHeapVariablesRaise) {
     call("INSERT", {"a", 1});
     call("INSERT", {"b", 2});
     EXPECT_EQ(flux::dsmap_check(map.id), "");
-    auto heap_var_holding = [&](const Value& v) {
-        for (const uint32_t id : host.heap_ids(ZOK_HEAP_POINTER))
-            if (host.heap_value(id) == v)
-                return host_heap_var(id);
-        ADD_FAILURE() << "no heap variable holds " << v.to_string();
-        return static_cast<zok_heap_record*>(nullptr);
-    };
-    zok_heap_record* a = heap_var_holding("a");
-    zok_heap_record* b = heap_var_holding("b");
+    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
+    zok_heap_record* a = host_heap_var(flux::maph_node_key(flux::maph_first(the_map)));
+    zok_heap_record* b = host_heap_var(flux::maph_node_key(flux::maph_last(the_map)));
+    ASSERT_EQ(host.heap_value(a->id), Value("a"));
+    ASSERT_EQ(host.heap_value(b->id), Value("b"));
     auto expect_fault = [&](const std::string& ending) {
         const std::string fault = flux::dsmap_check(map.id);
         EXPECT_TRUE(fault.ends_with(ending)) << fault;
@@ -453,11 +369,10 @@ TEST_F(DsMap, CheckNamesEachBrokenPartAndVanishedHeapVariablesRaise) {
     a->var.type = ZOK_T_LONG;
     expect_fault(": the key is no string heap variable");
     a->var = text;
-    const uint32_t the_map = host.get_tag(map, "THE_MAP").as_pointer().id;
     host.set_tag(map, "THE_MAP", PointerRef{a->id});
     expect_fault(": the head names no node");
     host.set_tag(map, "THE_MAP", PointerRef{the_map});
-    host_heap_free(heap_var_holding(2)->id, 0, 0);
+    host_heap_free(flux::maph_node_value(flux::maph_last(the_map)), 0, 0);
     expect_fault(": the value heap variable is gone");
     const std::string vanished = "ZOKdsMap heap dereference error";
     expect_module_error(0, vanished, [&] { call("GETDATA", {"b"}); });

@@ -54,11 +54,11 @@ void behavior_restore(Self self) {
         behavior_register(self);
 }
 
-void behavior_register(Self self) {
+void behavior_register(Self self, uint32_t reached) {
     if (fields_of(self).is_registered != 0)
         return;
     DefaultHandlerGuard made_default;
-    add_behavior(effective_handler(self), self.heap_id);
+    add_behavior(effective_handler(self), self.heap_id, fields_of(self).messident, reached);
     made_default.commit();
     fields_of(self).is_registered = 1;
 }
@@ -66,7 +66,7 @@ void behavior_register(Self self) {
 void behavior_unregister(Self self) {
     if (fields_of(self).is_registered == 0)
         return;
-    remove_behavior(effective_handler(self), self.heap_id);
+    remove_behavior(effective_handler(self), self.heap_id, fields_of(self).messident);
     fields_of(self).is_registered = 0;
 }
 
@@ -74,8 +74,9 @@ void behavior_reregister(uint32_t behavior) {
     const Self self = resolve_instance(behavior, BEHAVIOR_CLASS, "1");
     if (fields_of(self).is_registered == 0)
         return;
-    remove_behavior(effective_handler(self), behavior);
-    add_behavior(effective_handler(self), behavior);
+    const uint32_t ident = fields_of(self).messident;
+    remove_behavior(effective_handler(self), behavior, ident);
+    add_behavior(effective_handler(self), behavior, ident);
 }
 
 void behavior_set_message(Self self, const zok_var* text) {
@@ -88,10 +89,6 @@ void execute_behavior(uint32_t behavior, zok_var* argument) {
     const int32_t argc = argument != nullptr ? 1 : 0;
     TempGuard result(
         host_call_method_id(execute_name, behavior, argc, argc != 0 ? &argument : nullptr));
-}
-
-int behavior_order(uint32_t a, uint32_t b) {
-    return static_cast<int32_t>(a - b);
 }
 
 void behavior_forget() {

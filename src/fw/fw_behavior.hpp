@@ -49,8 +49,10 @@ void behavior_cleanup(Self self);
 void behavior_restore(Self self);
 
 // REGISTER and UNREGISTER: file self with, or take it from, its effective
-// handler's chain; each does nothing when already in that state.
-void behavior_register(Self self);
+// handler's chain; each does nothing when already in that state.  `reached`,
+// when not 0, is the set the climb for self's message reaches, found by the
+// caller with nothing changed since.
+void behavior_register(Self self, uint32_t reached = 0);
 void behavior_unregister(Self self);
 // A registered behaviour is taken out and filed again, so that it lands in
 // whatever scope is now the nearest for its message; others stay as they are.
@@ -65,7 +67,10 @@ void behavior_set_message(Self self, const zok_var* text);
 void execute_behavior(uint32_t behavior, zok_var* argument);
 
 // The order of behaviour sets: by the wrapping difference of the identifiers.
-int behavior_order(uint32_t a, uint32_t b);
+// Inline: every search of a set compares through it.
+inline int behavior_order(uint32_t a, uint32_t b) {
+    return static_cast<int32_t>(a - b);
+}
 
 extern const RoutineList behavior_routines;
 

@@ -125,13 +125,16 @@ private:
     zok_var moved_{};
 };
 
+// behavior_order as a type of its own, so that set searches compare inline.
+constexpr auto by_behavior = [](uint32_t a, uint32_t b) { return behavior_order(a, b); };
+
 uint32_t message_ident_of_behavior(uint32_t behavior) {
     return resolve_instance(behavior, BEHAVIOR_CLASS, "1").fields<BehaviorFields>().messident;
 }
 
 // Puts a behaviour into a set unless it is there already.
 void file_behavior(uint32_t set, uint32_t behavior) {
-    if (maph_find_or_insert(set, behavior, 0, behavior_order) == 0)
+    if (maph_find_or_insert(set, behavior, 0, by_behavior) == 0)
         raise_no_memory("ZOKfwMessageHandler");
 }
 
@@ -185,7 +188,7 @@ Filed find_filed(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t p
         climb.visit(h);
         const Self self = handler_self(h);
         if (const uint32_t set = scope_in(self, ident); set != 0 && set != passed_over)
-            if (const uint32_t entry = maph_find(set, behavior, behavior_order))
+            if (const uint32_t entry = maph_find(set, behavior, by_behavior))
                 return {h, set, entry};
         h = effective_handler(self);
     }
@@ -359,6 +362,7 @@ MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_regis
         // The climb that REGISTER will make, so that it makes the default handler now.
         if (!(scope_ && scope_->needed())) {
             const Reached at = climb_to_scope(handler(), ident);
+            reached_ = at.set;
             if (at.set == 0) {
                 if (fields_of(handler_self(at.handler)).behaviors == 0)
                     refuse_cleaned_up_root(at.handler);
@@ -381,7 +385,7 @@ void MessageInit::finish(uint32_t& ident_field) {
     if (scope_)
         scope_->commit();
     if (register_)
-        behavior_register(self_);
+        behavior_register(self_, reached_);
     made_default_.commit();
 }
 
@@ -417,9 +421,12 @@ void send_message(uint32_t handler, uint32_t ident, zok_var* argument) {
 }
 
 void add_behavior(uint32_t handler, uint32_t behavior) {
-    const uint32_t ident = message_ident_of_behavior(behavior);
+    add_behavior(handler, behavior, message_ident_of_behavior(behavior));
+}
+
+void add_behavior(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t reached) {
     DefaultHandlerGuard made_default;
-    const Reached at = climb_to_scope(handler, ident);
+    const Reached at = reached != 0 ? Reached{0, reached} : climb_to_scope(handler, ident);
     MaphReserve nodes;
     std::optional<ScopePlan> root_scope;
     if (at.set == 0) {
@@ -437,7 +444,10 @@ void add_behavior(uint32_t handler, uint32_t behavior) {
 }
 
 void remove_behavior(uint32_t handler, uint32_t behavior) {
-    const uint32_t ident = message_ident_of_behavior(behavior);
+    remove_behavior(handler, behavior, message_ident_of_behavior(behavior));
+}
+
+void remove_behavior(uint32_t handler, uint32_t behavior, uint32_t ident) {
     const Filed at = find_filed(handler, behavior, ident);
     if (at.entry == 0)
         return;

@@ -73,9 +73,14 @@ void send_message(uint32_t handler, uint32_t ident, zok_var* argument);
 // `handler`, scoping the message at the root when nobody does.  It obtains all
 // it needs before it files anything: it fails without a change, or not at all.
 void add_behavior(uint32_t handler, uint32_t behavior);
+// The same for a behaviour known to be one, filed under its message `ident`;
+// `reached`, when not 0, is the set that the climb from `handler` reaches, found
+// by the caller with nothing changed since.
+void add_behavior(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t reached = 0);
 // Takes `behavior` out of the first scope up the chain that files it; the
 // default handler drops a scope that this leaves empty.  Makes nothing.
 void remove_behavior(uint32_t handler, uint32_t behavior);
+void remove_behavior(uint32_t handler, uint32_t behavior, uint32_t ident);
 // Whether that removal takes the default handler's last scope away, and so the
 // default handler itself.
 bool removal_frees_default(uint32_t handler, uint32_t behavior);
@@ -166,6 +171,7 @@ public:
 private:
     Self self_;
     bool register_;
+    uint32_t reached_ = 0; // the set REGISTER files in, when the climb found one
     DefaultHandlerGuard made_default_;
     IdentReservation generic_;
     std::optional<IdentReservation> text_;

@@ -15,20 +15,6 @@ uint32_t maph_put(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare
     }));
 }
 
-uint32_t maph_find(uint32_t map, uint32_t key, RbhCompare compare) {
-    if (!map)
-        return 0;
-    bool found;
-    uint32_t at = map_rbh_find_gkey_n(map, key, compare, found);
-    return found ? at : 0;
-}
-
-uint32_t maph_find_or_insert(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare) {
-    bool found;
-    const uint32_t at = map_rbh_find_gkey_n(map, key, compare, found);
-    return found ? at : map_rbh_insert_b(at, key, value);
-}
-
 void maph_remove_node(uint32_t entry) {
     if (entry)
         map_rbh_delete_node(entry);

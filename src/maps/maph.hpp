@@ -22,11 +22,6 @@ uint32_t maph_new();
 // Replaces the entry with an equal key, if any, by a new one.  The new entry, or 0 when
 // no heap variable can be made (an entry it replaced is gone even then).
 uint32_t maph_put(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
-// The entry with an equal key if there is one, else a new entry; 0 when no heap variable
-// can be made.  One search either way.
-uint32_t maph_find_or_insert(uint32_t map, uint32_t key, uint32_t value, RbhCompare compare);
-// The entry with an equal key, or 0 (also for map 0).
-uint32_t maph_find(uint32_t map, uint32_t key, RbhCompare compare);
 void maph_remove_node(uint32_t entry);    // nothing for 0
 void maph_free(uint32_t map);             // nothing for 0
 uint32_t maph_node_key(uint32_t entry);   // 0 for 0
@@ -50,6 +45,27 @@ uint32_t maph_search(uint32_t map, Order order, bool& found) {
 // A new entry just before what maph_search returned; 0 when no heap variable can be made.
 inline uint32_t maph_insert_before(uint32_t at, uint32_t key, uint32_t value) {
     return map_rbh_insert_b(at, key, value);
+}
+
+// The entry with an equal key, or 0 (also for map 0).  `compare(key, entry_key)` is
+// negative, 0 or positive as RbhCompare; an inline one is inlined into the search.
+template <class Compare>
+uint32_t maph_find(uint32_t map, uint32_t key, Compare compare) {
+    if (!map)
+        return 0;
+    bool found;
+    const uint32_t at = maph_search(
+        map, [key, compare](uint32_t entry_key) { return compare(key, entry_key); }, found);
+    return found ? at : 0;
+}
+// The entry with an equal key if there is one, else a new entry; 0 when no heap variable
+// can be made.  One search either way.
+template <class Compare>
+uint32_t maph_find_or_insert(uint32_t map, uint32_t key, uint32_t value, Compare compare) {
+    bool found;
+    const uint32_t at = maph_search(
+        map, [key, compare](uint32_t entry_key) { return compare(key, entry_key); }, found);
+    return found ? at : maph_insert_before(at, key, value);
 }
 
 // Insertions without a look for an equal key.  Each returns the new entry or 0.

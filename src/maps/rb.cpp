@@ -22,6 +22,28 @@ int32_t ikey_of(RbWord word) {
     return static_cast<int32_t>(static_cast<uint32_t>(word));
 }
 
+// The key kind's order.  Every key word is a text's address, and so is every routing
+// word: the search may fetch ahead through any of them.
+struct TextOrder {
+    const char* key;
+    int operator()(RbWord leaf_key) const {
+        return std::strcmp(key, reinterpret_cast<const char*>(leaf_key));
+    }
+    static void fetch_ahead(RbWord word) {
+        __builtin_prefetch(reinterpret_cast<const void*>(word));
+    }
+};
+
+// The ikey kind's order: a difference in 64 bits orders two 32-bit keys without a
+// three-way step.
+struct IntegerOrder {
+    static constexpr bool select_child_by_data = true;
+    int32_t key;
+    int64_t operator()(RbWord leaf_key) const {
+        return static_cast<int64_t>(key) - static_cast<int64_t>(ikey_of(leaf_key));
+    }
+};
+
 using RbAudit = tree::Audit<RbAccess>;
 
 } // namespace
@@ -60,18 +82,11 @@ RbNode* map_rb_new_tree() {
 }
 
 RbNode* map_rb_find_key_n(RbNode* head, const char* key, bool& found) {
-    auto compare = [key](RbWord leaf_key) {
-        return std::strcmp(key, reinterpret_cast<const char*>(leaf_key));
-    };
-    return RbTree::find(head, compare, find_key_non_head, found);
+    return RbTree::find(head, TextOrder{key}, find_key_non_head, found);
 }
 
 RbNode* map_rb_find_ikey_n(RbNode* head, int32_t key, bool& found) {
-    // A difference in 64 bits orders two 32-bit keys without a three-way step.
-    auto compare = [key](RbWord leaf_key) {
-        return static_cast<int64_t>(key) - static_cast<int64_t>(ikey_of(leaf_key));
-    };
-    return RbTree::find(head, compare, find_ikey_non_head, found);
+    return RbTree::find(head, IntegerOrder{key}, find_ikey_non_head, found);
 }
 
 RbNode* map_rb_find_gkey_n(RbNode* head, RbWord key, RbCompare compare, bool& found) {

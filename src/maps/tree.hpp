@@ -214,15 +214,42 @@ struct Tree {
         }
         if (order > 0)
             return h;
+        // Near the root, where nodes stay in cache, a comparison of a few instructions
+        // (tagged `select_child_by_data`) picks the child with a conditional move: a random
+        // search mispredicts every other branch, and that is the main cost there.  Further
+        // down, reads from memory are, and a branch lets the processor run ahead down the
+        // predicted child meanwhile (the hint only keeps it a branch).
+        if constexpr (requires { requires Compare::select_child_by_data; }) {
+            constexpr int cached_levels = 8;
+#pragma GCC unroll 8
+            for (int level = 0; level < cached_levels; ++level) {
+                auto v = A::at(n);
+                if (!A::has(v, internal))
+                    return n;
+                Ref routing = A::key_leaf(v);
+                order = compare(key(routing));
+                if (order == 0) {
+                    found = true;
+                    return routing;
+                }
+                n = __builtin_expect_with_probability(order < 0, true, 0.5) ? A::left(v)
+                                                                            : A::right(v);
+            }
+        }
         for (auto v = A::at(n); A::has(v, internal); v = A::at(n)) {
+            // A comparison that reads memory through the key word asks for both children's
+            // key words ahead: a leaf's names its key, an internal node's its routing leaf.
+            // Whichever way this comparison goes, the next one then waits for one read.
+            if constexpr (requires { compare.fetch_ahead(Word{}); }) {
+                compare.fetch_ahead(key(A::left(v)));
+                compare.fetch_ahead(key(A::right(v)));
+            }
             Ref routing = A::key_leaf(v);
             order = compare(key(routing));
             if (order == 0) {
                 found = true;
                 return routing;
             }
-            // A branch rather than a conditional move: the processor runs ahead down one
-            // child instead of waiting for every comparison.  The hint only keeps it a branch.
             if (__builtin_expect(order < 0, 0))
                 n = A::left(v);
             else
