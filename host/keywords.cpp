@@ -96,7 +96,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         const zok_keyword_entry* match = nullptr;
         int prefixes = 0;
         for (size_t i = 1; i < n; ++i) {
-            const std::string_view k(table[i].keyword, lengths.begin()[i]);
+            const std::string_view k(table[i].keyword, lengths[i]);
             if (k == name) {
                 match = &table[i];
                 prefixes = 1;

@@ -45,6 +45,7 @@ public:
         ++size_;
     }
     T* data() { return size_ > N ? spilled_.data() : in_place(); }
+    const T& operator[](size_t i) const { return begin()[i]; }
     T* begin() { return data(); }
     T* end() { return data() + size_; }
     size_t size() const { return size_; }
@@ -476,15 +477,15 @@ size_t collect_garbage(State& s);
 
 // ---- Structures (structs.cpp)
 StructInfo* struct_info_slow(const zok_struct_def* def);
-// The host's structure of a definition, or null when the definition is not one
-// of this host's; definitions live as long as the host, so the last one found
-// stays valid.
-// Definitions sit at the same offset in equal-sized blocks, so their low bits
-// agree: the index is taken from the top of a multiplicative hash.
+// The slot of State::def_hits for a definition.  Definitions sit at the same
+// offset in equal-sized blocks, so their low bits agree: the index is taken
+// from the top of a multiplicative hash.
 inline size_t def_hit_index(const zok_struct_def* def) {
     static_assert(std::tuple_size_v<decltype(State::def_hits)> == 16);
     return (reinterpret_cast<uintptr_t>(def) * uint64_t{0x9E3779B97F4A7C15}) >> 60;
 }
+// The host's structure of a definition, or null when the definition is not one
+// of this host's; definitions live as long as the host, so one found stays valid.
 inline StructInfo* struct_info(const zok_struct_def* def) {
     State& s = state();
     if (def == s.last_def.first) [[likely]]
