@@ -10,22 +10,14 @@
 // file and back, and the checks go on against the same model.
 #include <algorithm>
 #include <array>
-#include <map>
-#include <optional>
 #include <random>
 #include <set>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "fw/fw_ident.hpp"
+#include "fw/fw_message.hpp"
 #include "support/messaging_testing.hpp"
 
-namespace {
-
-using msgtest::Messaging;
-using zok::ObjectRef;
-using zok::Value;
+namespace msgtest {
 
 const std::string kGeneric = "Generic Message";
 // Only query behaviours file under it, and only queries carry it: a query
@@ -400,16 +392,10 @@ void MessagingModel::add_routine(uint32_t first_id) {
 // order) and a collection after it.  The model only renames its objects.
 void MessagingModel::save_and_restore() {
     const std::vector<std::string> names = {"FW", "TARGETS"};
-    std::vector<Value> saved[2];
-    const auto keep = [&](const auto& objects, int into) {
-        for (const auto& [id, object] : objects)
-            if (id < Model::kDefaultBase)
-                saved[into].emplace_back(ObjectRef{id});
-    };
-    keep(model.handlers, 0);
-    keep(model.behaviors, 0);
-    keep(model.messages, 0);
-    keep(model.live_targets, 1);
+    std::vector<Value> saved[2]; // the framework's objects, the targets
+    for (const uint32_t id : host.heap_ids(ZOK_HEAP_OBJECT))
+        if (id != flux::default_handler())
+            saved[model.live_targets.count(id)].emplace_back(ObjectRef{id});
     std::shuffle(saved[0].begin(), saved[0].end(), rng);
     for (int i = 0; i < 2; ++i)
         host.set_var(names[i], Value::array(ZOK_T_OBJECT, saved[i]));
@@ -528,6 +514,16 @@ void MessagingModel::step() {
         if (m != 0 && !model.messages.at(m).query) {
             model.messages.at(m).text = text();
             call(m, "SETMESSAGESTRING", {model.messages.at(m).text});
+        }
+        if (const uint32_t other = pick(model.messages); m != 0) {
+            // A copy carries the text alone; messages order by their texts' bytes.
+            const ObjectRef copy{flux::copy_message(m)};
+            EXPECT_EQ(host.call_method(copy, "MESSAGESTRING"), Value(model.messages.at(m).text));
+            EXPECT_FALSE(host.get_tag(copy, "MYHANDLER").as_object());
+            EXPECT_EQ(flux::compare_messages(copy.id, m), 0);
+            EXPECT_EQ(flux::compare_messages(m, other) <=> 0,
+                      model.messages.at(m).text <=> model.messages.at(other).text);
+            host.destroy(copy);
         }
         break;
     case 8:
@@ -751,4 +747,4 @@ TEST_F(MessagingModel, AgreesWithTheModel) {
     take_everything_down();
 }
 
-} // namespace
+} // namespace msgtest
