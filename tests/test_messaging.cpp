@@ -204,6 +204,28 @@ protected:
         flux::fwident_release(live);
         host.set_tag(obj, tag, zok::PointerRef{copy});
     }
+    // Makes obj look as an old layout saved it (its version below 1, `saved`
+    // as that layout left them, its identifiers as a restore leaves them),
+    // restores it, and checks its version: 1, and then a version above 1 stays.
+    void upgrade(ObjectRef obj, std::vector<std::pair<std::string, Value>> saved = {}) {
+        SCOPED_TRACE(host.class_of(obj));
+        const std::string version = host.class_of(obj) + "_VERSION";
+        saved.emplace_back(version, -3);
+        for (const int want : {1, 3}) {
+            for (const auto& [cls, ident] : {std::pair{"ZOKFWBEHAVIOR", "MESSIDENT"},
+                                             {"ZOKFWMESSAGE", "MESS_IDENT"},
+                                             {"ZOKFWOBJBEHAV", "METH_IDENT"},
+                                             {"ZOKFWDELAYBEHAV", "METH_IDENT"}})
+                if (host.isa(obj, cls))
+                    as_if_restored(obj, ident);
+            for (const auto& [field, value] : saved)
+                host.set_tag(obj, field, value);
+            host.call_method(obj, "RESTORE");
+            EXPECT_EQ(host.get_tag(obj, version).as_int(), want);
+            saved = {{version, 3}};
+        }
+        EXPECT_EQ(check_all(), "");
+    }
     ObjectRef delayed(const char* cls, ObjectRef object, bool delay_message = true) {
         zok::Keywords kw{
             {"HANDLER", h}, {"MESSAGESTRING", "arm"}, {"METHOD", "hit"}, {"REGISTER", 1}};
@@ -251,12 +273,8 @@ TEST_F(Behaviours, RoutineBehavioursLeakOnlyWhatTheyReplaceAndReportUnknownNames
         host.call_method(plain, "EXECUTE", {"an argument"});
         EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, Value("an argument")}}));
         calls.clear();
-        host.set_tag(plain, version, 0);
-        host.set_tag(plain, t.field, "SAVED"); // an upgrading RESTORE gives it back
-        as_if_restored(plain, "MESSIDENT");
-        host.call_method(plain, "RESTORE");
+        upgrade(plain, {{t.field, "SAVED"}}); // an upgrading RESTORE gives the default back
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
-        EXPECT_EQ(host.get_tag(plain, version).as_int(), 1);
         as_if_restored(named, "MESSIDENT");
         host.call_method(named, "RESTORE"); // a current one keeps its name
         EXPECT_EQ(host.call_method(named, t.getter), Value("THIRD"));
@@ -445,89 +463,41 @@ TEST_F(Behaviours, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
 // version to 1 and drops what the old layout lacked.  Identifiers only look as
 // a restore leaves them: their translation is the save tests'.
 TEST_F(Behaviours, RestoreUpgradesTheOldLayoutOfEveryClass) {
-    struct Old {
-        const char* cls;
-        zok::Keywords kw;
-        std::vector<std::pair<const char*, Value>> saved;
-        std::function<void(ObjectRef)> after;
-    };
     const zok::Keywords at_h{{"HANDLER", h}, {"MESSAGESTRING", "arm"}};
-    const zok::Keyword on_target{"OBJECT", target};
-    uint32_t result = 0;
-    const std::vector<Old> olds = {
-        {"ZOKFWBEHAVIOR",
-         {at_h[0], at_h[1], {"REGISTER", 1}},
-         {{"HASAHANDLER_VERSION", 0}},
-         [&](ObjectRef b) { // unregistered, but left where it was filed
-             EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 0);
-             EXPECT_EQ(host.get_tag(b, "HASAHANDLER_VERSION").as_int(), 1);
-             EXPECT_EQ(host.get_tag(b, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
-             EXPECT_EQ(filed(h, "arm").back(), b.id);
-         }},
-        {"ZOKFWMESSAGE", at_h, {}, nullptr},
-        {"ZOKFWSAVEABLE", {}, {}, nullptr},
-        {"ZOKFWMESSAGEHANDLER",
-         {},
-         {{"BEHAVIORS", zok::PointerRef{0}}},
-         [&](ObjectRef old) { // an empty table of its own
-             EXPECT_TRUE(scoped(old).empty());
-             host.call_method(old, "SCOPEMESSAGE", {"tick"});
-             EXPECT_EQ(scoped(old), std::vector<std::string>{"tick"});
-         }},
-        {"ZOKFWOBJBEHAV",
-         {on_target, {"METHOD", "HIT"}},
-         {},
-         [&](ObjectRef b) { // the target goes, the method stays
-             EXPECT_FALSE(host.call_method(b, "OBJECT").as_object());
-             EXPECT_EQ(host.call_method(b, "METHOD"), Value("HIT"));
-         }},
-        {"ZOKFWQUERY",
-         at_h,
-         {},
-         [&](ObjectRef q) { // the result is dropped, not freed
-             EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
-             EXPECT_TRUE(host.heap_alive(result));
-         }},
-        {"ZOKFWQUERYBEHAV",
-         {{"RESPONSE", "kept"}},
-         {},
-         [&](ObjectRef qb) { EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept")); }},
-        {"ZOKFWDELAYBEHAV",
-         {on_target, {"METHOD", "hit"}, {"DELAYMESSAGESTRING", "fire"}},
-         {},
-         [&](ObjectRef d) { // the inner behaviour is restored too
-             EXPECT_EQ(host.get_tag(inner(d), "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
-             EXPECT_EQ(uses("hit"), 1);
-         }},
-    };
-    for (const Old& old : olds) {
-        SCOPED_TRACE(old.cls);
-        const ObjectRef obj = host.new_object(old.cls, {}, old.kw);
-        if (host.isa(obj, "ZOKFWQUERY")) {
-            host.call_method(obj, "SETRESULT", {5});
-            result = pointer(obj.id, "QUERY_RESULT");
-        }
-        if (host.isa(obj, "ZOKFWDELAYBEHAV"))
-            as_if_restored(inner(obj), "MESSIDENT");
-        for (const auto& [cls, ident] : {std::pair{"ZOKFWBEHAVIOR", "MESSIDENT"},
-                                         {"ZOKFWMESSAGE", "MESS_IDENT"},
-                                         {"ZOKFWOBJBEHAV", "METH_IDENT"},
-                                         {"ZOKFWDELAYBEHAV", "METH_IDENT"}})
-            if (host.isa(obj, cls))
-                as_if_restored(obj, ident);
-        const std::string version = std::string(old.cls) + "_VERSION";
-        host.set_tag(obj, version, -3);
-        for (const auto& [field, value] : old.saved)
-            host.set_tag(obj, field, value);
-        host.call_method(obj, "RESTORE");
-        EXPECT_EQ(host.get_tag(obj, version).as_int(), 1);
-        if (old.after)
-            old.after(obj);
-        host.set_tag(obj, version, 3); // a version above 1 stays
-        host.call_method(obj, "RESTORE");
-        EXPECT_EQ(host.get_tag(obj, version).as_int(), 3);
-        EXPECT_EQ(check_all(), "");
-    }
+    const ObjectRef b = host.new_object("ZOKFWBEHAVIOR", {}, {at_h[0], at_h[1], {"REGISTER", 1}});
+    upgrade(b, {{"HASAHANDLER_VERSION", 0}}); // unregistered, but left where it was filed
+    EXPECT_EQ(host.call_method(b, "ISREGISTERED").as_int(), 0);
+    EXPECT_EQ(host.get_tag(b, "HASAHANDLER_VERSION").as_int(), 1);
+    EXPECT_EQ(host.get_tag(b, "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+    EXPECT_EQ(filed(h, "arm").back(), b.id);
+    upgrade(host.new_object("ZOKFWMESSAGE", {}, at_h));
+    upgrade(host.new_object("ZOKFWSAVEABLE"));
+    const ObjectRef old = host.new_object("ZOKFWMESSAGEHANDLER");
+    upgrade(old, {{"BEHAVIORS", zok::PointerRef{0}}}); // an empty table of its own
+    EXPECT_TRUE(scoped(old).empty());
+    host.call_method(old, "SCOPEMESSAGE", {"tick"});
+    EXPECT_EQ(scoped(old), std::vector<std::string>{"tick"});
+    const ObjectRef ob =
+        host.new_object("ZOKFWOBJBEHAV", {}, {{"OBJECT", target}, {"METHOD", "HIT"}});
+    upgrade(ob); // the target goes, the method stays
+    EXPECT_FALSE(host.call_method(ob, "OBJECT").as_object());
+    EXPECT_EQ(host.call_method(ob, "METHOD"), Value("HIT"));
+    const ObjectRef q = host.new_object("ZOKFWQUERY", {}, at_h);
+    host.call_method(q, "SETRESULT", {5});
+    const uint32_t result = pointer(q.id, "QUERY_RESULT");
+    upgrade(q); // the result is dropped, not freed
+    EXPECT_EQ(pointer(q.id, "QUERY_RESULT"), 0u);
+    EXPECT_TRUE(host.heap_alive(result));
+    const ObjectRef qb = host.new_object("ZOKFWQUERYBEHAV", {}, {{"RESPONSE", "kept"}});
+    upgrade(qb);
+    EXPECT_EQ(host.call_method(qb, "RESPONSE"), Value("kept"));
+    const ObjectRef d =
+        host.new_object("ZOKFWDELAYBEHAV", {},
+                        {{"OBJECT", target}, {"METHOD", "hit"}, {"DELAYMESSAGESTRING", "fire"}});
+    as_if_restored(inner(d), "MESSIDENT");
+    upgrade(d); // the inner behaviour is restored too
+    EXPECT_EQ(host.get_tag(inner(d), "ZOKFWSAVEABLE_TOP").as_double(), 1.0);
+    EXPECT_NE((" " + zoktest::registry_counts()).find(" hit=1 "), std::string::npos);
 }
 
 // A program subclass whose RESTORE restores its peer first, as objects that
