@@ -66,10 +66,8 @@ struct Model {
     std::optional<Value> answer; // the last query behaviour's response a send ran
 
     uint32_t ensure_default() {
-        if (default_key == 0) {
-            default_key = kDefaultBase + ++incarnations;
-            handlers[default_key];
-        }
+        if (default_key == 0)
+            handlers[default_key = kDefaultBase + ++incarnations];
         return default_key;
     }
     // The handler an object of any kind names, or the default one (which names none).
@@ -115,10 +113,8 @@ struct Model {
         }
     }
     void set_registered(uint32_t b, bool on) {
-        if (behaviors.at(b).registered == on)
-            return;
-        on ? add(up(b), b) : remove(up(b), b);
-        behaviors.at(b).registered = on;
+        if (std::exchange(behaviors.at(b).registered, on) != on)
+            on ? add(up(b), b) : remove(up(b), b);
     }
     // A new scope takes over what it now hides from the scope above it.
     void scope_message(uint32_t h, const std::string& text) {
@@ -572,8 +568,7 @@ void MessagingModel::step() {
     case 12: // HANDLER may make the default handler, which has none itself
         if (const uint32_t obj = std::array{b, m, h}[rng() % 3]; obj != 0) {
             const uint32_t got = call(real(obj), "HANDLER").as_object().id;
-            const uint32_t want = model.up(obj);
-            EXPECT_EQ(got, want == 0 ? 0 : real(want));
+            EXPECT_EQ(got, real(model.up(obj)));
         }
         break;
     case 13: // a handler goes, once whatever named it points above it
@@ -637,18 +632,17 @@ void MessagingModel::step() {
             host.destroy(ObjectRef{b});
             model.destroy_behavior(b);
             EXPECT_TRUE(response == 0 || !host.heap_alive(response)) << "its CLEANUP frees it";
-        } else if (m != 0 && model.messages.at(m).query) {
-            // An explicit CLEANUP frees the result but keeps its identifier, and
-            // the text; destroying it releases the text's use again, as above.
-            const uint32_t result = pointer(m, "QUERY_RESULT");
-            call(m, "CLEANUP");
-            EXPECT_EQ(pointer(m, "QUERY_RESULT"), result);
-            EXPECT_FALSE(host.heap_alive(result));
-            EXPECT_EQ(call(m, "MESSAGESTRING"), Value(kAsk));
-            host.destroy(ObjectRef{m});
-            host.call_function("GET_FWIDENT", {kAsk});
-            model.messages.erase(m);
         } else if (m != 0) {
+            if (model.messages.at(m).query) {
+                // An explicit CLEANUP frees the result but keeps its identifier,
+                // and the text; destroying it releases the text's use again, as above.
+                const uint32_t result = pointer(m, "QUERY_RESULT");
+                call(m, "CLEANUP");
+                EXPECT_EQ(pointer(m, "QUERY_RESULT"), result);
+                EXPECT_FALSE(host.heap_alive(result));
+                EXPECT_EQ(call(m, "MESSAGESTRING"), Value(kAsk));
+                host.call_function("GET_FWIDENT", {kAsk});
+            }
             host.destroy(ObjectRef{m});
             model.messages.erase(m);
         }
