@@ -484,42 +484,38 @@ TEST_F(Behaviours, RestoreUpgradesTheOldLayoutOfEveryClass) {
     EXPECT_NE((" " + zoktest::registry_counts()).find(" hit=1 "), std::string::npos);
 }
 
-// A program subclass whose RESTORE restores its peer first, as objects that
-// refer to each other do, and counts its runs; it may destroy another object
-// or raise.
-class RestorePass : public Messaging {
-protected:
-    RestorePass() {
-        host.define_struct("LINKED", {{"PEER", ZOK_T_OBJECT}}, "ZOKFWSAVEABLE");
-        host.add_procedure("LINKED::RESTORE", 1, 1, [this](zok::Call& call) {
-            const ObjectRef self = call.self();
-            runs[self.id] += 1;
-            host.call_method(self, "ZOKFWSAVEABLE::RESTORE");
-            if (const ObjectRef peer = host.get_tag(self, "PEER").as_object())
-                host.call_method(peer, "DORESTORE");
-            if (const auto action = after.find(self.id); action != after.end())
-                action->second();
-            return zok::Value();
-        });
-    }
-
-    ObjectRef linked(ObjectRef peer = {}) {
+// The restore pass over objects of a program subclass whose RESTORE restores
+// its peer first, as objects that refer to each other do, counts its runs, and
+// then does what `after` holds for it.  Across a cycle each object restores
+// once per pass; DORESTORE runs RESTORE once until RESETRESTORED, and only a
+// flag of exactly 1.0 counts as restored.  A dead element ends the first loop
+// (flags already reset) and is skipped in the second; a failing RESTORE stops
+// the pass.
+TEST_F(Messaging, TheRestorePassRestoresEachObjectOnceAndStopsAtDeadOrFailing) {
+    std::map<uint32_t, int> runs;
+    std::map<uint32_t, std::function<void()>> after;
+    host.define_struct("LINKED", {{"PEER", ZOK_T_OBJECT}}, "ZOKFWSAVEABLE");
+    host.add_procedure("LINKED::RESTORE", 1, 1, [&](zok::Call& call) {
+        const ObjectRef self = call.self();
+        runs[self.id] += 1;
+        host.call_method(self, "ZOKFWSAVEABLE::RESTORE");
+        if (const ObjectRef peer = host.get_tag(self, "PEER").as_object())
+            host.call_method(peer, "DORESTORE");
+        if (const auto action = after.find(self.id); action != after.end())
+            action->second();
+        return zok::Value();
+    });
+    const auto linked = [&](ObjectRef peer = {}) {
         const ObjectRef obj = host.new_object("LINKED");
         host.set_tag(obj, "PEER", peer);
         return obj;
-    }
-    void pass(const std::vector<ObjectRef>& objects) {
+    };
+    const auto pass = [&](const std::vector<ObjectRef>& objects) {
         host.call_procedure("ZOKFWSAVEABLERESTOREARRAY", {zok::Value(objects)});
-    }
-    double flag(ObjectRef obj) { return host.get_tag(obj, "ZOKFWSAVEABLE_TOP").as_double(); }
-
-    std::map<uint32_t, int> runs;
-    std::map<uint32_t, std::function<void()>> after; // what an object's RESTORE does last
-};
-
-// Across a cycle each object restores once per pass; DORESTORE runs RESTORE
-// once until RESETRESTORED, and only a flag of exactly 1.0 counts as restored.
-TEST_F(RestorePass, EachObjectRestoresOncePerPass) {
+    };
+    const auto flag = [&](ObjectRef obj) {
+        return host.get_tag(obj, "ZOKFWSAVEABLE_TOP").as_double();
+    };
     const ObjectRef c = linked();
     const ObjectRef b = linked(c);
     const ObjectRef a = linked(b);
@@ -549,37 +545,31 @@ TEST_F(RestorePass, EachObjectRestoresOncePerPass) {
         EXPECT_EQ(runs[a.id], ++expected) << v;
         EXPECT_EQ(flag(a), 1.0);
     }
-}
 
-// A dead element ends the first loop (flags already reset) and is skipped in
-// the second; a failing RESTORE stops the pass.
-TEST_F(RestorePass, DeadElementsAndFailuresStopOrAreSkipped) {
-    const ObjectRef a = linked();
+    const ObjectRef d = linked();
     const ObjectRef dead = linked();
     host.destroy(dead);
-    host.set_tag(a, "ZOKFWSAVEABLE_TOP", 1.0);
+    host.set_tag(d, "ZOKFWSAVEABLE_TOP", 1.0);
     const std::string gone = "Invalid object reference: no live heap variable has identifier " +
                              std::to_string(dead.id) + " in ZOKFWSAVEABLERESTOREARRAY.";
-    expect_error(ZOK_ERR_INVALID_OBJECT, gone, [&] { pass({a, dead}); });
-    EXPECT_EQ(flag(a), 0.0);
-    EXPECT_EQ(runs[a.id], 0);
-
-    // b dies during the second loop, at a's RESTORE: the pass skips it.
-    const ObjectRef b = linked();
-    after[a.id] = [&] { host.destroy(b); };
-    pass({a, b});
-    EXPECT_EQ(runs[a.id], 1);
-    EXPECT_EQ(runs[b.id], 0);
-
+    expect_error(ZOK_ERR_INVALID_OBJECT, gone, [&] { pass({d, dead}); });
+    EXPECT_EQ(flag(d), 0.0);
+    EXPECT_EQ(runs[d.id], 0);
+    // e dies during the second loop, at d's RESTORE: the pass skips it.
+    const ObjectRef e = linked();
+    after[d.id] = [&] { host.destroy(e); };
+    pass({d, e});
+    EXPECT_EQ(runs[d.id], 1);
+    EXPECT_EQ(runs[e.id], 0);
     after.clear();
     const ObjectRef f = linked();
-    const ObjectRef c = linked();
+    const ObjectRef g = linked();
     after[f.id] = [] { host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "restore failed"); };
-    const zok::Error e = expect_error(ZOK_MSG_TEXT, "restore failed", [&] { pass({a, f, c}); });
-    EXPECT_EQ(e.routine(), "LINKED::RESTORE");
+    const zok::Error error = expect_error(ZOK_MSG_TEXT, "restore failed", [&] { pass({d, f, g}); });
+    EXPECT_EQ(error.routine(), "LINKED::RESTORE");
     EXPECT_EQ(runs[f.id], 1);
-    EXPECT_EQ(flag(a), 1.0);
-    EXPECT_EQ(flag(c), 0.0);
+    EXPECT_EQ(flag(d), 1.0);
+    EXPECT_EQ(flag(g), 0.0);
     EXPECT_EQ(host.live_temps(), 0u);
 }
 

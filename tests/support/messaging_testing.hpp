@@ -9,11 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "frame/module.hpp"
 #include "fw/fw_messhndlr.hpp"
-#include "host.hpp"
 #include "support/checks.hpp"
 #include "support/testing.hpp"
 
