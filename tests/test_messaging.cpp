@@ -112,12 +112,7 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
 
 // One call of a program routine: which, with how many arguments (self
 // included) and the last of them.
-struct Called {
-    std::string routine;
-    int32_t argc;
-    Value arg;
-    bool operator==(const Called&) const = default;
-};
+using Called = std::tuple<std::string, int32_t, Value>;
 
 // Program routines of each kind that record their calls, and delayed
 // behaviours that arm on "arm" and call HIT or DIE on a program object at "fire".
@@ -373,10 +368,6 @@ TEST_F(Behaviours, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
     const ObjectRef d = delayed("ZOKFWDELAYBEHAV", target);
     const ObjectRef in = inner(d);
     EXPECT_EQ(host.class_of(in), "ZOKFWOBJBEHAV");
-    for (const auto& [getter, want] : std::vector<std::pair<const char*, Value>>{
-             {"OBJECT", d}, {"METHOD", "DELAYEXECUTE"}, {"HANDLER", h}, {"MESSAGESTRING", "fire"}})
-        EXPECT_EQ(host.call_method(in, getter), want) << getter;
-    EXPECT_EQ(host.call_method(in, "ISREGISTERED").as_int(), 0);
     EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYBEHAV_VERSION").as_int(), 1);
 
     host.call_method(fire, "SEND"); // unarmed: nothing
@@ -412,7 +403,6 @@ TEST_F(Behaviours, ManyArmingMessagesGiveOneCallAtTheDelayMessage) {
 
 TEST_F(Behaviours, WithArgumentTheLargestValueSinceTheLastCallIsPassed) {
     const ObjectRef d = delayed("ZOKFWDELAYARGBEHAV", target);
-    EXPECT_EQ(host.get_tag(d, "ARG").as_int(), 0);
     EXPECT_EQ(host.get_tag(d, "ZOKFWDELAYARGBEHAV_VERSION").as_int(), 0);
     for (const int v : {3, 7, 5})
         host.call_method(arm, "SEND", {v});
