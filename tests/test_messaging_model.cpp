@@ -333,10 +333,8 @@ void MessagingModel::new_behavior() {
     b.kind = kind;
     const int scope = rng() % 4 == 0;
     const int reg = rng() % 4 != 0;
-    zok::Keywords kw{{"HANDLER", ObjectRef{b.my}},
-                     {"MESSAGESTRING", b.text},
-                     {"SCOPE", scope},
-                     {"REGISTER", reg}};
+    zok::Keywords kw{{"HANDLER", ObjectRef{b.my}}, {"MESSAGESTRING", b.text}, {"SCOPE", scope}};
+    kw.push_back({"REGISTER", reg});
     if (kind == Kind::method && (b.target = any_target()) != 0)
         kw.push_back({"OBJECT", ObjectRef{b.target}});
     if (kind == Kind::answer && rng() % 2 == 0)
