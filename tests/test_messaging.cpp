@@ -264,8 +264,8 @@ TEST_F(Behaviours, RefusalsAndVanishedValues) {
         EXPECT_EQ(flux::default_handler(), 0u);
     }
     const ObjectRef qb = host.new_object(
-        "ZOKFWQUERYBEHAV", {}, {{"MESSAGESTRING", "ask"}, {"HANDLER", h}, {"RESPONSE", "yes"}});
-    host.call_method(qb, "REGISTER");
+        "ZOKFWQUERYBEHAV", {},
+        {{"MESSAGESTRING", "ask"}, {"HANDLER", h}, {"RESPONSE", "yes"}, {"REGISTER", 1}});
     const ObjectRef q =
         host.new_object("ZOKFWQUERY", {}, {{"MESSAGESTRING", "ask"}, {"HANDLER", h}});
     const ObjectRef plain = message("ask", h);
@@ -285,6 +285,9 @@ TEST_F(Behaviours, RefusalsAndVanishedValues) {
     const ObjectRef ping = message("ping", loop);
     const std::string loops = "ZOKfwMessageHandler: the handler chain loops at handler ";
     const std::string not_handler = "Argument 1 must be an object of class ZOKfwMessageHandler.";
+    const auto making = [&](const char* cls, const zok::Keywords& kw) {
+        return [&, cls, kw] { host.new_object(cls, {}, kw); };
+    };
     // Wrong types, arrays and selves of another class are the refusal suite's;
     // these are the refusals of the messaging classes' own rules.
     std::vector<Refusal> refusals = {
@@ -307,14 +310,8 @@ TEST_F(Behaviours, RefusalsAndVanishedValues) {
          "Argument message must be an object of class ZOKfwMessage."},
         {[&] { host.call_method(h, "ADDBEHAVIOR", {plain}); }, ZOK_MSG_WRONG_CLASS,
          "Argument 1 must be an object of class ZOKfwBehavior."},
-        {[&] {
-             host.new_object("PROBE", {}, {{"HANDLER", plain}, {"REGISTER", 1}});
-         },
-         ZOK_MSG_WRONG_CLASS, not_handler},
-        {[&] {
-             host.new_object("ZOKFWMESSAGE", {}, {{"HANDLER", dead}});
-         },
-         ZOK_ERR_INVALID_OBJECT, ""},
+        {making("PROBE", {{"HANDLER", plain}, {"REGISTER", 1}}), ZOK_MSG_WRONG_CLASS, not_handler},
+        {making("ZOKFWMESSAGE", {{"HANDLER", dead}}), ZOK_ERR_INVALID_OBJECT, ""},
         {[&] { host.call_method(ping, "SEND"); }, ZOK_MSG_TEXT, loops + std::to_string(loop.id)},
         {[&] { probe("ping", a); }, ZOK_MSG_TEXT, loops + std::to_string(a.id)},
     };
