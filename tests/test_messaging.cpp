@@ -65,9 +65,8 @@ TEST_F(Messaging, DeliveriesMayChangeTheSetAndErrorsUnwind) {
     EXPECT_EQ(filed(h, "tick"), (std::vector{a.id, c.id, late.id}));
     EXPECT_TRUE(default_handler());
     EXPECT_EQ(host.get_var("root"), Value(default_handler()));
-    const uint32_t ident = host.get_var("ident").as_pointer().id;
-    EXPECT_EQ(host.heap_value(ident), Value("nested"));
-    EXPECT_EQ(host.call_function("ROLLOVER_FWIDENT", {zok::Ref{"ident"}}).as_pointer().id, ident);
+    EXPECT_EQ(host.heap_value(host.get_var("ident").as_pointer().id), Value("nested"));
+    EXPECT_EQ(host.call_function("ROLLOVER_FWIDENT", {zok::Ref{"ident"}}), host.get_var("ident"));
     EXPECT_EQ(check_all(), "");
 }
 
@@ -88,8 +87,6 @@ TEST_F(Messaging, TheCheckerAndThePictureShowTheChain) {
          })
         EXPECT_NE(dot.find(line), std::string::npos) << line << "\n" << dot;
     EXPECT_NE(flux::handler_chain_dot(std::vector{b.id}).find("label=\"no handler\""),
-              std::string::npos);
-    EXPECT_NE(flux::messagehandler_check(b.id).find("is no live message handler"),
               std::string::npos);
 
     // A behaviour filed without registration and then destroyed stays filed:
@@ -188,14 +185,13 @@ protected:
 struct Twin {
     const char* cls;
     const char* keyword;
-    const char* getter; // SET and it is the setter
-    const char* field;
+    const char* getter; // SET and it is the setter; _STRING and it is the field
     const char* default_name;
     const char* mismatch; // a program routine of the other kind
 };
 const Twin twins[] = {
-    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "PROC_STRING", "UnitializedProcedure", "ANSWER"},
-    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "FUNC_STRING", "UnitializedFuncedure", "RECORD"},
+    {"ZOKFWPROCBEHAV", "PROCEDURE", "PROC", "UnitializedProcedure", "ANSWER"},
+    {"ZOKFWFUNCBEHAV", "FUNCTION", "FUNC", "UnitializedFuncedure", "RECORD"},
 };
 
 // The setter and INIT's keyword give up the text they replace, deliberately:
@@ -215,7 +211,8 @@ TEST_F(Behaviours, RoutineBehavioursLeakOnlyWhatTheyReplaceAndReportUnknownNames
         host.call_method(plain, "EXECUTE", {"an argument"});
         EXPECT_EQ(calls, (std::vector<Called>{{t.default_name, 1, Value("an argument")}}));
         calls.clear();
-        upgrade(plain, {{t.field, "SAVED"}}); // an upgrading RESTORE gives the default back
+        upgrade(plain, {{t.getter + std::string("_STRING"),
+                         "SAVED"}}); // an upgrading RESTORE gives the default back
         EXPECT_EQ(host.call_method(plain, t.getter), Value(t.default_name));
         as_if_restored(named, "MESSIDENT");
         host.call_method(named, "RESTORE"); // a current one keeps its name

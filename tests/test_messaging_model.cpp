@@ -711,14 +711,8 @@ void MessagingModel::take_everything_down() {
 }
 
 TEST_F(MessagingModel, AgreesWithTheModel) {
-    const uint32_t seed = test_seed();
-    SCOPED_TRACE("ZOK_SEED=" + std::to_string(seed));
-    rng.seed(seed);
-#if defined(__SANITIZE_ADDRESS__)
-    constexpr int kSteps = 1600;
-#else
+    rng.seed(test_seed());
     constexpr int kSteps = 4000;
-#endif
     size_t deliveries = 0;
     for (int i = 0; i < kSteps; ++i) {
         SCOPED_TRACE("step " + std::to_string(i));
