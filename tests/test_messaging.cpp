@@ -1,12 +1,11 @@
 // The messaging classes in scenarios the model test does not reach: re-entry
-// and errors during delivery, null and lost identifiers, the message
-// operations the query classes use, the diagnostics; the routine behaviours'
-// deliberate leaks, default names and unknown names; the refusals of the
-// classes' own rules; vanished results and responses; the delayed behaviours
-// with and without an argument; RESTORE of every class's old layout; and the
-// restore pass: RESTORE runs once per pass however many objects reach an
-// object, the restored flag counts only at exactly 1.0, and the pass's two
-// loops treat a dead element differently.
+// and errors during delivery; the picture and the checker; the routine
+// behaviours' deliberate leaks, default names and unknown names; the refusals
+// of the classes' own rules, null and lost identifiers among them; vanished
+// results and responses; the delayed behaviours with and without an argument;
+// RESTORE of every class's old layout; and the restore pass: RESTORE runs once
+// per pass however many objects reach an object, the restored flag counts only
+// at exactly 1.0, and the pass's two loops treat a dead element differently.
 #include <cmath>
 #include <limits>
 

@@ -6,7 +6,8 @@
 // reached, in which order and with which argument, what every handler scopes
 // and files, each behaviour's registration, handler and response, each query's
 // result, the default handler's life, the registry's use counts, and every
-// handler's scope-table check.  Now and then the session goes through a save
+// handler's scope-table check; and what a copy of a message carries, and how
+// two messages order.  Now and then the session goes through a save
 // file and back, and the checks go on against the same model.
 #include <algorithm>
 #include <array>
