@@ -35,8 +35,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
-#include <map>
 
 #include "../tests/support/checks.hpp"
 

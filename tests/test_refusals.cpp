@@ -46,23 +46,21 @@ struct World {
         handler = host.new_object("ZOKFWMESSAGEHANDLER");
         host.call_method(handler, "SCOPEMESSAGE", {"tick"});
         low = host.new_object("ZOKFWMESSAGEHANDLER", {}, {{"HANDLER", handler}});
-        const zok::Keywords at{{"HANDLER", low}, {"MESSAGESTRING", "tick"}};
-        auto with = [&](std::initializer_list<zok::Keyword> more) {
-            zok::Keywords kw = at;
-            kw.insert(kw.end(), more);
-            return kw;
+        const auto make = [&](const char* cls, zok::Keywords kw) {
+            kw.insert(kw.end(), {{"HANDLER", low}, {"MESSAGESTRING", "tick"}});
+            return host.new_object(cls, {}, kw);
         };
         hasahandler = host.new_object("ZOKFWHASAHANDLER");
-        behavior = host.new_object("ZOKFWBEHAVIOR", {}, with({{"REGISTER", 1}}));
-        message = host.new_object("ZOKFWMESSAGE", {}, at);
-        proc = host.new_object("ZOKFWPROCBEHAV", {}, with({{"PROCEDURE", "NOTHING"}}));
-        func = host.new_object("ZOKFWFUNCBEHAV", {}, with({{"FUNCTION", "ZERO"}}));
-        const std::initializer_list<zok::Keyword> take{{"OBJECT", sink}, {"METHOD", "TAKE"}};
-        obj = host.new_object("ZOKFWOBJBEHAV", {}, with(take));
-        delay = host.new_object("ZOKFWDELAYBEHAV", {}, with(take));
-        delayarg = host.new_object("ZOKFWDELAYARGBEHAV", {}, with(take));
-        query = host.new_object("ZOKFWQUERY", {}, at);
-        querybehav = host.new_object("ZOKFWQUERYBEHAV", {}, with({{"RESPONSE", 5}}));
+        behavior = make("ZOKFWBEHAVIOR", {{"REGISTER", 1}});
+        message = make("ZOKFWMESSAGE", {});
+        proc = make("ZOKFWPROCBEHAV", {{"PROCEDURE", "NOTHING"}});
+        func = make("ZOKFWFUNCBEHAV", {{"FUNCTION", "ZERO"}});
+        const zok::Keywords take{{"OBJECT", sink}, {"METHOD", "TAKE"}};
+        obj = make("ZOKFWOBJBEHAV", take);
+        delay = make("ZOKFWDELAYBEHAV", take);
+        delayarg = make("ZOKFWDELAYARGBEHAV", take);
+        query = make("ZOKFWQUERY", {});
+        querybehav = make("ZOKFWQUERYBEHAV", {{"RESPONSE", 5}});
         loose = host.new_object("ZOKFWBEHAVIOR", {}, {{"MESSAGESTRING", "tock"}});
         host.destroy(ObjectRef{flux::default_handler()});
     }
@@ -231,10 +229,9 @@ TEST(Refusals, SingleValuedArgumentsRefuseOtherTypesAndArrays) {
 // under; and with no handler, so that the default handler must be made.
 std::vector<zok::Keywords> filing_keywords(ObjectRef low, const std::string& cls) {
     const bool behaviour = cls.ends_with("BEHAV") || cls == "ZOKFWBEHAVIOR";
-    const bool message = cls == "ZOKFWMESSAGE" || cls == "ZOKFWQUERY";
     if (cls == "ZOKFWHASAHANDLER" || cls == "ZOKFWMESSAGEHANDLER")
         return {{{"HANDLER", low}}};
-    if (!behaviour && !message)
+    if (!behaviour && cls != "ZOKFWMESSAGE" && cls != "ZOKFWQUERY")
         return {{}};
     std::vector<zok::Keywords> sets = {
         {{"HANDLER", low}, {"MESSAGESTRING", "tick"}, {"SCOPE", 1}},
@@ -279,23 +276,20 @@ TEST(Refusals, RunningOutOfMemoryChangesNothing) {
     // read back before its restore) is filed again under a new root scope.
     const auto register_loose = [](World& x) { x.host.call_method(x.loose, "REGISTER"); };
     const auto unknown_ident = [](World& x) { x.host.set_tag(x.behavior, "MESSIDENT", x.copy); };
-    const auto method = [](ObjectRef World::*self, const char* name, zok::Args args) {
-        return [=](World& x) { x.host.call_method(x.*self, name, args); };
-    };
-    cases.push_back({"unscoping on the default handler",
-                     [](World& x) {
-                         x.host.call_method(ObjectRef{flux::default_handler()}, "UNSCOPEMESSAGE",
-                                            {"tock"});
-                     },
-                     register_loose});
-    cases.push_back({"SCOPEMESSAGE re-filing the default handler's only behaviour",
-                     method(&World::handler, "SCOPEMESSAGE", {"tock"}), register_loose});
-    cases.push_back({"RESTORE re-filing the default handler's only behaviour",
-                     method(&World::loose, "RESTORE", {}), register_loose});
-    cases.push_back({"SCOPEMESSAGE moving a behaviour of an unknown identifier",
-                     method(&World::low, "SCOPEMESSAGE", {"tick"}), unknown_ident});
-    cases.push_back({"UNSCOPEMESSAGE moving a behaviour of an unknown identifier",
-                     method(&World::handler, "UNSCOPEMESSAGE", {"tick"}), unknown_ident});
+    const std::tuple<ObjectRef World::*, const char*, zok::Args, std::function<void(World&)>>
+        moves[] = {{nullptr, "UNSCOPEMESSAGE", {"tock"}, register_loose}, // the default handler
+                   {&World::handler, "SCOPEMESSAGE", {"tock"}, register_loose},
+                   {&World::loose, "RESTORE", {}, register_loose},
+                   {&World::low, "SCOPEMESSAGE", {"tick"}, unknown_ident},
+                   {&World::handler, "UNSCOPEMESSAGE", {"tick"}, unknown_ident}};
+    for (const auto& [self, method, args, set_up] : moves)
+        cases.push_back({"moving behaviours, case " + std::to_string(cases.size()) + ": " + method,
+                         [=](World& x) {
+                             const ObjectRef at =
+                                 self ? x.*self : ObjectRef{flux::default_handler()};
+                             x.host.call_method(at, method, args);
+                         },
+                         set_up});
     std::unique_ptr<World> w;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -116,7 +116,8 @@ protected:
 
     // Restores `bytes`, expecting `code` and a text that starts with the file's
     // name and then `what`; nothing may change.
-    void refused(const std::string& bytes, int32_t code, const std::string& what) {
+    void refused(const std::string& bytes, const std::string& what,
+                 int32_t code = ZOK_ERR_SAVE_FILE) {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         const zok::Observation before = host.observe();
         const zok::Error e = expect_error(code, [&] { host.restore(path); });
@@ -133,15 +134,9 @@ protected:
 TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChangesNothing) {
     const size_t content = good.size() - 24;
     const std::string content_text = std::to_string(content);
-    for (size_t n = 0; n < good.size(); ++n)
-        refused(good.substr(0, n), ZOK_ERR_SAVE_FILE,
-                n < 24
-                    ? "is truncated: " + std::to_string(n) + " bytes, less than its 24-byte header"
-                    : "is truncated: its header states " + content_text + " content bytes, " +
-                          std::to_string(n - 24) + " are there");
-    refused(good + "x", ZOK_ERR_SAVE_FILE,
+    refused(good + "x",
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
-    refused(std::string(good).replace(8, 1, 1, '\2'), ZOK_ERR_SAVE_FILE,
+    refused(std::string(good).replace(8, 1, 1, '\2'),
             "has format version 2; this host reads version 1");
     std::filesystem::remove(path);
     for (const auto& [at, why] : {std::pair{path, "No such file or directory"},
@@ -149,8 +144,14 @@ TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
         EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(at); }).text(),
                   "Save file " + at + " cannot be opened: " + why + "; nothing was restored.");
 
-    // A flipped bit: where it lands decides what is found first.
+    // Cut short at each byte, or a bit flipped there: where it lands decides
+    // what is found first.
     for (size_t at = 0; at < good.size(); ++at) {
+        refused(good.substr(0, at),
+                at < 24
+                    ? "is truncated: " + std::to_string(at) + " bytes, less than its 24-byte header"
+                    : "is truncated: its header states " + content_text + " content bytes, " +
+                          std::to_string(at - 24) + " are there");
         std::string bytes = good;
         bytes[at] = static_cast<char>(bytes[at] ^ (1 << (at % 8)));
         const char* what = at < 8    ? "is not a save file: its magic number is wrong"
@@ -159,15 +160,15 @@ TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
                                ? "is corrupt: its checksum does not match its content"
                            : (bytes[at] & (1 << (at % 8))) ? "is truncated: its header states"
                                                            : "has trailing bytes: ";
-        refused(bytes, ZOK_ERR_SAVE_FILE, what);
+        refused(bytes, what);
     }
 
     // A sound checksum over unsound content: the decoder still refuses it.
-    refused(zoktest::with_header(std::string(content, '\xff')), ZOK_ERR_SAVE_FILE,
+    refused(zoktest::with_header(std::string(content, '\xff')),
             "is corrupt: the structure table runs past the end");
     std::string lower_name = good.substr(24);
     lower_name[lower_name.rfind("IDENTS") + 5] = 's';
-    refused(zoktest::with_header(lower_name), ZOK_ERR_SAVE_FILE,
+    refused(zoktest::with_header(lower_name),
             "is corrupt: variable name IDENTs is not in upper case");
 
     // A sound file whose program class this host lacks or defines otherwise,
@@ -183,7 +184,7 @@ TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
         fresh_host(probe);
         define_target();
         build(false);
-        refused(good, code, text);
+        refused(good, text, code);
     }
 }
 
