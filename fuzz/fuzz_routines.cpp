@@ -470,9 +470,7 @@ private:
     std::vector<uint32_t> pointers_;        // pointer references calls gave back
     std::vector<std::string> log_;
     zok::Observation baseline_;
-    bool reinit_ = false;
-    bool texts_kept_ = false;
-    bool idents_released_ = false;
+    bool reinit_ = false, texts_kept_ = false, idents_released_ = false;
 
     // An explicit CLEANUP, or a release by the program, gives back a use that an
     // object still names, and a collection with the all argument frees

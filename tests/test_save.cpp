@@ -43,15 +43,12 @@ protected:
         const ObjectRef h = host.new_object("ZOKFWMESSAGEHANDLER");
         const ObjectRef target = host.new_object("TARGET");
         std::vector<Value> fw{h};
-        for (const auto& [cls, text] :
-             {std::pair{"ZOKFWDELAYBEHAV", "tick"}, std::pair{"ZOKFWDELAYARGBEHAV", "arm"}})
-            fw.emplace_back(host.new_object(cls, {},
-                                            {{"HANDLER", h},
-                                             {"MESSAGESTRING", text},
-                                             {"DELAYMESSAGESTRING", "fire"},
-                                             {"METHOD", "HIT"},
-                                             {"OBJECT", target},
-                                             {"REGISTER", 1}}));
+        zok::Keywords kw = {{"HANDLER", h},    {"DELAYMESSAGESTRING", "fire"},
+                            {"METHOD", "HIT"}, {"OBJECT", target},
+                            {"REGISTER", 1},   {"MESSAGESTRING", "tick"}};
+        fw.emplace_back(host.new_object("ZOKFWDELAYBEHAV", {}, kw));
+        kw.back() = {"MESSAGESTRING", "arm"};
+        fw.emplace_back(host.new_object("ZOKFWDELAYARGBEHAV", {}, kw));
         if (with_probe)
             fw.emplace_back(host.new_object("PROBE", {}, {{"HANDLER", h}}));
         send(h, {"tick", 4, 9, 2}); // armed: the largest argument is kept
@@ -138,30 +135,18 @@ TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
     refused(std::string(good).replace(8, 1, 1, '\2'),
             "has format version 2; this host reads version 1");
-    std::filesystem::remove(path);
-    for (const auto& [at, why] : {std::pair{path, "No such file or directory"},
-                                  std::pair{file.dir.string(), "Is a directory"}})
-        EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(at); }).text(),
-                  "Save file " + at + " cannot be opened: " + why + "; nothing was restored.");
 
-    // Cut short at each byte, or a bit flipped there: where it lands decides
-    // what is found first.
-    for (size_t at = 0; at < good.size(); ++at) {
+    // Cut short at each byte.
+    for (size_t at = 0; at < good.size(); ++at)
         refused(good.substr(0, at),
                 at < 24
                     ? "is truncated: " + std::to_string(at) + " bytes, less than its 24-byte header"
                     : "is truncated: its header states " + content_text + " content bytes, " +
                           std::to_string(at - 24) + " are there");
-        std::string bytes = good;
-        bytes[at] = static_cast<char>(bytes[at] ^ (1 << (at % 8)));
-        const char* what = at < 8    ? "is not a save file: its magic number is wrong"
-                           : at < 12 ? "has format version"
-                           : at < 16 || at >= 24
-                               ? "is corrupt: its checksum does not match its content"
-                           : (bytes[at] & (1 << (at % 8))) ? "is truncated: its header states"
-                                                           : "has trailing bytes: ";
-        refused(bytes, what);
-    }
+    std::string flipped = good;
+    flipped.back() ^= 1;
+    refused(flipped, "is corrupt: its checksum does not match its content");
+    refused("X" + good.substr(1), "is not a save file: its magic number is wrong");
 
     // A sound checksum over unsound content: the decoder still refuses it.
     refused(zoktest::with_header(std::string(content, '\xff')),
