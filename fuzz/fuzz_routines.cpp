@@ -38,14 +38,14 @@
 
 #include "../tests/support/checks.hpp"
 
-namespace {
-
 using zok::ObjectRef;
 using zok::PointerRef;
 using zok::Value;
 
 constexpr size_t kMaxSteps = 256;
 constexpr const char* kForeignClass = "FUZZ_FOREIGN";
+const std::vector<zok::TagSpec> kForeignTags = {
+    {"N", ZOK_T_LONG}, {"TEXT", ZOK_T_STRING}, {"PEER", ZOK_T_OBJECT}, {"DATA", ZOK_T_POINTER}};
 constexpr const char* kFlag = "ZOKFWSAVEABLE_TOP";
 const char* const kVariables[] = {"V0", "V1", "V2", "V3"};
 
@@ -95,10 +95,7 @@ public:
         for (const zok::RoutineInfo& r : routines_)
             if (r.name.ends_with("::INIT"))
                 classes_.push_back(r.name.substr(0, r.name.size() - 6));
-        host_.define_struct(kForeignClass, {{"N", ZOK_T_LONG},
-                                            {"TEXT", ZOK_T_STRING},
-                                            {"PEER", ZOK_T_OBJECT},
-                                            {"DATA", ZOK_T_POINTER}});
+        host_.define_struct(kForeignClass, kForeignTags);
         classes_.push_back(kForeignClass);
         for (const std::string& name : host_.struct_names()) {
             zok_var* instance = host_temp_struct(host_.find_struct(name));
@@ -175,7 +172,7 @@ private:
                     host_.isa(e.as_object(), "ZOKFWSAVEABLE"))
                     flags.emplace_back(e.as_object(), host_.get_tag(e.as_object(), kFlag));
         perform(
-            describe(r.name, args, kw),
+            r.name + ", " + std::to_string(args.size()) + " arguments",
             [&] {
                 if (r.is_function)
                     harvest(host_.call_function(r.name, args, kw));
@@ -195,7 +192,7 @@ private:
         for (int n = argument_count(0, 1); n > 0; --n)
             args.push_back(argument());
         const zok::Keywords kw = keywords();
-        perform("new " + describe(cls, args, kw), [&] {
+        perform("new " + cls, [&] {
             if (const ObjectRef made = host_.new_object(cls, args, kw))
                 objects_.push_back(made.id);
             texts_kept_ = texts_kept_ || keeps_texts(cls + "::INIT", kw);
@@ -231,15 +228,13 @@ private:
             return Value(ObjectRef{of_class[pick % of_class.size()]});
         if (how == 6 && !of_class.empty())
             return Value(std::vector<ObjectRef>(1 + pick % 2, ObjectRef{of_class[0]}));
-        if (how < 7)
-            return Value(ObjectRef{reference_id(ZOK_T_OBJECT)});
-        return argument();
+        return how < 7 ? zok::Arg(Value(ObjectRef{reference_id(ZOK_T_OBJECT)})) : argument();
     }
 
     zok::Arg argument() {
-        if (in_.byte() % 8 == 0)
-            return zok::Ref{kVariables[in_.below(std::size(kVariables))]};
-        return value();
+        return in_.byte() % 8 == 0
+                   ? zok::Arg(zok::Ref{kVariables[in_.below(std::size(kVariables))]})
+                   : zok::Arg(value());
     }
 
     // One byte: its low bits pick the type, weighted towards what routines
@@ -372,14 +367,6 @@ private:
         }
     }
 
-    static std::string describe(const std::string& name, const zok::Args& args,
-                                const zok::Keywords& kw) {
-        std::string out = name + " " + std::to_string(kw.size()) + " keywords";
-        for (const zok::Arg& a : args)
-            out += ", " + (a.is_ref() ? "var " + a.ref() : a.value().to_string());
-        return out;
-    }
-
     // ---- Checks
 
     template <class Step>
@@ -485,14 +472,11 @@ private:
     // their INIT given a name or run again, deliberately keep the text they
     // replace (the class is defined so).
     bool keeps_texts(const std::string& routine, const zok::Keywords& kw) const {
-        const bool namer =
-            routine.starts_with("ZOKFWPROCBEHAV::") || routine.starts_with("ZOKFWFUNCBEHAV::");
-        return namer && (routine.ends_with("::SETPROC") || routine.ends_with("::SETFUNC") ||
-                         (routine.ends_with("::INIT") && (!kw.empty() || reinit_)));
+        return routine == "ZOKFWPROCBEHAV::SETPROC" || routine == "ZOKFWFUNCBEHAV::SETFUNC" ||
+               ((routine == "ZOKFWPROCBEHAV::INIT" || routine == "ZOKFWFUNCBEHAV::INIT") &&
+                (!kw.empty() || reinit_));
     }
 };
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in{data, size};

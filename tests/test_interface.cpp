@@ -14,8 +14,6 @@
 #include "frame/structs.hpp"
 #include "support/checks.hpp"
 
-namespace {
-
 using zok::PointerRef;
 using zok::TagSpec;
 using zok::Value;
@@ -234,13 +232,10 @@ TEST(Interface, RoutinesStructuresKeywordTablesAndMessagesAreTheRows) {
                      row.flags == keywords);
         if (row.kind == procedure)
             continue;
-        const std::string name = row.name;
+        const std::string name = row.name, cls = name.substr(0, name.find("::"));
         const zok::Args args(row.args.begin(), row.args.end());
-        const size_t colons = name.find("::");
-        const Value result =
-            colons == std::string::npos
-                ? host.call_function(name, args)
-                : host.call_method(host.new_object(name.substr(0, colons)), name, args);
+        const Value result = cls == name ? host.call_function(name, args)
+                                         : host.call_method(host.new_object(cls), name, args);
         EXPECT_EQ(std::pair(result.type(), result.is_array()), std::pair(row.result, row.array))
             << name << " gave " << result.to_string();
     }
@@ -280,5 +275,3 @@ TEST(Interface, RoutinesStructuresKeywordTablesAndMessagesAreTheRows) {
         message_rows.emplace_back(message_block, code, name, text);
     EXPECT_EQ(blocks, message_rows);
 }
-
-} // namespace

@@ -10,10 +10,7 @@
 
 #include "support/messaging_testing.hpp"
 
-namespace {
-
 using zok::ObjectRef;
-using zok::PointerRef;
 using zok::Value;
 
 // A host with the module, a map holding "k", a saveable object saved at
@@ -29,7 +26,7 @@ struct World {
         host.set_tag(saveable, "ZOKFWSAVEABLE_VERSION", 0);
         ident = host.call_function("GET_FWIDENT", {"x"}).as_pointer();
         zok_var* text = host.make_temp("y");
-        copy = PointerRef{
+        copy = zok::PointerRef{
             host_heap_var_new(ZOK_HEAP_POINTER, text, ZOK_HEAP_NEW_MOVE, ZOK_ACTION_ERROR)->id};
         host_release_temp(text);
         host.set_var("count", 0);
@@ -117,7 +114,7 @@ struct World {
 
     zok::Host host;
     std::vector<zok::RoutineInfo> routines;
-    PointerRef ident, copy;
+    zok::PointerRef ident, copy;
     // `fallback` is the default handler, once a test makes one.
     ObjectRef map, saveable, sink, handler, low, loose, hasahandler, behavior, message, proc, func,
         obj, delay, delayarg, query, querybehav, fallback;
@@ -126,6 +123,8 @@ struct World {
 // Where a class names its own message for its argument 1 of the wrong type (or
 // an array): code and text, whatever the wrong value.  A handler's methods name
 // their message argument too.
+const std::pair<int32_t, std::string> not_message{
+    ZOK_MSG_WRONG_CLASS, "Argument message must be an object of class ZOKfwMessage."};
 const std::map<std::string, std::pair<int32_t, std::string>> named_refusals = [] {
     const auto wrong_type = [](const std::string& routine) {
         return std::pair{ZOK_MSG_ARG_TYPE, "Argument of the wrong type in " + routine + "."};
@@ -143,17 +142,15 @@ const std::map<std::string, std::pair<int32_t, std::string>> named_refusals = []
     };
 }();
 
-// A value of another type for a single-valued argument of each type, the
-// host's code for it, and the host's name of what was required.
-const std::map<uint8_t, std::tuple<Value, int32_t, std::string>> wrong_types = {
-    {ZOK_T_STRING, {7, ZOK_ERR_NOT_STRING, "String expression"}},
-    {ZOK_T_POINTER, {"p", ZOK_ERR_NOT_POINTER, "Pointer expression"}},
-    {ZOK_T_OBJECT, {"o", ZOK_ERR_NOT_OBJECT, "Object reference"}},
+// For a single-valued argument of each type: the host's name of the type, a
+// value of another type and its name, the host's code for that value and its
+// name of what was required.
+const std::map<uint8_t, std::tuple<std::string, Value, std::string, int32_t, std::string>>
+    wrong_types = {
+        {ZOK_T_STRING, {"STRING", 7, "LONG", ZOK_ERR_NOT_STRING, "String expression"}},
+        {ZOK_T_POINTER, {"POINTER", "p", "STRING", ZOK_ERR_NOT_POINTER, "Pointer expression"}},
+        {ZOK_T_OBJECT, {"OBJREF", "o", "STRING", ZOK_ERR_NOT_OBJECT, "Object reference"}},
 };
-const std::map<uint8_t, std::string> type_names = {{ZOK_T_LONG, "LONG"},
-                                                   {ZOK_T_STRING, "STRING"},
-                                                   {ZOK_T_POINTER, "POINTER"},
-                                                   {ZOK_T_OBJECT, "OBJREF"}};
 
 // The name a messaging class shows in its messages.
 std::string display_name(const std::string& cls) {
@@ -187,23 +184,16 @@ TEST(Refusals, SingleValuedArgumentsRefuseOtherTypesAndArrays) {
                     i == 1 && named != named_refusals.end())
                     std::tie(code, text) = named->second;
                 if (cls == "ZOKFWMESSAGEHANDLER" && v.type() == ZOK_T_STRING)
-                    std::tie(code, text) =
-                        std::pair{ZOK_MSG_WRONG_CLASS,
-                                  "Argument message must be an object of class ZOKfwMessage."};
+                    std::tie(code, text) = not_message;
                 zok::Args given = args;
                 given[i] = bad;
                 refusals.push_back({[&w, r, given] { w.call(r, given); }, code, text});
             };
-            const auto required = [&](const std::string& what, const Value& got) {
-                return what + " required in " + r.name + ": got " + type_names.at(got.type()) +
-                       (got.is_array() ? " array[2]" : "") + " (temporary).";
-            };
-            const Value array = Value::array(v.type(), {v, v});
-            refused(array, ZOK_ERR_NOT_SIMPLE, required("Scalar expression", array));
-            if (const auto other = wrong_types.find(v.type()); other != wrong_types.end()) {
-                const auto& [bad, code, what] = other->second;
-                refused(bad, code, required(what, bad));
-            }
+            const auto& [name, other, other_name, code, what] = wrong_types.at(v.type());
+            const std::string in = " required in " + r.name + ": got ";
+            refused(Value::array(v.type(), {v, v}), ZOK_ERR_NOT_SIMPLE,
+                    "Scalar expression" + in + name + " array[2] (temporary).");
+            refused(other, code, what + in + other_name + " (temporary).");
             // The saveable object is of the root class.
             if (i == 0 && cls.starts_with("ZOKFW") && cls != "ZOKFWSAVEABLE")
                 refused(w.saveable, ZOK_MSG_WRONG_CLASS,
@@ -304,5 +294,3 @@ TEST(Refusals, RunningOutOfMemoryChangesNothing) {
         EXPECT_GT(failed, 0);
     }
 }
-
-} // namespace
