@@ -39,7 +39,6 @@
 #include "../tests/support/checks.hpp"
 
 using zok::ObjectRef;
-using zok::PointerRef;
 using zok::Value;
 
 constexpr size_t kMaxSteps = 256;
@@ -264,7 +263,7 @@ private:
         case ZOK_T_STRUCT:
             return structure(structs_[in_.below(structs_.size())]);
         case ZOK_T_POINTER:
-            return Value(PointerRef{reference_id(type)});
+            return Value(zok::PointerRef{reference_id(type)});
         case ZOK_T_OBJECT:
             return Value(ObjectRef{reference_id(type)});
         case ZOK_T_FLOAT:

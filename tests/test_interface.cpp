@@ -16,7 +16,6 @@
 
 using zok::PointerRef;
 using zok::TagSpec;
-using zok::Value;
 
 enum Kind { function, procedure };
 constexpr int32_t keywords = ZOK_RT_KEYWORDS;
@@ -32,7 +31,7 @@ struct RoutineRow {
     int32_t flags = 0;
     uint8_t result = ZOK_T_UNDEFINED;
     bool array = false;
-    std::vector<Value> args = {};
+    std::vector<zok::Value> args = {};
 };
 
 // clang-format off
@@ -234,8 +233,8 @@ TEST(Interface, RoutinesStructuresKeywordTablesAndMessagesAreTheRows) {
             continue;
         const std::string name = row.name, cls = name.substr(0, name.find("::"));
         const zok::Args args(row.args.begin(), row.args.end());
-        const Value result = cls == name ? host.call_function(name, args)
-                                         : host.call_method(host.new_object(cls), name, args);
+        const zok::Value result = cls == name ? host.call_function(name, args)
+                                              : host.call_method(host.new_object(cls), name, args);
         EXPECT_EQ(std::pair(result.type(), result.is_array()), std::pair(row.result, row.array))
             << name << " gave " << result.to_string();
     }
