@@ -1,11 +1,12 @@
 // Refusals and failures change nothing.  Every registered routine refuses a
-// single-valued argument of the wrong type code with the host's type error,
-// and an array of the right type code with the host's non-scalar error; and
+// single-valued argument of the wrong type code with the host's type error (or
+// its class's own), and an array of the right type code with the host's
+// non-scalar error (integer arguments, converted from any value, are left
+// out); and
 // every routine, and the making of an object of every class with the keywords
 // that make it file itself, that fails for want of memory at any of its
 // allocations leaves the host and the registry's counts as it found them.
 #include <algorithm>
-#include <set>
 #include <tuple>
 
 #include "support/messaging_testing.hpp"
