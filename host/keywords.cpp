@@ -17,8 +17,7 @@ void release_held_keywords(Frame& f) {
         return;
     State& s = state();
     for (size_t i = f.held_from; i < s.held_kw.size(); ++i)
-        if (s.texts.erase(s.held_kw[i]))
-            std::free(s.held_kw[i]);
+        free_text(s.held_kw[i]);
     s.held_kw.resize(f.held_from);
 }
 
@@ -38,13 +37,15 @@ size_t value_size(const zok_keyword_entry& e) {
     return by_reference(e) ? sizeof(zok_var*) : elem_size(e.type);
 }
 
-// Releases what a failed processing made, then raises.
+// Releases what a failed processing made, then raises; the texts of one that
+// succeeds are handed to the frame.
 struct Held {
-    std::vector<char*> texts;
+    SmallVector<char*, 4> texts;
+    bool handed = false;
     ~Held() {
-        for (char* t : texts)
-            if (state().texts.erase(t))
-                std::free(t);
+        if (!handed)
+            for (char* t : texts)
+                free_text(t);
     }
 };
 
@@ -149,7 +150,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
             f.held_from = s.held_kw.size();
         s.held_kw.insert(s.held_kw.end(), held.texts.begin(), held.texts.end());
         f.holds_kw = true;
-        held.texts.clear();
+        held.handed = true;
         uint64_t holds = 1;
         std::memcpy(rec, &holds, sizeof holds);
     }
