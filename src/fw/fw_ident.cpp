@@ -18,15 +18,24 @@
 #include "maps/rb_access.hpp"
 
 namespace flux {
-namespace {
 
 struct IdentRecord {
     uint32_t ident;
     int32_t uses; // acquisitions not yet released; release has no floor
 };
 
+namespace {
+
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
+
+// The record that a reservation of a fixed name (a text of the module's own,
+// told by its address) found or made last: every INIT reserves the generic
+// message's.  Forgotten whenever an entry goes, so it never outlives its record.
+struct FixedName {
+    const char* name = nullptr;
+    IdentRecord* record = nullptr;
+} last_fixed;
 
 const zok_string& text_at(RbWord word) {
     return *reinterpret_cast<const zok_string*>(word);
@@ -122,6 +131,7 @@ IdentRecord* make_entry(const zok_string* name) {
 
 // Frees an entry's key, heap variable and record, then the entry itself.
 void drop_entry(RbNode* entry) {
+    last_fixed = {};
     zok_string* key = key_of(entry);
     IdentRecord* record = record_of(entry);
     host_string_release(key, 1);
@@ -219,7 +229,7 @@ int fwident_order(uint32_t a, uint32_t b) {
         raise_module_message(MSG_FWMSG_IDCORRUPT);
         return 0;
     }
-    return text_order(*text_a, *text_b);
+    return text_a == text_b ? 0 : text_order(*text_a, *text_b);
 }
 
 IdentReservation::IdentReservation(const zok_string* name) {
@@ -227,19 +237,29 @@ IdentReservation::IdentReservation(const zok_string* name) {
 }
 
 IdentReservation::IdentReservation(const char* fixed_name) {
+    if (last_fixed.name == fixed_name) {
+        record_ = last_fixed.record;
+        ident_ = record_->ident;
+        return;
+    }
     // A borrowed descriptor: the registry copies the text when it keeps it.
     const zok_string borrowed{static_cast<uint32_t>(std::strlen(fixed_name)), 0, 0,
                               const_cast<char*>(fixed_name)};
-    obtain(&borrowed);
+    last_fixed = {fixed_name, obtain(&borrowed)};
 }
 
-void IdentReservation::obtain(const zok_string* name) {
-    if (IdentRecord* record = find_record(name)) {
-        ident_ = record->ident;
-        return;
+IdentRecord* IdentReservation::obtain(const zok_string* name) {
+    record_ = find_record(name);
+    if (record_ == nullptr) {
+        record_ = make_entry(name);
+        made_ = true;
     }
-    ident_ = make_entry(name)->ident;
-    made_ = true;
+    ident_ = record_->ident;
+    return record_;
+}
+
+void IdentReservation::acquire() {
+    record_->uses += 1;
 }
 
 IdentReservation::~IdentReservation() {
@@ -261,6 +281,7 @@ void fwident_session_reset() {
 void fwident_forget() {
     name_index = nullptr;
     rollover_index = nullptr;
+    last_fixed = {};
 }
 
 std::vector<FwIdentEntry> fwident_entries() {
