@@ -435,12 +435,14 @@ void add_behavior(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t 
         root_scope.emplace(at.handler, ident);
         if (!root_scope->needed())
             refuse_cleaned_up_root(at.handler);
-        reserve(nodes, root_scope->nodes());
+        reserve(nodes, root_scope->nodes() + kEntryNodes);
     }
-    reserve(nodes, kEntryNodes);
     made_default.commit();
     if (root_scope)
         root_scope->commit();
+    // Into a set that exists, the insertion makes both its nodes before it links
+    // either, so it fails without a change by itself; a climb that found a set
+    // made no default handler.
     file_behavior(at.set != 0 ? at.set : find_scope(at.handler, ident), behavior);
 }
 
