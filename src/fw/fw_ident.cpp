@@ -37,6 +37,13 @@ struct FixedName {
     IdentRecord* record = nullptr;
 } last_fixed;
 
+// The record whose uses were counted last, by its own identifier: an object
+// releases what its INIT acquired.  Forgotten whenever an entry goes.
+struct LastCounted {
+    uint32_t ident = 0;
+    IdentRecord* record = nullptr;
+} last_counted;
+
 const zok_string& text_at(RbWord word) {
     return *reinterpret_cast<const zok_string*>(word);
 }
@@ -132,6 +139,7 @@ IdentRecord* make_entry(const zok_string* name) {
 // Frees an entry's key, heap variable and record, then the entry itself.
 void drop_entry(RbNode* entry) {
     last_fixed = {};
+    last_counted = {};
     zok_string* key = key_of(entry);
     IdentRecord* record = record_of(entry);
     host_string_release(key, 1);
@@ -145,8 +153,13 @@ void adjust_uses(uint32_t ident, int32_t delta) {
     const zok_string* text = fwident_text(ident);
     if (text == nullptr)
         return;
-    if (IdentRecord* record = find_record(text))
-        record->uses += delta;
+    // The entry of a live identifier is the entry of its text.
+    IdentRecord* record = ident == last_counted.ident ? last_counted.record : find_record(text);
+    if (record == nullptr)
+        return;
+    if (record->ident == ident)
+        last_counted = {ident, record};
+    record->uses += delta;
 }
 
 } // namespace
@@ -282,6 +295,7 @@ void fwident_forget() {
     name_index = nullptr;
     rollover_index = nullptr;
     last_fixed = {};
+    last_counted = {};
 }
 
 std::vector<FwIdentEntry> fwident_entries() {
