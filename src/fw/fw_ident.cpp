@@ -38,7 +38,10 @@ struct FixedName {
 } last_fixed;
 
 // The record whose uses were counted last, by its own identifier: an object
-// releases what its INIT acquired.  Forgotten whenever an entry goes.
+// releases what its INIT acquired.  It is read only while that identifier is
+// live, and an entry goes with its identifier's heap variable, whose number this
+// host never hands out again; a new host starts the numbers again, so
+// forgetting the indexes forgets it too.
 struct LastCounted {
     uint32_t ident = 0;
     IdentRecord* record = nullptr;
@@ -139,7 +142,6 @@ IdentRecord* make_entry(const zok_string* name) {
 // Frees an entry's key, heap variable and record, then the entry itself.
 void drop_entry(RbNode* entry) {
     last_fixed = {};
-    last_counted = {};
     zok_string* key = key_of(entry);
     IdentRecord* record = record_of(entry);
     host_string_release(key, 1);
