@@ -66,14 +66,17 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         return bad("bad arguments");
     if (!table[0].keyword || table[0].keyword[0] != '\0')
         return bad("the keyword table must open with an empty keyword");
-    // Each keyword's length, measured once for the matching below.
+    // Each keyword's length and value size, measured once for the steps below.
     SmallVector<size_t, 16> lengths;
+    SmallVector<size_t, 16> sizes;
     lengths.push_back(0);
+    sizes.push_back(0);
     size_t n = 1;
     for (; table[n].keyword; ++n) {
         const zok_keyword_entry& e = table[n];
         lengths.push_back(std::strlen(e.keyword));
-        if (!by_reference(e) && (value_size(e) == 0 || e.type == ZOK_T_STRUCT))
+        sizes.push_back(value_size(e));
+        if (!by_reference(e) && (sizes[n] == 0 || e.type == ZOK_T_STRUCT))
             return bad(std::string("keyword ") + e.keyword + " has a type it cannot take");
         if (n > 1 && std::strcmp(table[n - 1].keyword, e.keyword) >= 0)
             return bad(std::string("keywords are not in ascending order at ") + e.keyword);
@@ -87,7 +90,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         int32_t absent = 0;
         std::memcpy(rec + e.given, &absent, sizeof absent);
         bool zero = (e.flags & (ZOK_KW_ZERO_IF_ABSENT | ZOK_KW_NULL_IF_ABSENT)) != 0;
-        std::memset(rec + e.value, zero ? 0 : kPoison, value_size(e));
+        std::memset(rec + e.value, zero ? 0 : kPoison, sizes[i]);
     }
     std::memset(rec, 0, sizeof(uint64_t));
 
@@ -136,7 +139,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
             }
             if (e.type == ZOK_T_STRING && converted.value.str.text)
                 held.texts.push_back(converted.value.str.text);
-            std::memcpy(rec + e.value, &converted.value, value_size(e));
+            std::memcpy(rec + e.value, &converted.value, sizes[static_cast<size_t>(match - table)]);
         }
         int32_t given = 1;
         std::memcpy(rec + e.given, &given, sizeof given);
