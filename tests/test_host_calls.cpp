@@ -20,20 +20,8 @@ zok_var* return_one(int32_t, zok_var**, zok_keywords*) {
     return host_temp_long(1);
 }
 
-zok_var* text_temp(const char* text) {
+void count_run(int32_t, zok_var**, zok_keywords*) {
     ++g_runs;
-    zok_var* t = host_temp_var();
-    t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, text);
-    return t;
-}
-
-zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
-    return text_temp("...");
-}
-
-zok_var* dog_speak(int32_t, zok_var**, zok_keywords*) {
-    return text_temp("woof");
 }
 
 // Calls SPEAK by name, so the object's own class decides which runs.
@@ -46,18 +34,10 @@ zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
 void define_animals(zok::Host& host) {
     host.define_struct("ANIMAL", {{"LEGS", ZOK_T_LONG}});
     host.define_struct("DOG", {{"TAIL", ZOK_T_BYTE}}, "ANIMAL");
-    const zok_routine_entry fns[] = {{{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr},
-                                     {{animal_speak}, "ANIMAL::SPEAK", 1, 1, 0, nullptr},
-                                     {{dog_speak}, "DOG::SPEAK", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
-}
-
-// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
-void set_out(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* v = host_temp_long(42);
-    host_var_copy(v, argv[0], 0);
-    host_temp_var();
-    host_release_temp(v);
+    const zok_routine_entry describe = {{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&describe, 1, 1), 1);
+    host.add_function("ANIMAL::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("..."); });
+    host.add_function("DOG::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("woof"); });
 }
 
 // OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
@@ -71,10 +51,6 @@ void outer(int32_t, zok_var** argv, zok_keywords*) {
     host_release_temp(text);
 }
 
-void count_run(int32_t, zok_var**, zok_keywords*) {
-    ++g_runs;
-}
-
 // A call block lists exactly the arguments the routine gets; a null entry is
 // an undefined argument, which the routine may still write.  An output
 // argument is written back; a temporary a statement leaves is released.
@@ -84,19 +60,19 @@ TEST(HostCalls, ACallGetsExactlyItsArgumentsAndMayWriteThem) {
     host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
         for (int32_t i = 0; i < c.argc(); ++i)
             seen.push_back(c.arg(i));
-        c.set(0, "written into an undefined argument");
+        c.set(0, "written");
+        if (c.argc() == 1)
+            host_temp_var(); // left behind in a statement
         return zok::Value();
     });
     zok_var* given = host.make_temp(5);
     zok_var* args[] = {nullptr, given, nullptr};
     zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
     EXPECT_EQ(host_call_routine(&call), nullptr);
-    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
     host_release_temp(given);
-    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
-    host.call_procedure("SETOUT", {zok::Ref{"out"}});
-    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
+    host.call_procedure("TAKE", {zok::Ref{"out"}});
+    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5), zok::Value()}));
+    EXPECT_EQ(host.get_var("OUT").as_string(), "written");
     EXPECT_EQ(host.leftover_temps(), 1u);
     EXPECT_EQ(host.live_temps(), 0u);
 }
@@ -122,7 +98,8 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
 
     // A method added later is found, though a failed look-up was cached.
-    expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(puppy, "SIT"); });
+    expect_error(ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: PUPPY::SIT.",
+                 [&] { host.call_method(puppy, "SIT"); });
     host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
     EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
     const zok::Method sit = host.method("sit");
@@ -138,11 +115,13 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_EQ(host_lookup_name("NOSUCH", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
     EXPECT_EQ(host_lookup_name("DOG", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
     EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_EQ(host.live_temps(), 0u);
-    EXPECT_EQ(host.live_texts(), 0u);
+    EXPECT_EQ(std::pair(host.live_temps(), host.live_texts()), std::pair(size_t{0}, size_t{0}));
 }
 
-TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
+// INIT decides whether an object is made, CLEANUP runs on destroy; a reset
+// runs each loaded module's reset while the heap still holds what the session
+// made, held variables included, and then frees the heap.
+TEST(HostObjects, InitDecidesCleanupRunsOnDestroyAndAResetFreesTheHeapLast) {
     zok::Host host;
     int cleanups = 0;
     host.define_struct("WIDGET", {{"STATE", ZOK_T_LONG}, {"LABEL", ZOK_T_STRING}});
@@ -162,11 +141,9 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     });
 
     EXPECT_FALSE(host.new_object("WIDGET", {0}));
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(host.heap_count(), 0u);
-    expect_error(ZOK_MSG_TEXT, [&] { host.new_object("WIDGET", {2}); });
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(host.heap_count(), 0u);
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
+    expect_error(ZOK_MSG_TEXT, "INIT refuses 2", [&] { host.new_object("WIDGET", {2}); });
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
 
     zok::ObjectRef w = host.new_object("WIDGET", {1});
     ASSERT_TRUE(w);
@@ -174,7 +151,6 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(host.get_tag(w, "STATE").as_int(), 5);
     EXPECT_EQ(host.get_tag(w, "LABEL").as_string(), "");
     host.destroy(w);
-    EXPECT_EQ(cleanups, 2);
     EXPECT_FALSE(host.heap_alive(w.id));
     host.destroy(w);
     host.destroy(zok::ObjectRef{});
@@ -194,8 +170,13 @@ TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
     EXPECT_EQ(cleanups, 3);
     for (zok_var* t : {cls, one, made})
         host_release_temp(t);
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(host.live_temps(), 0u);
+    EXPECT_EQ(std::pair(host.heap_count(), host.live_temps()), std::pair(size_t{0}, size_t{0}));
+
+    static size_t heap_at_reset = 0;
+    host.load_module([] { return 1; }, [] { heap_at_reset += zok::Host::current().heap_count(); });
+    host_heap_var(host.new_object("WIDGET").id)->flags |= ZOK_HEAP_HELD;
+    host.reset_session();
+    EXPECT_EQ(std::pair(heap_at_reset, host.heap_count()), std::pair(size_t{1}, size_t{0}));
 }
 
 // ---- Keywords.
@@ -259,20 +240,6 @@ std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& a
     return host.call_function("KW", args, kw).as_string();
 }
 
-// A raise outside any routine names none; the return action records and goes
-// on, and so does the error action while errors return.
-TEST(HostMessages, RecordedActionsGoOn) {
-    zok::Host host;
-    expect_error(ZOK_MSG_TEXT, [&] { host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "top"); });
-    EXPECT_EQ(host.messages().back().routine, "");
-    host_message(ZOK_MSG_TEXT, ZOK_ACTION_RETURN, "note %s", "recorded");
-    EXPECT_EQ(host.messages().back().text, "note recorded");
-    host.set_errors_return(true);
-    host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
-    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
-    EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
-}
-
 // Absent keywords are zeroed, nulled or poisoned as their entry says; a name
 // matches by its unique prefix, an exact match winning; a text taken is held
 // until the keywords are freed.
@@ -293,28 +260,6 @@ TEST(HostKeywords, ProcessingFillsTheRecord) {
     EXPECT_EQ(host.live_texts(), 0u);
 }
 
-// ---- Modules and the session.
-
-// Each loaded module's reset runs while the heap still holds what the session
-// made, held variables included; then the heap is freed and registrations stay.
-TEST(HostModules, ResetRunsEachLoadedModulesResetAndKeepsRegistrations) {
-    zok::Host host;
-    static size_t heap_at_reset = 0;
-    host.load_module(
-        [] {
-            static const zok_routine_entry fn = {{return_one}, "PING", 0, 0, 0, nullptr};
-            return host_add_routines(&fn, 1, 1);
-        },
-        [] { heap_at_reset += zok::Host::current().heap_count(); });
-    host.define_struct("THING", {{"N", ZOK_T_LONG}});
-    host_heap_var(host.new_object("THING").id)->flags |= ZOK_HEAP_HELD;
-    host.reset_session();
-    EXPECT_EQ(heap_at_reset, 1u);
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(host.call_function("PING").as_int(), 1);
-    EXPECT_TRUE(host.new_object("THING"));
-}
-
 // ---- Structures.
 
 TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
@@ -325,9 +270,7 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
         "DERIVED",
         {{"OWN", ZOK_T_LONG}, {"FLAG", ZOK_T_BYTE}, {"TEXT", ZOK_T_STRING}, {"PTR", ZOK_T_POINTER}},
         "BASE");
-    EXPECT_EQ(parent->size, 16u);
     EXPECT_EQ(child->parent, parent);
-    EXPECT_EQ(host.find_struct("derived"), child);
     EXPECT_STREQ(child->name, "DERIVED");
     EXPECT_EQ(child->size, 48u);
     EXPECT_EQ(child->align, 8u);
@@ -349,14 +292,14 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
     EXPECT_EQ(offset(reused), 12);
     std::strcpy(reused, "FLAG");
     EXPECT_EQ(offset(reused), 16);
-    expect_error(ZOK_ERR_STRUCT, [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
+    expect_error(ZOK_ERR_STRUCT, "Tag name MISSING is undefined for structure DERIVED.",
+                 [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
     host_release_temp(t);
 
     // The prepared form lists the string tags.
     const auto* prepared = static_cast<const uint32_t*>(host_struct_prepare("DERIVED", 0, 0, 1, 2));
     ASSERT_NE(prepared, nullptr);
-    EXPECT_EQ(prepared[0], 1u);
-    EXPECT_EQ(prepared[1], 24u);
+    EXPECT_EQ(std::vector(prepared, prepared + 2), (std::vector<uint32_t>{1, 24}));
 }
 
 // ---- Every refusal, raised or recorded as a warning: its code and text, no
@@ -370,11 +313,8 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
     ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
     EXPECT_EQ(host_add_routines(procs, 0, 2), 1); // the same routines again are no clash
-    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
-    host.add_function("PART::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
-    process(host, {}); // defines KW
+    process(host, {});                            // defines KW
     zok::ObjectRef animal = host.new_object("ANIMAL");
-    zok_var* part_class = host_find_class("PART");
     zok_var number{};
     number.type = ZOK_T_LONG;
     const uint32_t dead = host_heap_var_new(ZOK_HEAP_POINTER, &number, ZOK_HEAP_NEW_COPY, 2)->id;
@@ -411,7 +351,9 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         process(c.host(), {{"messagestring", "a keyword text"}}, {"positional", 2});
         return zok::Value();
     });
+    host.add_function("JOB::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
     zok::ObjectRef job = host.new_object("JOB");
+    zok_var* job_class = host_find_class("JOB");
     struct Refusal {
         int32_t code;
         std::string text;
@@ -419,8 +361,6 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         std::string routine = ""; // that was running when it was raised
     };
     std::vector<Refusal> raised = {
-        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
-         procedure("TWOTHREE", {1}), "TWOTHREE"},
         {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 4.",
          procedure("TWOTHREE", {1, 2, 3, 4}), "TWOTHREE"},
         {ZOK_ERR_NO_KEYWORDS, "Keyword EXTRA not allowed in call to: TWOTHREE.",
@@ -447,7 +387,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_NO_MEMORY, "Unable to allocate memory: making a temporary variable.",
          [&] {
              host.fail_label("(temp)");
-             host_object_new(1, &part_class, nullptr);
+             host_object_new(1, &job_class, nullptr);
          }},
         // The text taken for a keyword before an ambiguous one goes back.
         {ZOK_ERR_AMBIGUOUS_KEYWORD, "Ambiguous keyword abbreviation: MESS in KW.",
@@ -501,8 +441,8 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
          {{return_one}, "ZOKX::", 0, 0, 0, nullptr}},
         {"MINMAX has minimum 2 above maximum 1.", {{return_one}, "MINMAX", 2, 1, 0, nullptr}},
         {"FLAGS has unknown flags 0x4.", {{return_one}, "FLAGS", 0, 0, 0x4, nullptr}},
-        {"ANIMAL::SPEAK clashes with a different routine of that name.",
-         {{return_one}, "ANIMAL::SPEAK", 1, 1, 0, nullptr}},
+        {"ANIMAL::DESCRIBE clashes with a different routine of that name.",
+         {{return_one}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr}},
         {"GOOD appears twice in the table.", good},
         {"NOENTRY has no entry point.", {{nullptr}, "NOENTRY", 0, 0, 0, nullptr}},
         {"EXTRA has a non-null reserved field.", {{return_one}, "EXTRA", 0, 0, 0, &good}},
@@ -558,13 +498,11 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
                               tags.push_back({nullptr, nullptr, 0, 0, {}});
                               EXPECT_EQ(host_make_struct(name, 16, tags.data(), 2), nullptr);
                           }});
-    // Every message a module may raise through the host, under either action,
-    // from the same arguments (a text message is its format).
+    // Every message a module may raise through the host by its code, under
+    // each action (a text message is its format; those that name a routine or
+    // a class are checked where the module raises them).
     const std::pair<int32_t, const char*> messages[] = {
         {ZOK_MSG_TEXT, "R"},
-        {ZOK_MSG_ARG_TYPE, "Argument of the wrong type in R."},
-        {ZOK_MSG_WRONG_CLASS, "Argument R must be an object of class C."},
-        {ZOK_MSG_NOT_OBJECT, "R: the argument is not an object reference."},
         {ZOK_ERR_NOT_STRING, "String expression required."},
         {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
         {ZOK_ERR_NOT_OBJECT, "Object reference required."},
@@ -577,12 +515,15 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_CONVERSION, "Value cannot be converted."},
         {-1234, "Message -1234 raised."},
     };
-    for (const auto& [code, text] : messages) {
-        raised.push_back({code, text, [code] { host_message(code, ZOK_ACTION_ERROR, "R", "C"); }});
-        warned.push_back({code, text, [code] { host_message(code, ZOK_ACTION_WARN, "R", "C"); }});
-    }
-    for (const auto& [action, refusals] :
-         {std::pair{ZOK_ACTION_ERROR, &raised}, std::pair{ZOK_ACTION_WARN, &warned}})
+    std::vector<Refusal> returned; // recorded, and the call goes on
+    const std::pair<int32_t, std::vector<Refusal>*> actions[] = {
+        {ZOK_ACTION_ERROR, &raised}, {ZOK_ACTION_WARN, &warned}, {ZOK_ACTION_RETURN, &returned}};
+    for (const auto& [code, text] : messages)
+        for (const auto& [action, refusals] : actions)
+            refusals->push_back({code, text, [code = code, action = action] {
+                                     host_message(code, action, "R", "C");
+                                 }});
+    for (const auto& [action, refusals] : actions)
         for (const Refusal& r : *refusals) {
             SCOPED_TRACE(r.text);
             host.clear_messages();
@@ -608,7 +549,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     const int runs = g_runs;
     host.reset_session(); // runs no reset of the module whose load failed
     EXPECT_EQ(g_runs, runs);
-    host_release_temp(part_class);
+    host_release_temp(job_class);
 }
 
 } // namespace
