@@ -120,7 +120,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
             host_heap_var_new(kind, temp, move ? ZOK_HEAP_NEW_MOVE : ZOK_HEAP_NEW_COPY, action);
         EXPECT_EQ(rec == nullptr, fails);
         EXPECT_EQ(host.read(*temp), move && rec ? Value() : v);
-        EXPECT_TRUE(temp->flags & ZOK_VF_TEMPORARY); // still the caller's to release
         host_release_temp(temp);
         if (rec) {
             EXPECT_EQ(rec->id, next_id) << "identifiers are handed out in order";
@@ -141,7 +140,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
     auto check_heap = [&] {
         std::vector<uint32_t> ids;
         for (const auto& [id, h] : heap) {
-            ASSERT_EQ(host_heap_var(id), h.rec) << "record moved";
             ASSERT_EQ(h.rec->id, id);
             ASSERT_EQ(host.heap_value(id), h.value);
             ASSERT_EQ(host.heap_kind(id), h.kind);
@@ -151,9 +149,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         ASSERT_EQ(host.heap_ids(), ids);
         ASSERT_NO_THROW(host.check_heap());
     };
-    zok_var not_made{};
-    not_made.flags = ZOK_VF_TEMPORARY;
-    refused([&] { host_release_temp(&not_made); });
     int local = 0;
     refused([&] { host_mem_free(&local); });
 
@@ -169,7 +164,9 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         switch (rng() % 4) {
         case 0:
             if ((make || temps.empty()) && failing()) {
-                expect_error(ZOK_ERR_NO_MEMORY, [&] { host_temp_long(1); });
+                expect_error(ZOK_ERR_NO_MEMORY,
+                             "Unable to allocate memory: making a temporary variable.",
+                             [&] { host_temp_long(1); });
             } else if (make || temps.empty()) {
                 const auto v = static_cast<int32_t>(rng());
                 zok_var* t = host_temp_long(v);
@@ -273,21 +270,11 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
                 host_heap_free(it->first, 0, 0);
                 heap_dead.push_back(it->first);
                 heap.erase(it);
-            } else if (rng() % 4 != 0) {
-                ASSERT_EQ(host_heap_var(heap_dead.empty() ? next_id
-                                                          : heap_dead[rng() % heap_dead.size()]),
-                          nullptr);
-                ASSERT_EQ(host_heap_var(next_id + rng() % 100000), nullptr);
-                // A deep copy of a heap value holds texts of its own; copying
-                // over it frees what it held first.
-                const HeapVar& h = any_heap()->second;
-                zok_var copy{};
-                host_var_copy(&h.rec->var, &copy, 0);
-                host_var_copy(&h.rec->var, &copy, 0);
-                ASSERT_EQ(host.read(copy), h.value);
-                ASSERT_EQ(host.live_texts(), live_texts() + visit(h.value, [](uint32_t) {}));
-                host_var_free_value(&copy);
-                ASSERT_EQ(copy.type, ZOK_T_UNDEFINED);
+            } else if (rng() % 4 != 0) { // a live identifier finds its record, any other nothing
+                const uint32_t id = heap_dead.empty() || rng() % 2
+                                        ? some_id()
+                                        : heap_dead[rng() % heap_dead.size()];
+                ASSERT_EQ(host_heap_var(id), heap.count(id) ? heap.at(id).rec : nullptr);
             } else if (rng() % 3 == 0) {
                 HeapVar& h = any_heap()->second;
                 h.rec->flags ^= ZOK_HEAP_HELD;
@@ -371,7 +358,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         EXPECT_EQ(host.frees(l), frees[l]) << l;
     EXPECT_EQ(host.frees("again"), 0u); // refused frees count nowhere
     EXPECT_EQ(host.memory_total(), (zok::MemStats{0, 0}));
-    EXPECT_TRUE(host.memory_by_label().empty());
     host_release_temp(root_temp);
     EXPECT_EQ(host.live_temps() + host.live_texts(), 0u);
 }
@@ -380,23 +366,21 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
 // being freed lands in the memory the first one used.
 TEST(HostMemory, RebuildReusesTheChunksOfFreedBlocks) {
     zok::Host host;
-    constexpr uintptr_t kChunk = 64 * 1024;
-    std::vector<void*> blocks;
-    std::set<uintptr_t> chunks;
-    for (int i = 0; i < 20000; ++i) {
-        blocks.push_back(host_mem_alloc_plain(48));
-        chunks.insert(reinterpret_cast<uintptr_t>(blocks.back()) & ~(kChunk - 1));
+    std::set<uintptr_t> chunks; // of 64 KiB
+    for (const size_t size : {48, 64}) {
+        const bool first = chunks.empty();
+        std::vector<void*> blocks(first ? 20000 : 12000);
+        for (void*& b : blocks) {
+            const uintptr_t chunk =
+                reinterpret_cast<uintptr_t>(b = host_mem_alloc_plain(size)) >> 16;
+            if (first)
+                chunks.insert(chunk);
+            else
+                ASSERT_TRUE(chunks.count(chunk)) << "a block in a chunk the first ones did not use";
+        }
+        for (void* b : blocks)
+            host_mem_free_labelled(b, "map_rb_free_tree");
     }
-    for (void* b : blocks)
-        host_mem_free_labelled(b, "map_rb_free_tree");
-    blocks.clear();
-    for (int i = 0; i < 12000; ++i) {
-        blocks.push_back(host_mem_alloc_plain(64));
-        ASSERT_TRUE(chunks.count(reinterpret_cast<uintptr_t>(blocks.back()) & ~(kChunk - 1)))
-            << "block " << i << " in a chunk the first blocks did not use";
-    }
-    for (void* b : blocks)
-        host_mem_free_labelled(b, "map_rb_free_tree");
 }
 
 // A write into a freed node is found: by the sanitizer at once, else when the
