@@ -40,144 +40,6 @@ void define_animals(zok::Host& host) {
     host.add_function("DOG::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("woof"); });
 }
 
-// OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
-void outer(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* text = host_temp_var();
-    text->type = ZOK_T_STRING;
-    host_string_store(&text->value.str, "held across the call");
-    host_temp_long(99);
-    zok_heap_record* job = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
-    host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
-    host_release_temp(text);
-}
-
-// A call block lists exactly the arguments the routine gets; a null entry is
-// an undefined argument, which the routine may still write.  An output
-// argument is written back; a temporary a statement leaves is released.
-TEST(HostCalls, ACallGetsExactlyItsArgumentsAndMayWriteThem) {
-    zok::Host host;
-    std::vector<zok::Value> seen;
-    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
-        for (int32_t i = 0; i < c.argc(); ++i)
-            seen.push_back(c.arg(i));
-        c.set(0, "written");
-        if (c.argc() == 1)
-            host_temp_var(); // left behind in a statement
-        return zok::Value();
-    });
-    zok_var* given = host.make_temp(5);
-    zok_var* args[] = {nullptr, given, nullptr};
-    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
-    EXPECT_EQ(host_call_routine(&call), nullptr);
-    host_release_temp(given);
-    host.call_procedure("TAKE", {zok::Ref{"out"}});
-    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5), zok::Value()}));
-    EXPECT_EQ(host.get_var("OUT").as_string(), "written");
-    EXPECT_EQ(host.leftover_temps(), 1u);
-    EXPECT_EQ(host.live_temps(), 0u);
-}
-
-TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
-    zok::Host host;
-    define_animals(host);
-    host.define_struct("PUPPY", {{"AGE", ZOK_T_LONG}}, "DOG");
-    host.add_function("PUPPY::SPEAK", 1, 1, [](zok::Call& c) {
-        std::string parent = c.host().call_method(c.self(), "DOG::SPEAK").as_string();
-        return zok::Value("yip/" + parent);
-    });
-    zok::ObjectRef animal = host.new_object("ANIMAL");
-    zok::ObjectRef dog = host.new_object("DOG");
-    zok::ObjectRef puppy = host.new_object("PUPPY");
-    EXPECT_EQ(host.call_method(animal, "DESCRIBE").as_string(), "...");
-    EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
-    EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
-    // Names in any case, on every path.
-    EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
-    EXPECT_TRUE(host.isa(puppy, "ANIMAL") && host.isa(puppy, "animal"));
-    EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
-
-    // A method added later is found, though a failed look-up was cached.
-    expect_error(ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: PUPPY::SIT.",
-                 [&] { host.call_method(puppy, "SIT"); });
-    host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
-    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
-    const zok::Method sit = host.method("sit");
-    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "sits");
-    // ... and an override added later wins over what was resolved before it.
-    host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
-    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
-    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "wags");
-
-    const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
-    EXPECT_NE(handle, nullptr);
-    EXPECT_EQ(host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_RETURN, 0), handle);
-    EXPECT_EQ(host_lookup_name("NOSUCH", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_EQ(host_lookup_name("DOG", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_EQ(std::pair(host.live_temps(), host.live_texts()), std::pair(size_t{0}, size_t{0}));
-}
-
-// INIT decides whether an object is made, CLEANUP runs on destroy; a reset
-// runs each loaded module's reset while the heap still holds what the session
-// made, held variables included, and then frees the heap.
-TEST(HostObjects, InitDecidesCleanupRunsOnDestroyAndAResetFreesTheHeapLast) {
-    zok::Host host;
-    int cleanups = 0;
-    host.define_struct("WIDGET", {{"STATE", ZOK_T_LONG}, {"LABEL", ZOK_T_STRING}});
-    host.define_struct("GADGET", {{"EXTRA", ZOK_T_LONG}}, "WIDGET");
-    host.add_function("WIDGET::INIT", 1, 2, [](zok::Call& c) {
-        int64_t verdict = c.argc() > 1 ? c.arg(1).as_int() : 1;
-        if (c.host().get_tag(c.self(), "STATE").as_int() != 0)
-            throw std::logic_error("instance not zeroed");
-        c.host().set_tag(c.self(), "STATE", 5);
-        if (verdict == 2)
-            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "INIT refuses %d", 2);
-        return zok::Value(static_cast<int32_t>(verdict));
-    });
-    host.add_procedure("WIDGET::CLEANUP", 1, 1, [&](zok::Call&) {
-        ++cleanups;
-        return zok::Value();
-    });
-
-    EXPECT_FALSE(host.new_object("WIDGET", {0}));
-    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
-    expect_error(ZOK_MSG_TEXT, "INIT refuses 2", [&] { host.new_object("WIDGET", {2}); });
-    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
-
-    zok::ObjectRef w = host.new_object("WIDGET", {1});
-    ASSERT_TRUE(w);
-    EXPECT_EQ(host.class_of(w), "WIDGET");
-    EXPECT_EQ(host.get_tag(w, "STATE").as_int(), 5);
-    EXPECT_EQ(host.get_tag(w, "LABEL").as_string(), "");
-    host.destroy(w);
-    EXPECT_FALSE(host.heap_alive(w.id));
-    host.destroy(w);
-    host.destroy(zok::ObjectRef{});
-    EXPECT_EQ(cleanups, 2);
-
-    // The same through the C operations a module uses.
-    zok_var* cls = host_find_class("gadget");
-    ASSERT_NE(cls, nullptr);
-    zok_var* one = host_temp_long(1);
-    zok_var* args[] = {cls, one};
-    zok_var* made = host_object_new(2, args, nullptr);
-    ASSERT_EQ(made->type, ZOK_T_OBJECT);
-    zok_heap_record* rec = host_object_heap_var(made->value.heap_id, ZOK_ACTION_ERROR);
-    EXPECT_TRUE(host_object_isa(rec->var.value.st.def, "WIDGET", 0, 0, ZOK_ACTION_ERROR));
-    EXPECT_EQ(host_find_class("NOCLASS"), nullptr);
-    host_object_destroy(1, &made, nullptr);
-    EXPECT_EQ(cleanups, 3);
-    for (zok_var* t : {cls, one, made})
-        host_release_temp(t);
-    EXPECT_EQ(std::pair(host.heap_count(), host.live_temps()), std::pair(size_t{0}, size_t{0}));
-
-    static size_t heap_at_reset = 0;
-    host.load_module([] { return 1; }, [] { heap_at_reset += zok::Host::current().heap_count(); });
-    host_heap_var(host.new_object("WIDGET").id)->flags |= ZOK_HEAP_HELD;
-    host.reset_session();
-    EXPECT_EQ(std::pair(heap_at_reset, host.heap_count()), std::pair(size_t{1}, size_t{0}));
-}
-
 // ---- Keywords.
 
 struct KwRecord {
@@ -236,11 +98,69 @@ std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& a
     return host.call_function("KW", args, kw).as_string();
 }
 
-// Absent keywords are zeroed, nulled or poisoned as their entry says; a name
-// matches by its unique prefix, an exact match winning; a text taken is held
-// until the keywords are freed.
-TEST(HostKeywords, ProcessingFillsTheRecord) {
+// A call block lists exactly the arguments the routine gets; a null entry is
+// an undefined argument, which the routine may still write.  An output
+// argument is written back; a temporary a statement leaves is released.  A
+// method resolves from the object's own class, a program subclass included.
+TEST(HostCalls, ArgumentsAndMethodsResolvedFromTheActualClassThroughAProgramSubclass) {
     zok::Host host;
+    std::vector<zok::Value> seen;
+    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
+        for (int32_t i = 0; i < c.argc(); ++i)
+            seen.push_back(c.arg(i));
+        c.set(0, 42);
+        if (c.argc() == 1)
+            host_temp_var(); // left behind in a statement
+        return zok::Value();
+    });
+    zok_var* given = host.make_temp(5);
+    zok_var* args[] = {nullptr, given, nullptr};
+    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
+    EXPECT_EQ(host_call_routine(&call), nullptr);
+    host_release_temp(given);
+    host.call_procedure("TAKE", {zok::Ref{"out"}});
+    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5), zok::Value()}));
+    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
+    EXPECT_EQ(host.leftover_temps(), 1u);
+    EXPECT_EQ(host.live_temps(), 0u);
+    define_animals(host);
+    host.define_struct("PUPPY", {{"AGE", ZOK_T_LONG}}, "DOG");
+    host.add_function("PUPPY::SPEAK", 1, 1, [](zok::Call& c) {
+        std::string parent = c.host().call_method(c.self(), "DOG::SPEAK").as_string();
+        return zok::Value("yip/" + parent);
+    });
+    zok::ObjectRef animal = host.new_object("ANIMAL");
+    zok::ObjectRef dog = host.new_object("DOG");
+    zok::ObjectRef puppy = host.new_object("PUPPY");
+    EXPECT_EQ(host.call_method(animal, "DESCRIBE").as_string(), "...");
+    EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
+    EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
+    // Names in any case, on every path.
+    EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
+    EXPECT_TRUE(host.isa(puppy, "ANIMAL") && host.isa(puppy, "animal"));
+    EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
+
+    // A method added later is found, though a failed look-up was cached.
+    expect_error(ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: PUPPY::SIT.",
+                 [&] { host.call_method(puppy, "SIT"); });
+    host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
+    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
+    const zok::Method sit = host.method("sit");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "sits");
+    // ... and an override added later wins over what was resolved before it.
+    host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
+    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "wags");
+
+    const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_EQ(host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_RETURN, 0), handle);
+    EXPECT_EQ(host_lookup_name("NOSUCH", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
+    EXPECT_EQ(host_lookup_name("DOG", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
+    EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
+    // Absent keywords are zeroed, nulled or poisoned as their entry says; a
+    // name matches by its unique prefix, an exact match winning; a text taken
+    // is held until the keywords are freed.
     host.set_var("R", 3.5);
     const std::pair<zok::Keywords, std::string> cases[] = {
         {{{"message", zok::ObjectRef{5}}},
@@ -250,15 +170,69 @@ TEST(HostKeywords, ProcessingFillsTheRecord) {
         {{{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}},
          "1 count 1:3 message 0:a5a5a5a5 text 0: response 1:R holds 0:0"},
     };
-    for (const auto& [kw, seen] : cases)
-        EXPECT_EQ(process(host, kw), seen);
-    EXPECT_EQ(host.live_texts(), 0u);
+    for (const auto& [kw, filled] : cases)
+        EXPECT_EQ(process(host, kw), filled);
+    EXPECT_EQ(std::pair(host.live_temps(), host.live_texts()), std::pair(size_t{0}, size_t{0}));
 }
 
-// ---- Structures.
-
-TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
+// INIT decides whether an object is made, CLEANUP runs on destroy; a reset
+// runs each loaded module's reset while the heap still holds what the session
+// made, held variables included, and then frees the heap.  A structure lays
+// its own tags out right after its parent's.
+TEST(HostObjects, LayoutInitCleanupAndAResetThatFreesTheHeapLast) {
     zok::Host host;
+    int cleanups = 0;
+    host.define_struct("WIDGET", {{"STATE", ZOK_T_LONG}, {"LABEL", ZOK_T_STRING}});
+    host.define_struct("GADGET", {{"EXTRA", ZOK_T_LONG}}, "WIDGET");
+    host.add_function("WIDGET::INIT", 1, 2, [](zok::Call& c) {
+        int64_t verdict = c.argc() > 1 ? c.arg(1).as_int() : 1;
+        if (c.host().get_tag(c.self(), "STATE").as_int() != 0)
+            throw std::logic_error("instance not zeroed");
+        c.host().set_tag(c.self(), "STATE", 5);
+        if (verdict == 2)
+            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "INIT refuses %d", 2);
+        return zok::Value(static_cast<int32_t>(verdict));
+    });
+    host.add_procedure("WIDGET::CLEANUP", 1, 1, [&](zok::Call&) {
+        ++cleanups;
+        return zok::Value();
+    });
+
+    EXPECT_FALSE(host.new_object("WIDGET", {0}));
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
+    expect_error(ZOK_MSG_TEXT, "INIT refuses 2", [&] { host.new_object("WIDGET", {2}); });
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
+
+    zok::ObjectRef w = host.new_object("WIDGET", {1});
+    EXPECT_EQ(host.class_of(w), "WIDGET");
+    EXPECT_EQ(host.get_tag(w, "STATE").as_int(), 5);
+    host.destroy(w);
+    EXPECT_FALSE(host.heap_alive(w.id));
+    host.destroy(w);
+    host.destroy(zok::ObjectRef{});
+    EXPECT_EQ(cleanups, 2);
+
+    // The same through the C operations a module uses.
+    zok_var* cls = host_find_class("gadget");
+    ASSERT_NE(cls, nullptr);
+    zok_var* one = host_temp_long(1);
+    zok_var* args[] = {cls, one};
+    zok_var* made = host_object_new(2, args, nullptr);
+    zok_heap_record* rec = host_object_heap_var(made->value.heap_id, ZOK_ACTION_ERROR);
+    EXPECT_TRUE(host_object_isa(rec->var.value.st.def, "WIDGET", 0, 0, ZOK_ACTION_ERROR));
+    EXPECT_EQ(host_find_class("NOCLASS"), nullptr);
+    host_object_destroy(1, &made, nullptr);
+    EXPECT_EQ(cleanups, 3);
+    for (zok_var* t : {cls, one, made})
+        host_release_temp(t);
+    EXPECT_EQ(std::pair(host.heap_count(), host.live_temps()), std::pair(size_t{0}, size_t{0}));
+
+    static size_t heap_at_reset = 0;
+    host.load_module([] { return 1; }, [] { heap_at_reset += zok::Host::current().heap_count(); });
+    host_heap_var(host.new_object("WIDGET").id)->flags |= ZOK_HEAP_HELD;
+    host.reset_session();
+    EXPECT_EQ(std::pair(heap_at_reset, host.heap_count()), std::pair(size_t{1}, size_t{0}));
+
     zok_struct_def* parent =
         host.define_struct("BASE", {{"TOP", ZOK_T_DOUBLE}, {"VERSION", ZOK_T_LONG}});
     zok_struct_def* child = host.define_struct(
@@ -335,8 +309,14 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     };
     // OUTER(job) fails inside KW, two calls down, while every frame holds
     // temporaries and KW holds a keyword text.
-    const zok_routine_entry unwinding[] = {{{.procedure = outer}, "OUTER", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(unwinding, 0, 1), 1);
+    host.add_procedure("OUTER", 1, 1, [](zok::Call& c) {
+        zok_var* text = c.host().make_temp("held across the call");
+        host_temp_long(99);
+        zok_heap_record* job = host_object_heap_var(c.arg(0).as_object().id, ZOK_ACTION_ERROR);
+        host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
+        host_release_temp(text);
+        return zok::Value();
+    });
     host.define_struct("JOB", {{"N", ZOK_T_LONG}});
     host.add_procedure("JOB::EXECUTE", 1, 1, [](zok::Call& c) {
         process(c.host(), {{"messagestring", "a keyword text"}}, {"positional", 2});
