@@ -148,8 +148,6 @@ TEST(HostAccounting, AgreesWithAModelOverRandomOperations) {
         ASSERT_EQ(host.heap_ids(), ids);
         ASSERT_NO_THROW(host.check_heap());
     };
-    int local = 0;
-    refused([&] { host_mem_free(&local); });
 
     for (int step = 0; step < 60000; ++step) {
         // Phases of growth and shrinking, so that whole pool chunks empty.

@@ -99,10 +99,8 @@ TEST(HostValues, EveryShapeComesBackUnchangedReadsAndConvertsAsTheProgramApiDoes
         };
         std::apply([&](auto... type) { (fits(type), ...); },
                    std::tuple<int8_t, uint8_t, int16_t, uint16_t, int32_t, uint32_t, uint64_t>());
-        EXPECT_EQ(wide.as<double>(), static_cast<double>(n));
         const uint64_t u = make.rng();
         EXPECT_EQ(accepts([&] { Value(u).as<int64_t>(); }), u <= uint64_t{INT64_MAX});
-        EXPECT_EQ(Value(u).as<uint64_t>(), u);
         const double d = make.floating();
         EXPECT_EQ(accepts([&] { Value(d).as<int64_t>(); }), std::abs(d) < 0x1p63) << d;
         EXPECT_EQ(accepts([&] { Value::number(ZOK_T_LONG, d); }), d >= -0x1p63 && d < 0x1p64);
