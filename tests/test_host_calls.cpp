@@ -20,20 +20,8 @@ zok_var* return_one(int32_t, zok_var**, zok_keywords*) {
     return host_temp_long(1);
 }
 
-zok_var* text_temp(const char* text) {
+void count_run(int32_t, zok_var**, zok_keywords*) {
     ++g_runs;
-    zok_var* t = host_temp_var();
-    t->type = ZOK_T_STRING;
-    host_string_store(&t->value.str, text);
-    return t;
-}
-
-zok_var* animal_speak(int32_t, zok_var**, zok_keywords*) {
-    return text_temp("...");
-}
-
-zok_var* dog_speak(int32_t, zok_var**, zok_keywords*) {
-    return text_temp("woof");
 }
 
 // Calls SPEAK by name, so the object's own class decides which runs.
@@ -46,173 +34,19 @@ zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
 void define_animals(zok::Host& host) {
     host.define_struct("ANIMAL", {{"LEGS", ZOK_T_LONG}});
     host.define_struct("DOG", {{"TAIL", ZOK_T_BYTE}}, "ANIMAL");
-    const zok_routine_entry fns[] = {{{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr},
-                                     {{animal_speak}, "ANIMAL::SPEAK", 1, 1, 0, nullptr},
-                                     {{dog_speak}, "DOG::SPEAK", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(fns, 1, 3), 1);
-}
-
-// SETOUT(out): writes 42 into its argument; leaks one temporary on purpose.
-void set_out(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* v = host_temp_long(42);
-    host_var_copy(v, argv[0], 0);
-    host_temp_var();
-    host_release_temp(v);
-}
-
-// OUTER(job): makes temporaries and a text, then runs the job's EXECUTE.
-void outer(int32_t, zok_var** argv, zok_keywords*) {
-    zok_var* text = host_temp_var();
-    text->type = ZOK_T_STRING;
-    host_string_store(&text->value.str, "held across the call");
-    host_temp_long(99);
-    zok_heap_record* job = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
-    host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
-    host_release_temp(text);
-}
-
-void count_run(int32_t, zok_var**, zok_keywords*) {
-    ++g_runs;
-}
-
-// A call block lists exactly the arguments the routine gets; a null entry is
-// an undefined argument, which the routine may still write.  An output
-// argument is written back; a temporary a statement leaves is released.
-TEST(HostCalls, ACallGetsExactlyItsArgumentsAndMayWriteThem) {
-    zok::Host host;
-    std::vector<zok::Value> seen;
-    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
-        for (int32_t i = 0; i < c.argc(); ++i)
-            seen.push_back(c.arg(i));
-        c.set(0, "written into an undefined argument");
-        return zok::Value();
-    });
-    zok_var* given = host.make_temp(5);
-    zok_var* args[] = {nullptr, given, nullptr};
-    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
-    EXPECT_EQ(host_call_routine(&call), nullptr);
-    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5)}));
-    host_release_temp(given);
-    const zok_routine_entry proc = {{.procedure = set_out}, "SETOUT", 1, 1, 0, nullptr};
-    ASSERT_EQ(host_add_routines(&proc, 0, 1), 1);
-    host.call_procedure("SETOUT", {zok::Ref{"out"}});
-    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
-    EXPECT_EQ(host.leftover_temps(), 1u);
-    EXPECT_EQ(host.live_temps(), 0u);
-}
-
-TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
-    zok::Host host;
-    define_animals(host);
-    host.define_struct("PUPPY", {{"AGE", ZOK_T_LONG}}, "DOG");
-    host.add_function("PUPPY::SPEAK", 1, 1, [](zok::Call& c) {
-        std::string parent = c.host().call_method(c.self(), "DOG::SPEAK").as_string();
-        return zok::Value("yip/" + parent);
-    });
-    zok::ObjectRef animal = host.new_object("ANIMAL");
-    zok::ObjectRef dog = host.new_object("DOG");
-    zok::ObjectRef puppy = host.new_object("PUPPY");
-    EXPECT_EQ(host.call_method(animal, "DESCRIBE").as_string(), "...");
-    EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
-    EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
-    EXPECT_EQ(host.call_method(puppy, "ANIMAL::SPEAK").as_string(), "...");
-    // Names in any case, on every path.
-    EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
-    EXPECT_TRUE(host.isa(puppy, "ANIMAL") && host.isa(puppy, "animal"));
-    EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
-    // Each letter in lower case, each at its own place in a long name.
-    host.add_function("ANIMAL::ABCDEFGHIJKLMNOPQRSTUVWXYZ", 1, 1,
-                      [](zok::Call&) { return zok::Value("abc"); });
-    for (char c = 'a'; c <= 'z'; ++c) {
-        std::string name = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
-        name[static_cast<size_t>(c - 'a')] = c;
-        EXPECT_EQ(host.call_method(puppy, name).as_string(), "abc") << name;
-    }
-
-    // A method added later is found, though a failed look-up was cached.
-    expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(puppy, "SIT"); });
-    host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
-    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
-    const zok::Method sit = host.method("sit");
-    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "sits");
-    // ... and an override added later wins over what was resolved before it.
-    host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
-    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
-    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "wags");
-
-    const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
-    EXPECT_NE(handle, nullptr);
-    EXPECT_EQ(host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_RETURN, 0), handle);
-    EXPECT_EQ(host_lookup_name("NOSUCH", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_EQ(host_lookup_name("DOG", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
-    EXPECT_EQ(host.live_temps(), 0u);
-    EXPECT_EQ(host.live_texts(), 0u);
-}
-
-TEST(HostObjects, InitDecidesAndCleanupRunsOnDestroy) {
-    zok::Host host;
-    int cleanups = 0;
-    host.define_struct("WIDGET", {{"STATE", ZOK_T_LONG}, {"LABEL", ZOK_T_STRING}});
-    host.define_struct("GADGET", {{"EXTRA", ZOK_T_LONG}}, "WIDGET");
-    host.add_function("WIDGET::INIT", 1, 2, [](zok::Call& c) {
-        int64_t verdict = c.argc() > 1 ? c.arg(1).as_int() : 1;
-        if (c.host().get_tag(c.self(), "STATE").as_int() != 0)
-            throw std::logic_error("instance not zeroed");
-        c.host().set_tag(c.self(), "STATE", 5);
-        if (verdict == 2)
-            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "INIT refuses %d", 2);
-        return zok::Value(static_cast<int32_t>(verdict));
-    });
-    host.add_procedure("WIDGET::CLEANUP", 1, 1, [&](zok::Call&) {
-        ++cleanups;
-        return zok::Value();
-    });
-
-    EXPECT_FALSE(host.new_object("WIDGET", {0}));
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(host.heap_count(), 0u);
-    expect_error(ZOK_MSG_TEXT, [&] { host.new_object("WIDGET", {2}); });
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(host.heap_count(), 0u);
-
-    zok::ObjectRef w = host.new_object("WIDGET", {1});
-    ASSERT_TRUE(w);
-    EXPECT_EQ(host.class_of(w), "WIDGET");
-    EXPECT_EQ(host.get_tag(w, "STATE").as_int(), 5);
-    EXPECT_EQ(host.get_tag(w, "LABEL").as_string(), "");
-    host.destroy(w);
-    EXPECT_EQ(cleanups, 2);
-    EXPECT_FALSE(host.heap_alive(w.id));
-    host.destroy(w);
-    host.destroy(zok::ObjectRef{});
-    EXPECT_EQ(cleanups, 2);
-
-    // The same through the C operations a module uses.
-    zok_var* cls = host_find_class("gadget");
-    ASSERT_NE(cls, nullptr);
-    zok_var* one = host_temp_long(1);
-    zok_var* args[] = {cls, one};
-    zok_var* made = host_object_new(2, args, nullptr);
-    ASSERT_EQ(made->type, ZOK_T_OBJECT);
-    zok_heap_record* rec = host_object_heap_var(made->value.heap_id, ZOK_ACTION_ERROR);
-    EXPECT_TRUE(host_object_isa(rec->var.value.st.def, "WIDGET", 0, 0, ZOK_ACTION_ERROR));
-    EXPECT_EQ(host_find_class("NOCLASS"), nullptr);
-    host_object_destroy(1, &made, nullptr);
-    EXPECT_EQ(cleanups, 3);
-    for (zok_var* t : {cls, one, made})
-        host_release_temp(t);
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(host.live_temps(), 0u);
+    const zok_routine_entry describe = {{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&describe, 1, 1), 1);
+    host.add_function("ANIMAL::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("..."); });
+    host.add_function("DOG::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("woof"); });
 }
 
 // ---- Keywords.
 
 struct KwRecord {
     uint64_t holds;
-    int32_t count_given, count, handler_given;
-    uint32_t handler;
-    int32_t message_given, message, text_given, pad;
+    int32_t count_given, count, message_given;
+    uint32_t message;
+    int32_t text_given, pad;
     zok_string text;
     int32_t response_given, pad2;
     zok_var* response;
@@ -222,8 +56,7 @@ struct KwRecord {
 const zok_keyword_entry kw_table[] = {
     {"", 0, 0, 0, 0, 0, 0, 0},
     {"COUNT", ZOK_T_LONG, 0, 1, ZOK_KW_ZERO_IF_ABSENT, 0, KW_SLOTS(count_given, count)},
-    {"HANDLER", ZOK_T_OBJECT, 0, 1, 0, 0, KW_SLOTS(handler_given, handler)},
-    {"MESSAGE", ZOK_T_LONG, 0, 1, 0, 0, KW_SLOTS(message_given, message)},
+    {"MESSAGE", ZOK_T_OBJECT, 0, 1, 0, 0, KW_SLOTS(message_given, message)},
     {"MESSAGESTRING", ZOK_T_STRING, 0, 1, 0, 0, KW_SLOTS(text_given, text)},
     {"RESPONSE", ZOK_T_UNDEFINED, 0, 1, ZOK_KW_BY_REFERENCE | ZOK_KW_NULL_IF_ABSENT, 0,
      KW_SLOTS(response_given, response)},
@@ -245,10 +78,8 @@ std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& a
                 char seen[256];
                 std::snprintf(
                     seen, sizeof seen,
-                    "%d count %d:%d handler %d:%x message %d:%x text %d:%.*s response %d:%s "
-                    "holds %d:%zu",
-                    count, r.count_given, r.count, r.handler_given, r.handler, r.message_given,
-                    static_cast<uint32_t>(r.message), r.text_given,
+                    "%d count %d:%d message %d:%x text %d:%.*s response %d:%s holds %d:%zu", count,
+                    r.count_given, r.count, r.message_given, r.message, r.text_given,
                     r.text_given ? static_cast<int>(r.text.length) : 0,
                     r.text_given ? r.text.text : "", r.response_given,
                     r.response == c.host().raw_var("R") ? "R"
@@ -267,76 +98,155 @@ std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& a
     return host.call_function("KW", args, kw).as_string();
 }
 
-// A raise outside any routine names none; the return action records and goes
-// on, and so does the error action while errors return.
-TEST(HostMessages, RecordedActionsGoOn) {
+// A call block lists exactly the arguments the routine gets; a null entry is
+// an undefined argument, which the routine may still write.  An output
+// argument is written back; a temporary a statement leaves is released.  A
+// method resolves from the object's own class, a program subclass included.
+TEST(HostCalls, ArgumentsAndMethodsResolvedFromTheActualClassThroughAProgramSubclass) {
     zok::Host host;
-    expect_error(ZOK_MSG_TEXT, [&] { host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "top"); });
-    EXPECT_EQ(host.messages().back().routine, "");
-    host_message(ZOK_MSG_TEXT, ZOK_ACTION_RETURN, "note %s", "recorded");
-    EXPECT_EQ(host.messages().back().text, "note recorded");
-    host.set_errors_return(true);
-    host_message(ZOK_MSG_WRONG_CLASS, ZOK_ACTION_ERROR, "message", "ZOKfwMessage");
-    EXPECT_EQ(host.messages().back().action, ZOK_ACTION_ERROR);
-    EXPECT_NE(host.messages().back().text.find("ZOKfwMessage"), std::string::npos);
-}
+    std::vector<zok::Value> seen;
+    host.add_procedure("TAKE", 1, 2, [&](zok::Call& c) {
+        for (int32_t i = 0; i < c.argc(); ++i)
+            seen.push_back(c.arg(i));
+        c.set(0, 42);
+        if (c.argc() == 1)
+            host_temp_var(); // left behind in a statement
+        return zok::Value();
+    });
+    zok_var* given = host.make_temp(5);
+    zok_var* args[] = {nullptr, given, nullptr};
+    zok_call_block call{0, {}, 2, host_lookup_name("TAKE", 0, 1, 2, 0), nullptr, args, nullptr};
+    EXPECT_EQ(host_call_routine(&call), nullptr);
+    host_release_temp(given);
+    host.call_procedure("TAKE", {zok::Ref{"out"}});
+    EXPECT_EQ(seen, (std::vector<zok::Value>{zok::Value(), zok::Value(5), zok::Value()}));
+    EXPECT_EQ(host.get_var("OUT").as_int(), 42);
+    EXPECT_EQ(host.leftover_temps(), 1u);
+    EXPECT_EQ(host.live_temps(), 0u);
+    define_animals(host);
+    host.define_struct("PUPPY", {{"AGE", ZOK_T_LONG}}, "DOG");
+    host.add_function("PUPPY::SPEAK", 1, 1, [](zok::Call& c) {
+        std::string parent = c.host().call_method(c.self(), "DOG::SPEAK").as_string();
+        return zok::Value("yip/" + parent);
+    });
+    zok::ObjectRef animal = host.new_object("ANIMAL");
+    zok::ObjectRef dog = host.new_object("DOG");
+    zok::ObjectRef puppy = host.new_object("PUPPY");
+    EXPECT_EQ(host.call_method(animal, "DESCRIBE").as_string(), "...");
+    EXPECT_EQ(host.call_method(dog, "DESCRIBE").as_string(), "woof");
+    EXPECT_EQ(host.call_method(puppy, "DESCRIBE").as_string(), "yip/woof");
+    // Names in any case, on every path.
+    EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
+    EXPECT_TRUE(host.isa(puppy, "ANIMAL") && host.isa(puppy, "animal"));
+    EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
+    // Each letter in lower case, each at its own place in a long name.
+    host.add_function("ANIMAL::ABCDEFGHIJKLMNOPQRSTUVWXYZ", 1, 1,
+                      [](zok::Call&) { return zok::Value("abc"); });
+    for (char c = 'a'; c <= 'z'; ++c) {
+        std::string name = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+        name[static_cast<size_t>(c - 'a')] = c;
+        EXPECT_EQ(host.call_method(puppy, name).as_string(), "abc") << name;
+    }
 
-// Absent keywords are zeroed, nulled or poisoned as their entry says; a name
-// matches by its unique prefix, an exact match winning; a text taken is held
-// until the keywords are freed.
-TEST(HostKeywords, ProcessingFillsTheRecord) {
-    zok::Host host;
+    // A method added later is found, though a failed look-up was cached.
+    expect_error(ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: PUPPY::SIT.",
+                 [&] { host.call_method(puppy, "SIT"); });
+    host.add_function("ANIMAL::SIT", 1, 1, [](zok::Call&) { return zok::Value("sits"); });
+    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "sits");
+    const zok::Method sit = host.method("sit");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "sits");
+    // ... and an override added later wins over what was resolved before it.
+    host.add_function("PUPPY::SIT", 1, 1, [](zok::Call&) { return zok::Value("wags"); });
+    EXPECT_EQ(host.call_method(puppy, "SIT").as_string(), "wags");
+    EXPECT_EQ(host.call_method(puppy, sit).as_string(), "wags");
+
+    const zok_name* handle = host_lookup_name("speak", 0, 1, ZOK_ACTION_RETURN, 0);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_EQ(host_lookup_name("SPEAK", 0, 1, ZOK_ACTION_RETURN, 0), handle);
+    EXPECT_EQ(host_lookup_name("NOSUCH", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
+    EXPECT_EQ(host_lookup_name("DOG", 0, 1, ZOK_ACTION_RETURN, 0), nullptr);
+    EXPECT_NE(host_lookup_name("DOG", 0, 0, ZOK_ACTION_RETURN, 0), nullptr);
+    // Absent keywords are zeroed, nulled or poisoned as their entry says; a
+    // name matches by its unique prefix, an exact match winning; a text taken
+    // is held until the keywords are freed.
     host.set_var("R", 3.5);
     const std::pair<zok::Keywords, std::string> cases[] = {
-        {{}, "1 count 0:0 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 0:null holds 0:0"},
-        {{{"message", 5}},
-         "1 count 0:0 handler 0:a5a5a5a5 message 1:5 text 0: response 0:null holds 0:0"},
-        {{{"MESSAGES", "hi"}, {"c", "12"}, {"H", zok::ObjectRef{7}}},
-         "1 count 1:12 handler 1:7 message 0:a5a5a5a5 text 1:hi response 0:null holds 1:1"},
+        {{{"message", zok::ObjectRef{5}}},
+         "1 count 0:0 message 1:5 text 0: response 0:null holds 0:0"},
+        {{{"MESSAGES", "hi"}, {"c", "12"}},
+         "1 count 1:12 message 0:a5a5a5a5 text 1:hi response 0:null holds 1:1"},
         {{{"RESP", zok::Ref{"R"}}, {"COUNT", 3.9}},
-         "1 count 1:3 handler 0:a5a5a5a5 message 0:a5a5a5a5 text 0: response 1:R holds 0:0"},
+         "1 count 1:3 message 0:a5a5a5a5 text 0: response 1:R holds 0:0"},
     };
-    for (const auto& [kw, seen] : cases)
-        EXPECT_EQ(process(host, kw), seen);
-    EXPECT_EQ(host.live_texts(), 0u);
+    for (const auto& [kw, filled] : cases)
+        EXPECT_EQ(process(host, kw), filled);
+    EXPECT_EQ(std::pair(host.live_temps(), host.live_texts()), std::pair(size_t{0}, size_t{0}));
 }
 
-// ---- Modules and the session.
-
-// Each loaded module's reset runs while the heap still holds what the session
-// made, held variables included; then the heap is freed and registrations stay.
-TEST(HostModules, ResetRunsEachLoadedModulesResetAndKeepsRegistrations) {
+// INIT decides whether an object is made, CLEANUP runs on destroy; a reset
+// runs each loaded module's reset while the heap still holds what the session
+// made, held variables included, and then frees the heap.  A structure lays
+// its own tags out right after its parent's.
+TEST(HostObjects, LayoutInitCleanupAndAResetThatFreesTheHeapLast) {
     zok::Host host;
+    int cleanups = 0;
+    host.define_struct("WIDGET", {{"STATE", ZOK_T_LONG}, {"LABEL", ZOK_T_STRING}});
+    host.define_struct("GADGET", {{"EXTRA", ZOK_T_LONG}}, "WIDGET");
+    host.add_function("WIDGET::INIT", 1, 2, [](zok::Call& c) {
+        int64_t verdict = c.argc() > 1 ? c.arg(1).as_int() : 1;
+        if (c.host().get_tag(c.self(), "STATE").as_int() != 0)
+            throw std::logic_error("instance not zeroed");
+        c.host().set_tag(c.self(), "STATE", 5);
+        if (verdict == 2)
+            host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "INIT refuses %d", 2);
+        return zok::Value(static_cast<int32_t>(verdict));
+    });
+    host.add_procedure("WIDGET::CLEANUP", 1, 1, [&](zok::Call&) {
+        ++cleanups;
+        return zok::Value();
+    });
+
+    EXPECT_FALSE(host.new_object("WIDGET", {0}));
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
+    expect_error(ZOK_MSG_TEXT, "INIT refuses 2", [&] { host.new_object("WIDGET", {2}); });
+    EXPECT_EQ(std::pair(cleanups, host.heap_count()), std::pair(1, size_t{0}));
+
+    zok::ObjectRef w = host.new_object("WIDGET", {1});
+    EXPECT_EQ(host.get_tag(w, "STATE").as_int(), 5);
+    host.destroy(w);
+    EXPECT_FALSE(host.heap_alive(w.id));
+    host.destroy(w);
+    host.destroy(zok::ObjectRef{});
+    EXPECT_EQ(cleanups, 2);
+
+    // The same through the C operations a module uses.
+    zok_var* cls = host_find_class("gadget");
+    ASSERT_NE(cls, nullptr);
+    zok_var* one = host_temp_long(1);
+    zok_var* args[] = {cls, one};
+    zok_var* made = host_object_new(2, args, nullptr);
+    zok_heap_record* rec = host_object_heap_var(made->value.heap_id, ZOK_ACTION_ERROR);
+    EXPECT_TRUE(host_object_isa(rec->var.value.st.def, "WIDGET", 0, 0, ZOK_ACTION_ERROR));
+    EXPECT_EQ(host_find_class("NOCLASS"), nullptr);
+    host_object_destroy(1, &made, nullptr);
+    EXPECT_EQ(cleanups, 3);
+    for (zok_var* t : {cls, one, made})
+        host_release_temp(t);
+    EXPECT_EQ(std::pair(host.heap_count(), host.live_temps()), std::pair(size_t{0}, size_t{0}));
+
     static size_t heap_at_reset = 0;
-    host.load_module(
-        [] {
-            static const zok_routine_entry fn = {{return_one}, "PING", 0, 0, 0, nullptr};
-            return host_add_routines(&fn, 1, 1);
-        },
-        [] { heap_at_reset += zok::Host::current().heap_count(); });
-    host.define_struct("THING", {{"N", ZOK_T_LONG}});
-    host_heap_var(host.new_object("THING").id)->flags |= ZOK_HEAP_HELD;
+    host.load_module([] { return 1; }, [] { heap_at_reset += zok::Host::current().heap_count(); });
+    host_heap_var(host.new_object("WIDGET").id)->flags |= ZOK_HEAP_HELD;
     host.reset_session();
-    EXPECT_EQ(heap_at_reset, 1u);
-    EXPECT_EQ(host.heap_count(), 0u);
-    EXPECT_EQ(host.call_function("PING").as_int(), 1);
-    EXPECT_TRUE(host.new_object("THING"));
-}
+    EXPECT_EQ(std::pair(heap_at_reset, host.heap_count()), std::pair(size_t{1}, size_t{0}));
 
-// ---- Structures.
-
-TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
-    zok::Host host;
     zok_struct_def* parent =
         host.define_struct("BASE", {{"TOP", ZOK_T_DOUBLE}, {"VERSION", ZOK_T_LONG}});
     zok_struct_def* child = host.define_struct(
         "DERIVED",
         {{"OWN", ZOK_T_LONG}, {"FLAG", ZOK_T_BYTE}, {"TEXT", ZOK_T_STRING}, {"PTR", ZOK_T_POINTER}},
         "BASE");
-    EXPECT_EQ(parent->size, 16u);
     EXPECT_EQ(child->parent, parent);
-    EXPECT_EQ(host.find_struct("derived"), child);
-    EXPECT_STREQ(child->name, "DERIVED");
     EXPECT_EQ(child->size, 48u);
     EXPECT_EQ(child->align, 8u);
     zok_var* t = host_temp_struct(child);
@@ -357,14 +267,14 @@ TEST(HostStructs, FlatInheritedLayoutAndTagLookUp) {
     EXPECT_EQ(offset(reused), 12);
     std::strcpy(reused, "FLAG");
     EXPECT_EQ(offset(reused), 16);
-    expect_error(ZOK_ERR_STRUCT, [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
+    expect_error(ZOK_ERR_STRUCT, "Tag name MISSING is undefined for structure DERIVED.",
+                 [&] { host_struct_tag_data(t, "MISSING", 0, 0, 0); });
     host_release_temp(t);
 
     // The prepared form lists the string tags.
     const auto* prepared = static_cast<const uint32_t*>(host_struct_prepare("DERIVED", 0, 0, 1, 2));
     ASSERT_NE(prepared, nullptr);
-    EXPECT_EQ(prepared[0], 1u);
-    EXPECT_EQ(prepared[1], 24u);
+    EXPECT_EQ(std::vector(prepared, prepared + 2), (std::vector<uint32_t>{1, 24}));
 }
 
 // ---- Every refusal, raised or recorded as a warning: its code and text, no
@@ -378,23 +288,19 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
     ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
     EXPECT_EQ(host_add_routines(procs, 0, 2), 1); // the same routines again are no clash
-    host.define_struct("PART", {{"STATE", ZOK_T_LONG}});
-    host.add_function("PART::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
-    process(host, {}); // defines KW
+    process(host, {});                            // defines KW
     zok::ObjectRef animal = host.new_object("ANIMAL");
-    zok_var* part_class = host_find_class("PART");
     zok_var number{};
     number.type = ZOK_T_LONG;
     const uint32_t dead = host_heap_var_new(ZOK_HEAP_POINTER, &number, ZOK_HEAP_NEW_COPY, 2)->id;
     host_heap_free(dead, 0, 0);
     // A call block for `name` listing `argc` arguments, then `after`.
-    auto call_block = [&](const char* name, uint8_t is_function, int32_t argc, uint8_t pad,
-                          zok_var* after) {
+    auto call_block = [&](const char* name, uint8_t is_function, int32_t argc, zok_var* after) {
         return [=, &number] {
             std::vector<zok_var*> args(static_cast<size_t>(argc), &number);
             args.push_back(after);
             zok_call_block call{
-                is_function, {0, pad},    argc,   host_lookup_name(name, 0, 1, 2, 0),
+                is_function, {},          argc,   host_lookup_name(name, 0, 1, 2, 0),
                 nullptr,     args.data(), nullptr};
             host_call_routine(&call);
         };
@@ -405,21 +311,26 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     };
     // What no observation shows: routines run, structures and routines defined.
     auto registrations = [&] {
-        std::vector<std::string> names;
-        for (const zok::RoutineInfo& r : host.routines())
-            names.push_back(r.name);
-        return std::tuple(g_runs, host.struct_names(), names);
+        return std::tuple(g_runs, host.struct_names(), host.routines().size());
     };
     // OUTER(job) fails inside KW, two calls down, while every frame holds
     // temporaries and KW holds a keyword text.
-    const zok_routine_entry unwinding[] = {{{.procedure = outer}, "OUTER", 1, 1, 0, nullptr}};
-    ASSERT_EQ(host_add_routines(unwinding, 0, 1), 1);
+    host.add_procedure("OUTER", 1, 1, [](zok::Call& c) {
+        zok_var* text = c.host().make_temp("held across the call");
+        host_temp_long(99);
+        zok_heap_record* job = host_object_heap_var(c.arg(0).as_object().id, ZOK_ACTION_ERROR);
+        host_call_method(2, host_lookup_name("EXECUTE", 0, 1, 2, 0), job, 0, 0, nullptr, 0, 0, 0);
+        host_release_temp(text);
+        return zok::Value();
+    });
     host.define_struct("JOB", {{"N", ZOK_T_LONG}});
     host.add_procedure("JOB::EXECUTE", 1, 1, [](zok::Call& c) {
         process(c.host(), {{"messagestring", "a keyword text"}}, {"positional", 2});
         return zok::Value();
     });
+    host.add_function("JOB::INIT", 1, 1, [](zok::Call&) { return zok::Value(++g_runs); });
     zok::ObjectRef job = host.new_object("JOB");
+    zok_var* job_class = host_find_class("JOB");
     struct Refusal {
         int32_t code;
         std::string text;
@@ -427,24 +338,20 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         std::string routine = ""; // that was running when it was raised
     };
     std::vector<Refusal> raised = {
-        {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
-         procedure("TWOTHREE", {1}), "TWOTHREE"},
         {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 4.",
          procedure("TWOTHREE", {1, 2, 3, 4}), "TWOTHREE"},
         {ZOK_ERR_NO_KEYWORDS, "Keyword EXTRA not allowed in call to: TWOTHREE.",
          procedure("TWOTHREE", {1, 2}, {{"EXTRA", 1}}), "TWOTHREE"},
         {ZOK_ERR_ARG_COUNT, "Incorrect number of arguments: TWOTHREE takes 2 to 3, got 1.",
-         call_block("TWOTHREE", 0, 1, 0, nullptr), "TWOTHREE"},
-        {ZOK_ERR_BAD_ARGUMENT, "host_call_routine: bad call block.",
-         call_block("TWOTHREE", 0, 2, 1, nullptr)},
+         call_block("TWOTHREE", 0, 1, nullptr), "TWOTHREE"},
         // The list is not closed after argc entries.
         {ZOK_ERR_BAD_ARGUMENT, "host_call_routine: bad call block.",
-         call_block("TWOTHREE", 0, 2, 0, &number)},
+         call_block("TWOTHREE", 0, 2, &number)},
         // A procedure is no function, by name or by handle.
         {ZOK_ERR_UNKNOWN_ROUTINE, "Attempt to call undefined function: TAKESKW.",
          [&] { host.call_function("TAKESKW"); }},
         {ZOK_ERR_UNKNOWN_ROUTINE, "Attempt to call undefined function: TAKESKW.",
-         call_block("TAKESKW", 1, 0, 0, nullptr)},
+         call_block("TAKESKW", 1, 0, nullptr)},
         // A qualified call starts at a class of the object's own chain, never elsewhere.
         {ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: ANIMAL::SPEAK.",
          [&] { host.call_method(animal, "DOG::SPEAK"); }},
@@ -455,7 +362,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_NO_MEMORY, "Unable to allocate memory: making a temporary variable.",
          [&] {
              host.fail_label("(temp)");
-             host_object_new(1, &part_class, nullptr);
+             host_object_new(1, &job_class, nullptr);
          }},
         // The text taken for a keyword before an ambiguous one goes back.
         {ZOK_ERR_AMBIGUOUS_KEYWORD, "Ambiguous keyword abbreviation: MESS in KW.",
@@ -464,8 +371,8 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
          keywords({{"NOSUCH", 1}}), "KW"},
         {ZOK_ERR_CONVERSION, "Keyword COUNT must be a scalar LONG, got STRING (temporary) in KW.",
          keywords({{"COUNT", "abc"}}), "KW"},
-        {ZOK_ERR_CONVERSION, "Keyword HANDLER must be a scalar OBJREF, got LONG (temporary) in KW.",
-         keywords({{"HANDLER", 5}}), "KW"},
+        {ZOK_ERR_CONVERSION, "Keyword MESSAGE must be a scalar OBJREF, got LONG (temporary) in KW.",
+         keywords({{"MESSAGE", 5}}), "KW"},
         {ZOK_ERR_CONVERSION,
          "Keyword COUNT must be a scalar LONG, got LONG array[2] (temporary) in KW.",
          keywords({{"COUNT", std::vector<int32_t>{1, 2}}}), "KW"},
@@ -505,12 +412,10 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     const std::pair<const char*, zok_routine_entry> bad_entries[] = {
         {"routine name lower is not an upper-case routine or CLASS::METHOD name.",
          {{return_one}, "lower", 0, 0, 0, nullptr}},
-        {"routine name ZOKX:: is not an upper-case routine or CLASS::METHOD name.",
-         {{return_one}, "ZOKX::", 0, 0, 0, nullptr}},
         {"MINMAX has minimum 2 above maximum 1.", {{return_one}, "MINMAX", 2, 1, 0, nullptr}},
         {"FLAGS has unknown flags 0x4.", {{return_one}, "FLAGS", 0, 0, 0x4, nullptr}},
-        {"ANIMAL::SPEAK clashes with a different routine of that name.",
-         {{return_one}, "ANIMAL::SPEAK", 1, 1, 0, nullptr}},
+        {"ANIMAL::DESCRIBE clashes with a different routine of that name.",
+         {{return_one}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr}},
         {"GOOD appears twice in the table.", good},
         {"NOENTRY has no entry point.", {{nullptr}, "NOENTRY", 0, 0, 0, nullptr}},
         {"EXTRA has a non-null reserved field.", {{return_one}, "EXTRA", 0, 0, 0, &good}},
@@ -545,8 +450,6 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_BAD_ARGUMENT,
          "host_make_struct: reserved arguments must be 16 and 2, not 8 and 2.",
          [&] { EXPECT_EQ(host_make_struct("S", 8, &a, 2), nullptr); }},
-        {ZOK_ERR_BAD_ARGUMENT, "Message block  refused: it needs a name and at least one message.",
-         [&] { EXPECT_EQ(host_define_message_block("", 1, nameless), nullptr); }},
         {ZOK_ERR_BAD_ARGUMENT, "Message block B refused: it needs a name and at least one message.",
          [&] { EXPECT_EQ(host_define_message_block("B", 0, nameless), nullptr); }},
         {ZOK_ERR_BAD_ARGUMENT, "Message block B refused: message 0 has no name or text.",
@@ -566,13 +469,11 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
                               tags.push_back({nullptr, nullptr, 0, 0, {}});
                               EXPECT_EQ(host_make_struct(name, 16, tags.data(), 2), nullptr);
                           }});
-    // Every message a module may raise through the host, under either action,
-    // from the same arguments (a text message is its format).
+    // Every message a module may raise through the host by its code, under
+    // each action (a text message is its format; those that name a routine or
+    // a class are checked where the module raises them).
     const std::pair<int32_t, const char*> messages[] = {
         {ZOK_MSG_TEXT, "R"},
-        {ZOK_MSG_ARG_TYPE, "Argument of the wrong type in R."},
-        {ZOK_MSG_WRONG_CLASS, "Argument R must be an object of class C."},
-        {ZOK_MSG_NOT_OBJECT, "R: the argument is not an object reference."},
         {ZOK_ERR_NOT_STRING, "String expression required."},
         {ZOK_ERR_NOT_POINTER, "Pointer expression required."},
         {ZOK_ERR_NOT_OBJECT, "Object reference required."},
@@ -585,12 +486,15 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_CONVERSION, "Value cannot be converted."},
         {-1234, "Message -1234 raised."},
     };
-    for (const auto& [code, text] : messages) {
-        raised.push_back({code, text, [code] { host_message(code, ZOK_ACTION_ERROR, "R", "C"); }});
-        warned.push_back({code, text, [code] { host_message(code, ZOK_ACTION_WARN, "R", "C"); }});
-    }
-    for (const auto& [action, refusals] :
-         {std::pair{ZOK_ACTION_ERROR, &raised}, std::pair{ZOK_ACTION_WARN, &warned}})
+    std::vector<Refusal> returned; // recorded, and the call goes on
+    const std::pair<int32_t, std::vector<Refusal>*> actions[] = {
+        {ZOK_ACTION_ERROR, &raised}, {ZOK_ACTION_WARN, &warned}, {ZOK_ACTION_RETURN, &returned}};
+    for (const auto& [code, text] : messages)
+        for (const auto& [action, refusals] : actions)
+            refusals->push_back({code, text, [code = code, action = action] {
+                                     host_message(code, action, "R", "C");
+                                 }});
+    for (const auto& [action, refusals] : actions)
         for (const Refusal& r : *refusals) {
             SCOPED_TRACE(r.text);
             host.clear_messages();
@@ -616,7 +520,7 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     const int runs = g_runs;
     host.reset_session(); // runs no reset of the module whose load failed
     EXPECT_EQ(g_runs, runs);
-    host_release_temp(part_class);
+    host_release_temp(job_class);
 }
 
 } // namespace
