@@ -24,6 +24,10 @@ void count_run(int32_t, zok_var**, zok_keywords*) {
     ++g_runs;
 }
 
+zok_var* no_result(int32_t, zok_var**, zok_keywords*) {
+    return nullptr;
+}
+
 // Calls SPEAK by name, so the object's own class decides which runs.
 zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
     zok_heap_record* self = host_object_heap_var(argv[0]->value.heap_id, ZOK_ACTION_ERROR);
@@ -64,7 +68,8 @@ const zok_keyword_entry kw_table[] = {
 };
 
 // Runs keyword processing the way a module's INIT does and returns what it
-// filled in, as text; with two arguments, the routine then fails.
+// filled in, as text; with two arguments, the routine then fails, and with
+// none it returns still holding the keyword texts.
 std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& args = {1}) {
     if (!host.has_routine("KW"))
         host.add_function(
@@ -90,7 +95,7 @@ std::string process(zok::Host& host, const zok::Keywords& kw, const zok::Args& a
                     host_temp_long(7);
                     host_message(ZOK_MSG_TEXT, ZOK_ACTION_ERROR, "failed at %d in %s", 42, "KW");
                 }
-                if (r.holds)
+                if (r.holds && c.argc() != 0)
                     host_keywords_free();
                 return zok::Value(seen);
             },
@@ -287,6 +292,8 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {{.procedure = count_run}, "TWOTHREE", 2, 3, 0, nullptr},
         {{.procedure = count_run}, "TAKESKW", 0, 0, ZOK_RT_KEYWORDS, nullptr}};
     ASSERT_EQ(host_add_routines(procs, 0, 2), 1);
+    const zok_routine_entry no_result_fn = {{no_result}, "NORESULT", 0, 0, 0, nullptr};
+    ASSERT_EQ(host_add_routines(&no_result_fn, 1, 1), 1);
     EXPECT_EQ(host_add_routines(procs, 0, 2), 1); // the same routines again are no clash
     process(host, {});                            // defines KW
     zok::ObjectRef animal = host.new_object("ANIMAL");
@@ -306,6 +313,16 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         };
     };
     auto keywords = [&](const zok::Keywords& kw) { return [&host, kw] { process(host, kw); }; };
+    // Keyword processing with KW's table but these entries, or from the table's second entry.
+    auto keyword_table = [](std::vector<zok_keyword_entry> entries) {
+        return [entries]() mutable {
+            entries.insert(entries.begin(), kw_table[0]);
+            entries.push_back(std::end(kw_table)[-1]);
+            KwRecord r{};
+            const zok_keyword_entry* table = entries.size() == 2 ? kw_table + 1 : entries.data();
+            host_keywords_process(0, nullptr, nullptr, table, nullptr, 1, &r);
+        };
+    };
     auto procedure = [&](const char* name, const zok::Args& args, const zok::Keywords& kw = {}) {
         return [&host, name, args, kw] { host.call_procedure(name, args, kw); };
     };
@@ -358,6 +375,12 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_UNKNOWN_METHOD, "Attempt to call undefined method: ANIMAL::SPEAK.",
          [&] { host.call_method(animal, host.method("dog::speak")); }},
         {ZOK_ERR_UNKNOWN_CLASS, "Class NOSUCH is not defined.", [&] { host.new_object("NOSUCH"); }},
+        {ZOK_ERR_ARG_COUNT, "Class ANIMAL has no INIT to take arguments.",
+         [&] {
+             host.new_object("ANIMAL", {}, {{"LEGS", 4}});
+         }},
+        {ZOK_ERR_BAD_ARGUMENT, "Function NORESULT returned no variable.",
+         [&] { host.call_function("NORESULT"); }, "NORESULT"},
         // A creation whose result cannot be made makes nothing and runs no INIT.
         {ZOK_ERR_NO_MEMORY, "Unable to allocate memory: making a temporary variable.",
          [&] {
@@ -376,6 +399,17 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
         {ZOK_ERR_CONVERSION,
          "Keyword COUNT must be a scalar LONG, got LONG array[2] (temporary) in KW.",
          keywords({{"COUNT", std::vector<int32_t>{1, 2}}}), "KW"},
+        {ZOK_ERR_BAD_ARGUMENT,
+         "host_keywords_process: the keyword table must open with an empty keyword.",
+         keyword_table({})},
+        {ZOK_ERR_BAD_ARGUMENT,
+         "host_keywords_process: keywords are not in ascending order at COUNT.",
+         keyword_table({kw_table[2], kw_table[1]})},
+        {ZOK_ERR_BAD_ARGUMENT,
+         "host_keywords_process: keyword COUNT has a slot inside the record's leading word.",
+         keyword_table({{"COUNT", ZOK_T_LONG, 0, 1, 0, 0, 4, 8}})},
+        {ZOK_ERR_BAD_ARGUMENT, "host_keywords_process: keyword COUNT has a type it cannot take.",
+         keyword_table({{"COUNT", ZOK_T_STRUCT, 0, 1, 0, 0, KW_SLOTS(count_given, count)}})},
         {ZOK_ERR_BAD_ARGUMENT, "host_heap_var_new: kind 5 is neither pointer nor object.",
          [&] { host_heap_var_new(5, &number, ZOK_HEAP_NEW_COPY, 2); }},
         {ZOK_ERR_BAD_ARGUMENT, "host_heap_var_new: mode 7 is neither copy nor move.",
@@ -442,6 +476,11 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
     EXPECT_EQ(host_make_struct("ONE", 16, one, 2), defined); // the same layout again is no clash
     const zok_message_def nameless[] = {{nullptr, "text"}};
     std::vector<Refusal> warned = {
+        {ZOK_ERR_BAD_FREE, "Keyword texts were not freed by KW; the host freed them.",
+         [&] {
+             process(host, {{"MESSAGESTRING", "kept"}}, {});
+         },
+         "KW"},
         {ZOK_ERR_INVALID_OBJECT,
          "Invalid object reference: no live heap variable has identifier 2.",
          [&] { EXPECT_EQ(host_object_heap_var(dead, 1), nullptr); }},
