@@ -38,7 +38,7 @@ zok_var* animal_describe(int32_t, zok_var** argv, zok_keywords*) {
 void define_animals(zok::Host& host) {
     host.define_struct("ANIMAL", {{"LEGS", ZOK_T_LONG}});
     host.define_struct("DOG", {{"TAIL", ZOK_T_BYTE}}, "ANIMAL");
-    const zok_routine_entry describe = {{animal_describe}, "ANIMAL::DESCRIBE", 1, 1, 0, nullptr};
+    const zok_routine_entry describe = {{animal_describe}, "ANIMAL::DESCRIBE", 1, 2, 0, nullptr};
     ASSERT_EQ(host_add_routines(&describe, 1, 1), 1);
     host.add_function("ANIMAL::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("..."); });
     host.add_function("DOG::SPEAK", 1, 1, [](zok::Call&) { return zok::Value("woof"); });
@@ -379,6 +379,13 @@ TEST(HostRefusals, EachCarriesItsCodeAndTextAndChangesNothing) {
          [&] {
              host.new_object("ANIMAL", {}, {{"LEGS", 4}});
          }},
+        {ZOK_ERR_BAD_ARGUMENT, "Argument 1 of ANIMAL::DESCRIBE is null.",
+         [&] {
+             zok_var* null_arg = nullptr;
+             host_call_method(2, host_lookup_name("DESCRIBE", 0, 1, 2, 0),
+                              host_object_heap_var(animal.id, 2), 0, 1, &null_arg, 0, 0, 0);
+         },
+         "ANIMAL::DESCRIBE"},
         {ZOK_ERR_BAD_ARGUMENT, "Function NORESULT returned no variable.",
          [&] { host.call_function("NORESULT"); }, "NORESULT"},
         // A creation whose result cannot be made makes nothing and runs no INIT.
