@@ -265,10 +265,11 @@ TEST_F(Trees, DumpsFollowTheirFormats) {
     rbh.free();
 }
 
-// Each misuse raises its text and, when the error returns, goes on as documented.  An
-// empty map is its own first and last entry; null maps and entries are harmless, whichever
-// routine meets them.
-TEST_F(Trees, MisuseAndNullMapsAreHarmless) {
+// Each misuse raises its text and, when the error returns, goes on as documented.  The
+// checker is only worth its runs if it sees damage: each fault is made, found and undone
+// on the same sound trees.  An empty map is its own first and last entry; null maps and
+// entries are harmless, whichever routine meets them.
+TEST_F(Trees, MisuseDamageAndNullMapsAreReported) {
     auto tree = tree_of<Rb>({1, 2, 3, 4});
     auto rbh = tree_of<Rbh>({1, 2, 3, 4});
     const std::string before = tree.outline();
@@ -315,6 +316,34 @@ TEST_F(Trees, MisuseAndNullMapsAreHarmless) {
     EXPECT_EQ(tree.outline(), before);
     EXPECT_EQ(rbh.check(), "");
     EXPECT_EQ(rbh.outline(), before);
+    auto damaged = [&](const char* what, auto&& field, auto bad) {
+        auto good = field;
+        field = bad;
+        EXPECT_NE(tree.check(), "") << what << " went unnoticed";
+        field = good;
+    };
+    damaged("a red leaf", leaf->status, leaf->status | 1u);
+    damaged("a lost root flag", inner->status, inner->status & ~8u);
+    damaged("a flipped side flag", leaf->status, leaf->status ^ 4u);
+    damaged("a stray flag", leaf->status, leaf->status | 64u);
+    damaged("a wrong parent", leaf->parent, head);
+    damaged("a wrong routing word", inner->key, reinterpret_cast<RbWord>(head->right));
+    damaged("a skipped ring link", leaf->left, leaf->left->left);
+    damaged("a broken back link", leaf->right, leaf->left);
+    damaged("leaves out of order", leaf->key, RbWord{100});
+    damaged("a shared child", inner->left, inner->right);
+    damaged("unequal black heights", inner->left->status, inner->left->status ^ 1u);
+    damaged("a head without its flag", head->status, head->status & ~16u);
+    damaged("a head with a key", head->key, RbWord{1});
+    damaged("a head flag in the tree", leaf->status, leaf->status | 16u);
+    damaged("a second root", leaf->status, leaf->status | 8u);
+    damaged("a child link to the head", inner->left, head);
+    damaged("a child link to no node", inner->right, nullptr);
+    EXPECT_EQ(map_rb_check(head, nullptr), "");
+    map_rbh_node(hleaf)->status[0] = 2;
+    EXPECT_NE(rbh.check(), "");
+    map_rbh_node(hleaf)->status[0] = 0;
+    EXPECT_EQ(rbh.check(), "");
 
     // Raised for real, the error ends the call with the same text.
     host.set_errors_return(false);
@@ -347,49 +376,6 @@ TEST_F(Trees, MisuseAndNullMapsAreHarmless) {
     EXPECT_EQ(host.frees("map_rb_delete_node") - deleted, nodes_for(2) - 1) << "all but the head";
     EXPECT_EQ(host.frees("map_rb_free_tree"), 2u);
     EXPECT_EQ(Rb::nodes() + Rbh::nodes(), 0u);
-}
-
-// The checker is only worth its runs if it sees damage: each fault below is made, found
-// and undone on a sound tree.
-TEST_F(Trees, CheckerFindsEveryKindOfDamage) {
-    auto tree = tree_of<Rb>({5, 1, 9, 3, 7, 2, 8, 4, 6});
-    RbNode* head = tree.head;
-    ASSERT_EQ(tree.check(), "");
-    RbNode* root = head->parent;
-    RbNode* leaf = map_rb_find_ikey(head, 4);
-    auto damaged = [&](const char* what, auto&& field, auto bad) {
-        auto good = field;
-        field = bad;
-        EXPECT_NE(tree.check(), "") << what << " went unnoticed";
-        field = good;
-    };
-    damaged("a red leaf", leaf->status, leaf->status | 1u);
-    damaged("a lost root flag", root->status, root->status & ~8u);
-    damaged("a flipped side flag", leaf->status, leaf->status ^ 4u);
-    damaged("a stray flag", leaf->status, leaf->status | 64u);
-    damaged("a wrong parent", leaf->parent, head);
-    damaged("a wrong routing word", root->key, reinterpret_cast<RbWord>(head->right));
-    damaged("a skipped ring link", leaf->left, leaf->left->left);
-    damaged("a broken back link", leaf->right, head);
-    damaged("leaves out of order", leaf->key, RbWord{100});
-    damaged("a shared child", root->left, root->right);
-    damaged("unequal black heights", root->left->status, root->left->status ^ 1u);
-    damaged("a head without its flag", head->status, head->status & ~16u);
-    damaged("a head with a key", head->key, RbWord{1});
-    damaged("a head flag in the tree", leaf->status, leaf->status | 16u);
-    damaged("a second root", leaf->status, leaf->status | 8u);
-    damaged("a child link to the head", root->left, head);
-    damaged("a child link to no node", root->right, nullptr);
-    EXPECT_EQ(map_rb_check(head, nullptr), "");
-    tree.free();
-
-    auto rbh = tree_of<Rbh>({5, 1, 9, 3});
-    RbhNodeData* node = map_rbh_node(maph_first(rbh.head));
-    node->status[0] = 2;
-    EXPECT_NE(rbh.check(), "");
-    node->status[0] = 0;
-    EXPECT_EQ(rbh.check(), "");
-    rbh.free();
 }
 
 } // namespace
