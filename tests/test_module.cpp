@@ -21,8 +21,6 @@
 #include "frame/keywords.hpp"
 #include "frame/structs.hpp"
 #include "fw/fw_ident.hpp"
-#include "fw/fw_saveable.hpp"
-#include "host.hpp"
 #include "maps/maph.hpp"
 #include "support/checks.hpp"
 #include "support/testing.hpp"

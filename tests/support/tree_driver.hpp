@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <set>
 #include <string>
@@ -127,14 +126,6 @@ using Rbh = Tree<true>;
 // A tree of n entries holds n leaves, n-1 internal nodes and the head.
 constexpr size_t nodes_for(size_t entries) {
     return entries ? 2 * entries : 1;
-}
-
-template <class Tree>
-Tree tree_of(std::initializer_list<int64_t> keys) {
-    Tree tree;
-    for (int64_t k : keys)
-        tree.insert(static_cast<typename Tree::Word>(k));
-    return tree;
 }
 
 // The fuzz target reads an operation as a number up to walk: its corpus depends on this order.
