@@ -1,11 +1,10 @@
 // The module's frame, identifier registry and map class.  The frame: loading and its
-// failure paths, the field layouts as the host lays them out and the shared keyword INIT
-// step (the interface itself is pinned in test_interface).  The registry against a model
-// of names, use counts and live identifiers over random acquisitions, releases,
-// rollovers and collections, then a session reset.  ZOKDSMAP against std::map over
-// random inserts, replacements, removals and look-ups: key order is the host's string
-// order, values are copies, nothing outlives the object; and the class check names each
-// way a map can be broken.
+// failure paths and the field layouts as the host lays them out (the interface itself is
+// pinned in test_interface).  The registry against a model of names, use counts and live
+// identifiers over random acquisitions, releases, rollovers and collections, then a
+// session reset.  ZOKDSMAP against std::map over random inserts, replacements, removals
+// and look-ups: key order is the host's string order, values are copies, nothing
+// outlives the object; and the class check names each way a map can be broken.
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -18,7 +17,6 @@
 
 #include "dsmap/ds_map.hpp"
 #include "frame/host_api.hpp"
-#include "frame/keywords.hpp"
 #include "frame/structs.hpp"
 #include "fw/fw_ident.hpp"
 #include "maps/maph.hpp"
@@ -91,37 +89,6 @@ TEST_F(Loaded, StructuresAreLaidOutAndPreparedAsTheModuleNeedsThem) {
     for (const char* name : {"ZOKFWFUNCBEHAV", "ZOKFWPROCBEHAV"})
         EXPECT_NE(host.find_struct(name)->prepared, nullptr) << name;
     EXPECT_EQ(host.find_struct("ZOKFWBEHAVIOR")->prepared, nullptr);
-}
-
-// The INIT step every framework class shares: keywords processed, self held
-// against the host's collection, the class's status returned, texts given back.
-TEST_F(Loaded, KeywordInitRunsTheClassStepOnSelf) {
-    host.define_struct("PROBE", {}, "ZOKFWSAVEABLE");
-    std::string seen;
-    host.add_function(
-        "PROBE::INIT", 1, 1,
-        [&](zok::Call& call) -> zok::Value {
-            zok_var* status = flux::keyword_init<flux::KeywordFront>(
-                call.argc(), call.argv(), call.keywords(), flux::message_keyword_table,
-                flux::ClassRef{flux::struct_saveable, "ZOKFWSAVEABLE", "ZOKfwSaveable"},
-                [&](flux::Self self, const flux::KeywordFront& kw) {
-                    EXPECT_EQ(self.heap_id, call.self().id);
-                    if (kw.messagestring_given)
-                        seen.assign(kw.messagestring.text, kw.messagestring.length);
-                    return kw.scope_given ? 0 : 1;
-                });
-            return host.read(*flux::TempGuard(status).get());
-        },
-        true);
-    host.clear_messages();
-    const ObjectRef probe = host.new_object("PROBE", {}, {{"MESS", std::string("ping")}});
-    ASSERT_TRUE(probe);
-    EXPECT_TRUE(host.messages().empty()); // the host had no keyword texts left to free
-    EXPECT_EQ(seen, "ping");
-    EXPECT_NE(host.heap_flags(probe.id) & ZOK_HEAP_HELD, 0u);
-    EXPECT_FALSE(host.new_object("PROBE", {}, {{"SCOPE", 1}})); // status 0: no object
-    EXPECT_EQ(host.live_texts(), 0u);
-    EXPECT_EQ(host.live_temps(), 0u);
 }
 
 using Registry = Loaded;
