@@ -35,19 +35,17 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
-#include <map>
 
 #include "../tests/support/checks.hpp"
 
-namespace {
-
 using zok::ObjectRef;
-using zok::PointerRef;
 using zok::Value;
 
 constexpr size_t kMaxSteps = 256;
 constexpr const char* kForeignClass = "FUZZ_FOREIGN";
+const std::vector<zok::TagSpec> kForeignTags = {
+    {"N", ZOK_T_LONG}, {"TEXT", ZOK_T_STRING}, {"PEER", ZOK_T_OBJECT}, {"DATA", ZOK_T_POINTER}};
+constexpr const char* kFlag = "ZOKFWSAVEABLE_TOP";
 const char* const kVariables[] = {"V0", "V1", "V2", "V3"};
 
 // The keyword names of the module's INIT methods.
@@ -60,15 +58,12 @@ const uint8_t kTypes[] = {ZOK_T_BYTE,   ZOK_T_SHORT,  ZOK_T_LONG,    ZOK_T_FLOAT
                           ZOK_T_ULONG,  ZOK_T_LONG64, ZOK_T_ULONG64};
 
 // The least and greatest value of each integer type (all ones is the greatest
-// unsigned 64-bit value); any other type takes the signed 64-bit limits.
-std::pair<int64_t, int64_t> limits_of(uint8_t type) {
-    static const std::map<uint8_t, std::pair<int64_t, int64_t>> limits = {
-        {ZOK_T_BYTE, {0, 255}},          {ZOK_T_SHORT, {INT16_MIN, INT16_MAX}},
-        {ZOK_T_USHORT, {0, UINT16_MAX}}, {ZOK_T_LONG, {INT32_MIN, INT32_MAX}},
-        {ZOK_T_ULONG, {0, UINT32_MAX}},  {ZOK_T_ULONG64, {0, -1}}};
-    const auto found = limits.find(type);
-    return found != limits.end() ? found->second : std::pair{INT64_MIN, INT64_MAX};
-}
+// unsigned 64-bit value).
+const std::map<uint8_t, std::pair<int64_t, int64_t>> kLimits = {
+    {ZOK_T_BYTE, {0, 255}},          {ZOK_T_SHORT, {INT16_MIN, INT16_MAX}},
+    {ZOK_T_USHORT, {0, UINT16_MAX}}, {ZOK_T_LONG, {INT32_MIN, INT32_MAX}},
+    {ZOK_T_ULONG, {0, UINT32_MAX}},  {ZOK_T_LONG64, {INT64_MIN, INT64_MAX}},
+    {ZOK_T_ULONG64, {0, -1}}};
 
 using Limits = std::numeric_limits<double>;
 const double kDoubles[] = {0.0,          -0.0,         1.0,  -1.0,          0.5,
@@ -80,7 +75,6 @@ struct Input {
     const uint8_t* data;
     size_t size;
     size_t at = 0;
-    bool more() const { return at < size; }
     uint8_t byte() { return at < size ? data[at++] : 0; }
     // A number below n (0 when n is 0).  It takes its byte whatever n is, so
     // that the bytes after it mean the same in any state.
@@ -100,10 +94,7 @@ public:
         for (const zok::RoutineInfo& r : routines_)
             if (r.name.ends_with("::INIT"))
                 classes_.push_back(r.name.substr(0, r.name.size() - 6));
-        host_.define_struct(kForeignClass, {{"N", ZOK_T_LONG},
-                                            {"TEXT", ZOK_T_STRING},
-                                            {"PEER", ZOK_T_OBJECT},
-                                            {"DATA", ZOK_T_POINTER}});
+        host_.define_struct(kForeignClass, kForeignTags);
         classes_.push_back(kForeignClass);
         for (const std::string& name : host_.struct_names()) {
             zok_var* instance = host_temp_struct(host_.find_struct(name));
@@ -117,7 +108,7 @@ public:
     }
 
     void run() {
-        for (size_t n = 0; n < kMaxSteps && in_.more(); ++n)
+        for (size_t n = 0; n < kMaxSteps && in_.at < in_.size; ++n)
             step();
         finish();
     }
@@ -167,14 +158,20 @@ private:
             args.push_back(i == 0 && colons != std::string::npos ? self(r.name.substr(0, colons))
                                                                  : argument());
         const zok::Keywords kw = keywords();
-        std::vector<uint32_t> restored; // the objects the restore pass is handed
+        // The restore pass resets the flag of each object of the array before
+        // it looks at the next, so one that ends with the host's error at a bad
+        // element has already reset (to 0.0) the flags of those before it.
+        // That reset is forgiven; nothing else is.
+        std::vector<std::pair<ObjectRef, Value>> flags;
         if (r.name == "ZOKFWSAVEABLERESTOREARRAY" && !args.empty())
             for (const Value& e :
                  (args[0].is_ref() ? host_.get_var(args[0].ref()) : args[0].value()).elements())
-                if (e.type() == ZOK_T_OBJECT)
-                    restored.push_back(e.as_object().id);
+                if (e.type() == ZOK_T_OBJECT &&
+                    host_.heap_kind(e.as_object().id) == ZOK_HEAP_OBJECT &&
+                    host_.isa(e.as_object(), "ZOKFWSAVEABLE"))
+                    flags.emplace_back(e.as_object(), host_.get_tag(e.as_object(), kFlag));
         perform(
-            describe(r.name, args, kw),
+            r.name + ", " + std::to_string(args.size()) + " arguments",
             [&] {
                 if (r.is_function)
                     harvest(host_.call_function(r.name, args, kw));
@@ -185,7 +182,7 @@ private:
                 texts_kept_ = texts_kept_ || keeps_texts(r.name, kw);
                 idents_released_ = idents_released_ || releases_idents(r.name, args);
             },
-            restored);
+            flags);
     }
 
     void make_object() {
@@ -194,7 +191,7 @@ private:
         for (int n = argument_count(0, 1); n > 0; --n)
             args.push_back(argument());
         const zok::Keywords kw = keywords();
-        perform("new " + describe(cls, args, kw), [&] {
+        perform("new " + cls, [&] {
             if (const ObjectRef made = host_.new_object(cls, args, kw))
                 objects_.push_back(made.id);
             texts_kept_ = texts_kept_ || keeps_texts(cls + "::INIT", kw);
@@ -230,15 +227,13 @@ private:
             return Value(ObjectRef{of_class[pick % of_class.size()]});
         if (how == 6 && !of_class.empty())
             return Value(std::vector<ObjectRef>(1 + pick % 2, ObjectRef{of_class[0]}));
-        if (how < 7)
-            return Value(ObjectRef{reference_id(ZOK_T_OBJECT)});
-        return argument();
+        return how < 7 ? zok::Arg(Value(ObjectRef{reference_id(ZOK_T_OBJECT)})) : argument();
     }
 
     zok::Arg argument() {
-        if (in_.byte() % 8 == 0)
-            return zok::Ref{kVariables[in_.below(std::size(kVariables))]};
-        return value();
+        return in_.byte() % 8 == 0
+                   ? zok::Arg(zok::Ref{kVariables[in_.below(std::size(kVariables))]})
+                   : zok::Arg(value());
     }
 
     // One byte: its low bits pick the type, weighted towards what routines
@@ -268,14 +263,14 @@ private:
         case ZOK_T_STRUCT:
             return structure(structs_[in_.below(structs_.size())]);
         case ZOK_T_POINTER:
-            return Value(PointerRef{reference_id(type)});
+            return Value(zok::PointerRef{reference_id(type)});
         case ZOK_T_OBJECT:
             return Value(ObjectRef{reference_id(type)});
         case ZOK_T_FLOAT:
         case ZOK_T_DOUBLE:
             return Value::number(type, kDoubles[in_.below(std::size(kDoubles))]);
         default: {
-            const auto [least, most] = limits_of(type);
+            const auto [least, most] = kLimits.at(type);
             const int64_t picks[] = {0, 1, 2, -1, least, most, in_.byte()};
             return Value::integer(type, picks[in_.below(std::size(picks))]);
         }
@@ -371,18 +366,11 @@ private:
         }
     }
 
-    static std::string describe(const std::string& name, const zok::Args& args,
-                                const zok::Keywords& kw) {
-        std::string out = name + " " + std::to_string(kw.size()) + " keywords";
-        for (const zok::Arg& a : args)
-            out += ", " + (a.is_ref() ? "var " + a.ref() : a.value().to_string());
-        return out;
-    }
-
     // ---- Checks
 
     template <class Step>
-    void perform(std::string what, Step&& step, const std::vector<uint32_t>& restored = {}) {
+    void perform(std::string what, Step&& step,
+                 const std::vector<std::pair<ObjectRef, Value>>& flags = {}) {
         log_.push_back(std::move(what));
         const zok::Observation before = host_.observe();
         const std::string counts_before = zoktest::registry_counts();
@@ -397,35 +385,14 @@ private:
         verify();
         if (!raised)
             return;
-        const zok::Observation after = host_.observe();
-        std::string changed = zok::difference(forgive(before, after, restored), after);
+        for (const auto& [object, flag] : flags)
+            if (host_.heap_alive(object.id) && host_.get_tag(object, kFlag) == Value(0.0))
+                host_.set_tag(object, kFlag, flag);
+        std::string changed = zok::difference(before, host_.observe());
         if (const std::string counts = zoktest::registry_counts(); counts != counts_before)
             changed += " the registry's counts: " + counts_before + "-> " + counts;
         if (!changed.empty())
             fail("the step raised an error, yet changed the state: " + changed);
-    }
-
-    // The restore pass resets the flags of the array's objects before it looks
-    // at the next, so one that ends with the host's error at a bad element has
-    // already reset the flags of the elements before it.  That reset (to 0.0)
-    // is forgiven; nothing else is.
-    static zok::Observation forgive(zok::Observation before, const zok::Observation& after,
-                                    const std::vector<uint32_t>& restored) {
-        using HeapVar = zok::Observation::HeapVar;
-        for (const uint32_t id : restored) {
-            const auto was = std::ranges::find(before.heap, id, &HeapVar::id);
-            const auto now = std::ranges::find(after.heap, id, &HeapVar::id);
-            if (was == before.heap.end() || now == after.heap.end() ||
-                was->value.type() != ZOK_T_STRUCT || now->value.type() != ZOK_T_STRUCT)
-                continue;
-            zok::StructValue st = was->value.as_struct();
-            const auto& fields = now->value.as_struct().fields;
-            for (size_t i = 0; i < st.fields.size() && i < fields.size(); ++i)
-                if (st.fields[i].first == "ZOKFWSAVEABLE_TOP" && fields[i].second == Value(0.0))
-                    st.fields[i].second = fields[i].second;
-            was->value = Value(std::move(st));
-        }
-        return before;
     }
 
     void verify() {
@@ -489,9 +456,7 @@ private:
     std::vector<uint32_t> pointers_;        // pointer references calls gave back
     std::vector<std::string> log_;
     zok::Observation baseline_;
-    bool reinit_ = false;
-    bool texts_kept_ = false;
-    bool idents_released_ = false;
+    bool reinit_ = false, texts_kept_ = false, idents_released_ = false;
 
     // An explicit CLEANUP, or a release by the program, gives back a use that an
     // object still names, and a collection with the all argument frees
@@ -506,14 +471,11 @@ private:
     // their INIT given a name or run again, deliberately keep the text they
     // replace (the class is defined so).
     bool keeps_texts(const std::string& routine, const zok::Keywords& kw) const {
-        const bool namer =
-            routine.starts_with("ZOKFWPROCBEHAV::") || routine.starts_with("ZOKFWFUNCBEHAV::");
-        return namer && (routine.ends_with("::SETPROC") || routine.ends_with("::SETFUNC") ||
-                         (routine.ends_with("::INIT") && (!kw.empty() || reinit_)));
+        return routine == "ZOKFWPROCBEHAV::SETPROC" || routine == "ZOKFWFUNCBEHAV::SETFUNC" ||
+               ((routine == "ZOKFWPROCBEHAV::INIT" || routine == "ZOKFWFUNCBEHAV::INIT") &&
+                (!kw.empty() || reinit_));
     }
 };
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in{data, size};

@@ -179,9 +179,6 @@ Host::~Host() {
         // Whatever could not be freed cleanly is freed wholesale below.
     }
     free_all_memory(s);
-    for (const char* text : s.texts)
-        std::free(const_cast<char*>(text));
-    s.texts.clear();
     unbind_names(s);
     for (LoadedModule& m : s.modules)
         if (m.handle)
@@ -607,7 +604,7 @@ size_t Host::leftover_temps() const {
 }
 
 size_t Host::live_texts() const {
-    return state_->texts.size();
+    return live_text_count(*state_);
 }
 
 MemStats Host::memory(std::string_view label) const {

@@ -17,8 +17,7 @@ void release_held_keywords(Frame& f) {
         return;
     State& s = state();
     for (size_t i = f.held_from; i < s.held_kw.size(); ++i)
-        if (s.texts.erase(s.held_kw[i]))
-            std::free(s.held_kw[i]);
+        free_text(s.held_kw[i]);
     s.held_kw.resize(f.held_from);
 }
 
@@ -38,13 +37,15 @@ size_t value_size(const zok_keyword_entry& e) {
     return by_reference(e) ? sizeof(zok_var*) : elem_size(e.type);
 }
 
-// Releases what a failed processing made, then raises.
+// Releases what a failed processing made, then raises; the texts of one that
+// succeeds are handed to the frame.
 struct Held {
-    std::vector<char*> texts;
+    SmallVector<char*, 4> texts;
+    bool handed = false;
     ~Held() {
-        for (char* t : texts)
-            if (state().texts.erase(t))
-                std::free(t);
+        if (!handed)
+            for (char* t : texts)
+                free_text(t);
     }
 };
 
@@ -65,14 +66,17 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         return bad("bad arguments");
     if (!table[0].keyword || table[0].keyword[0] != '\0')
         return bad("the keyword table must open with an empty keyword");
-    // Each keyword's length, measured once for the matching below.
+    // Each keyword's length and value size, measured once for the steps below.
     SmallVector<size_t, 16> lengths;
+    SmallVector<size_t, 16> sizes;
     lengths.push_back(0);
+    sizes.push_back(0);
     size_t n = 1;
     for (; table[n].keyword; ++n) {
         const zok_keyword_entry& e = table[n];
         lengths.push_back(std::strlen(e.keyword));
-        if (!by_reference(e) && (value_size(e) == 0 || e.type == ZOK_T_STRUCT))
+        sizes.push_back(value_size(e));
+        if (!by_reference(e) && (sizes[n] == 0 || e.type == ZOK_T_STRUCT))
             return bad(std::string("keyword ") + e.keyword + " has a type it cannot take");
         if (n > 1 && std::strcmp(table[n - 1].keyword, e.keyword) >= 0)
             return bad(std::string("keywords are not in ascending order at ") + e.keyword);
@@ -86,7 +90,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
         int32_t absent = 0;
         std::memcpy(rec + e.given, &absent, sizeof absent);
         bool zero = (e.flags & (ZOK_KW_ZERO_IF_ABSENT | ZOK_KW_NULL_IF_ABSENT)) != 0;
-        std::memset(rec + e.value, zero ? 0 : kPoison, value_size(e));
+        std::memset(rec + e.value, zero ? 0 : kPoison, sizes[i]);
     }
     std::memset(rec, 0, sizeof(uint64_t));
 
@@ -135,7 +139,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
             }
             if (e.type == ZOK_T_STRING && converted.value.str.text)
                 held.texts.push_back(converted.value.str.text);
-            std::memcpy(rec + e.value, &converted.value, value_size(e));
+            std::memcpy(rec + e.value, &converted.value, sizes[static_cast<size_t>(match - table)]);
         }
         int32_t given = 1;
         std::memcpy(rec + e.given, &given, sizeof given);
@@ -149,7 +153,7 @@ int32_t host_keywords_process(int32_t argc, zok_var** argv, zok_keywords* kw,
             f.held_from = s.held_kw.size();
         s.held_kw.insert(s.held_kw.end(), held.texts.begin(), held.texts.end());
         f.holds_kw = true;
-        held.texts.clear();
+        held.handed = true;
         uint64_t holds = 1;
         std::memcpy(rec, &holds, sizeof holds);
     }

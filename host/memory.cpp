@@ -28,10 +28,14 @@ namespace {
     return *pool;
 }
 
+} // namespace
+
 SlotPool& pool_for(State::Pools& pools, size_t size, ChunkSource& source) {
     size_t c = (std::max<size_t>(size, 1) + 15) / 16; // 1..16
     return pools[c] ? *pools[c] : new_pool(pools[c], c * 16, source);
 }
+
+namespace {
 
 // The loaded object whose read-only segment holds all of a text, if any.
 struct ReadOnlyProbe {
@@ -127,6 +131,11 @@ void free_all_memory(State& s) {
         pool.reset();
     for (auto& pool : s.instance_pools)
         pool.reset();
+    for (auto& pool : s.text_pools)
+        pool.reset();
+    for (const char* text : s.long_texts)
+        std::free(const_cast<char*>(text));
+    s.long_texts.clear();
     s.label_hits = {};
     s.label_by_address.clear();
     for (void* object : s.label_objects)

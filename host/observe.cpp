@@ -101,7 +101,7 @@ Observation Host::observe() const {
     state_->heap.for_each([&](HeapSlot* slot) {
         out.heap.push_back({slot->rec.id, slot->kind, slot->rec.flags, from_var(slot->rec.var)});
     });
-    out.texts = state_->texts.size();
+    out.texts = live_text_count(*state_);
     out.temps = state_->temps.live();
     out.memory = memory_by_label();
     for (const auto& [name, var] : state_->vars)

@@ -313,8 +313,13 @@ struct zok::Host::State {
     std::array<uint64_t, 2> op_calls{};
     std::array<uint64_t, 2> op_refuse_at{};
 
-    // Texts.
-    std::unordered_set<const char*> texts;
+    // Texts: up to kMaxPooled bytes (the closing null included) from slot pools
+    // by 16-byte size class, whose live bits tell a live text from any other
+    // address; longer ones from the C allocator, listed.
+    using Pools = std::array<std::unique_ptr<detail::SlotPool>, detail::kMaxPooled / 16 + 1>;
+    detail::ChunkSource text_chunks;
+    Pools text_pools;
+    std::unordered_set<const char*> long_texts;
 
     // Temporaries.
     detail::ChunkSource temp_chunks;
@@ -336,7 +341,6 @@ struct zok::Host::State {
         detail::LabelStats* stats;
     };
     std::unordered_map<void*, Block> blocks_live;
-    using Pools = std::array<std::unique_ptr<detail::SlotPool>, detail::kMaxPooled / 16 + 1>;
     detail::ChunkSource plain_chunks;
     Pools plain_pools; // by 16-byte size class
     detail::ChunkSource instance_chunks;
@@ -348,6 +352,7 @@ struct zok::Host::State {
 
     // Structures, routines, calls.
     std::map<std::string, std::unique_ptr<detail::StructInfo>, std::less<>> structs;
+    detail::StructInfo* last_struct = nullptr; // what find_struct found last
     std::unordered_map<const zok_struct_def*, detail::StructInfo*> struct_by_def;
     // The structure of the definition met last, and of those met recently,
     // direct-mapped by address: a tree node and the object that files it
@@ -410,6 +415,9 @@ std::string describe(const zok_var& v);
 // ---- Texts, temporaries, variables (vars.cpp)
 char* new_text(const char* text, size_t length);
 void release_text(char* text);
+// Frees a live text the host stored; false, freeing nothing, for any other address.
+bool free_text(const char* text);
+size_t live_text_count(const State& s);
 zok_string make_string(std::string_view text);
 zok_var* new_temp(int32_t action = ZOK_ACTION_ERROR);
 void release_temp(zok_var* v);
@@ -462,6 +470,8 @@ inline LabelStats& stats_for(const char* label) {
         return *hit.stats;
     return stats_for_text(label);
 }
+// The pool of a block size's 16-byte size class, made on first use.
+SlotPool& pool_for(State::Pools& pools, size_t size, ChunkSource& source);
 void* alloc_instance_memory(size_t size);
 void free_instance_memory(void* p, size_t size);
 void free_all_memory(State& s);

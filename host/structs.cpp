@@ -43,7 +43,38 @@ char to_upper(char c) {
 
 } // namespace
 
+// Whether none of the eight bytes is a lower-case ASCII letter or a byte
+// above 0x7f: such a word is in upper case whatever the locale.
+bool plain_upper_word(uint64_t w) {
+    constexpr uint64_t ones = 0x0101010101010101, highs = 0x8080808080808080;
+    // For bytes below 0x80 the additions do not carry into the next byte: the
+    // first sets a byte's high bit when it is at least 'a', the second when it
+    // is above 'z'.
+    const uint64_t from_a = w + ones * (0x80 - 'a');
+    const uint64_t past_z = w + ones * (0x80 - 'z' - 1);
+    return ((from_a & ~past_z & highs) | (w & highs)) == 0;
+}
+
 bool is_upper(std::string_view s) {
+    // Names are checked on every call by text: eight bytes at a time (the last
+    // word overlapping, a short name zero-padded), by byte only when a word is
+    // not plainly upper case.
+    const size_t n = s.size();
+    if (n == 0)
+        return true;
+    bool plain = true;
+    uint64_t w = 0;
+    if (n < 8) {
+        std::memcpy(&w, s.data(), n);
+        plain = plain_upper_word(w);
+    } else {
+        for (size_t i = 0; plain && i < n; i += 8) {
+            std::memcpy(&w, s.data() + std::min(i, n - 8), 8);
+            plain = plain_upper_word(w);
+        }
+    }
+    if (plain)
+        return true;
     for (char c : s)
         if (!kept_by_toupper(c) && to_upper(c) != c)
             return false;
@@ -92,9 +123,16 @@ StructInfo* struct_info_slow(const zok_struct_def* def) {
 
 StructInfo* find_struct(std::string_view name) {
     State& s = state();
+    // A program makes objects of one class in a row: the structure found last
+    // is tried first, by its own (upper-case) name.
+    if (s.last_struct != nullptr && s.last_struct->name == name)
+        return s.last_struct;
     // Names are kept in upper case; one given so needs no copy.
     auto it = is_upper(name) ? s.structs.find(name) : s.structs.find(upper(name));
-    return it == s.structs.end() ? nullptr : it->second.get();
+    if (it == s.structs.end())
+        return nullptr;
+    s.last_struct = it->second.get();
+    return s.last_struct;
 }
 
 namespace {

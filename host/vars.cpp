@@ -2,9 +2,9 @@
 //
 // Invariants: a variable's value bits (ZOK_VF_ARRAY, ZOK_VF_STRUCT) always
 // describe what its value holds; a text with length > 0 that the host stored is
-// in the state's live-text set until released; a temporary is a live slot of the
-// temporary pool, flagged ZOK_VF_TEMPORARY and linked, in creation order, into
-// the list of live temporaries (newest at the tail).
+// live (a live slot of a text pool, or listed when longer) until released; a temporary is a live
+// slot of the temporary pool, flagged ZOK_VF_TEMPORARY and linked, in creation order, into the list
+// of live temporaries (newest at the tail).
 #include "state.hpp"
 
 #include <cerrno>
@@ -19,29 +19,51 @@ namespace zok::detail {
 
 char* new_text(const char* text, size_t length) {
     State& s = state();
-    auto* out = static_cast<char*>(std::malloc(length + 1));
-    if (!out)
-        throw std::bad_alloc();
+    char* out;
+    if (length + 1 <= kMaxPooled) {
+        out = static_cast<char*>(pool_for(s.text_pools, length + 1, s.text_chunks).allocate());
+        if (!out)
+            throw std::bad_alloc();
+    } else {
+        out = static_cast<char*>(std::malloc(length + 1));
+        if (!out)
+            throw std::bad_alloc();
+        try {
+            s.long_texts.insert(out);
+        } catch (...) {
+            std::free(out);
+            throw;
+        }
+    }
     std::memcpy(out, text, length);
     out[length] = '\0';
-    try {
-        s.texts.insert(out);
-    } catch (...) {
-        std::free(out);
-        throw;
-    }
     return out;
 }
 
-void release_text(char* text) {
+bool free_text(const char* text) {
     State& s = state();
-    if (s.texts.erase(text) == 0) {
+    // A pooled text is live exactly while its slot is: the pool refuses any
+    // other address of its chunks, and a text freed before.
+    if (s.text_chunks.holds(text))
+        return SlotPool::owner(text)->release_in_chunk(const_cast<char*>(text));
+    if (s.long_texts.erase(text) == 0)
+        return false;
+    std::free(const_cast<char*>(text));
+    return true;
+}
+
+size_t live_text_count(const State& s) {
+    size_t count = s.long_texts.size();
+    for (const auto& pool : s.text_pools)
+        count += pool ? pool->live() : 0;
+    return count;
+}
+
+void release_text(char* text) {
+    if (!free_text(text))
         raise(ZOK_ERR_BAD_FREE, ZOK_ACTION_ERROR,
               "Attempt to release a text that is not live (already released or never stored)" +
                   where() + ".");
-        return;
-    }
-    std::free(text);
 }
 
 zok_string make_string(std::string_view text) {

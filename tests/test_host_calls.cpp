@@ -120,6 +120,14 @@ TEST(HostMethods, ResolutionFollowsTheActualClassThroughAProgramSubclass) {
     EXPECT_EQ(host.call_method(puppy, "animal::speak").as_string(), "...");
     EXPECT_TRUE(host.isa(puppy, "ANIMAL") && host.isa(puppy, "animal"));
     EXPECT_FALSE(host.isa(dog, "PUPPY") || host.isa(puppy, "animalx"));
+    // Each letter in lower case, each at its own place in a long name.
+    host.add_function("ANIMAL::ABCDEFGHIJKLMNOPQRSTUVWXYZ", 1, 1,
+                      [](zok::Call&) { return zok::Value("abc"); });
+    for (char c = 'a'; c <= 'z'; ++c) {
+        std::string name = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+        name[static_cast<size_t>(c - 'a')] = c;
+        EXPECT_EQ(host.call_method(puppy, name).as_string(), "abc") << name;
+    }
 
     // A method added later is found, though a failed look-up was cached.
     expect_error(ZOK_ERR_UNKNOWN_METHOD, [&] { host.call_method(puppy, "SIT"); });

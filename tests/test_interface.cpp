@@ -4,8 +4,8 @@
 // registered routine without a row and for a row whose routine is not
 // registered.
 #include <algorithm>
-#include <cstring>
 #include <set>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -14,11 +14,8 @@
 #include "frame/structs.hpp"
 #include "support/checks.hpp"
 
-namespace {
-
 using zok::PointerRef;
 using zok::TagSpec;
-using zok::Value;
 
 enum Kind { function, procedure };
 constexpr int32_t keywords = ZOK_RT_KEYWORDS;
@@ -34,7 +31,7 @@ struct RoutineRow {
     int32_t flags = 0;
     uint8_t result = ZOK_T_UNDEFINED;
     bool array = false;
-    std::vector<Value> args = {};
+    std::vector<zok::Value> args = {};
 };
 
 // clang-format off
@@ -137,14 +134,9 @@ const RoutineRow routines[] = {
 constexpr uint8_t byte = ZOK_T_BYTE, i32 = ZOK_T_LONG, dbl = ZOK_T_DOUBLE, str = ZOK_T_STRING,
                   ptr = ZOK_T_POINTER, obj = ZOK_T_OBJECT, i64 = ZOK_T_LONG64;
 
-// A structure's own tags, which follow its parent's, and the module's getter of its
-// definition.
-struct StructRow {
-    const char* name;
-    const char* parent;
-    std::vector<TagSpec> tags;
-    zok_struct_def* (*definition)();
-};
+// A structure's name, parent, own tags (which follow its parent's) and the
+// module's getter of its definition.
+using StructRow = std::tuple<const char*, const char*, std::vector<TagSpec>, zok_struct_def* (*)()>;
 
 // clang-format off
 const StructRow structures[] = {
@@ -185,27 +177,16 @@ const StructRow structures[] = {
 };
 // clang-format on
 
-// A keyword's type and flags, and its rank in the results record: every record keeps
-// its fields in rank order, so that the shared front can be handed to a base class's
-// initialisation.
-struct Keyword {
-    const char* name;
-    uint8_t type;
-    uint16_t flags;
-    int rank;
-};
-constexpr Keyword HANDLER{"HANDLER", obj, 0, 0}, MESSAGESTRING{"MESSAGESTRING", str, 0, 1},
-    SCOPE{"SCOPE", i32, 0x4000, 2}, REGISTER{"REGISTER", i32, 0x4000, 3},
-    FUNCTION{"FUNCTION", str, 0, 4}, PROCEDURE{"PROCEDURE", str, 0, 4}, METHOD{"METHOD", str, 0, 4},
-    RESPONSE{"RESPONSE", ZOK_T_UNDEFINED, 0x3000, 4}, OBJECT{"OBJECT", obj, 0, 5},
-    DELAYMESSAGESTRING{"DELAYMESSAGESTRING", str, 0, 6};
+// A keyword's name, type and flags.
+using Keyword = std::tuple<const char*, uint8_t, uint16_t>;
+constexpr Keyword HANDLER{"HANDLER", obj, 0}, MESSAGESTRING{"MESSAGESTRING", str, 0},
+    SCOPE{"SCOPE", i32, 0x4000}, REGISTER{"REGISTER", i32, 0x4000}, FUNCTION{"FUNCTION", str, 0},
+    PROCEDURE{"PROCEDURE", str, 0}, METHOD{"METHOD", str, 0},
+    RESPONSE{"RESPONSE", ZOK_T_UNDEFINED, 0x3000}, OBJECT{"OBJECT", obj, 0},
+    DELAYMESSAGESTRING{"DELAYMESSAGESTRING", str, 0};
 
-// The keywords of each class's INIT, in table order.
-struct KeywordRow {
-    const char* init_of;
-    const zok_keyword_entry* table;
-    std::vector<Keyword> keywords;
-};
+// The keyword table of each class's INIT and its keywords, in table order.
+using KeywordRow = std::tuple<const char*, const zok_keyword_entry*, std::vector<Keyword>>;
 
 // clang-format off
 const KeywordRow keyword_tables[] = {
@@ -229,110 +210,67 @@ const KeywordRow keyword_tables[] = {
 };
 // clang-format on
 
-struct MessageRow {
-    int32_t code;
-    const char* name;
-    const char* text;
-};
 constexpr const char* message_block = "ZOK_MBLK_FLUXTOOLS";
-constexpr MessageRow messages[] = {
+const std::tuple<int, std::string, std::string> messages[] = {
+    // code, name, text
     {0, "ZOK_M_FLUXTOOLS_DSMAP_HEAPDEREFERR", "ZOKdsMap heap dereference error"},
     {-1, "ZOK_M_FLUXTOOLS_FWMSG_IDCORRUPT", "FWIdent corruption"},
 };
 
-class Interface : public ::testing::Test {
-protected:
-    void SetUp() override { host.load_module(ZOK_Load, ZOK_ResetSession); }
+// Each row's routine is registered as the row says and a function returns its
+// result type; each structure, keyword table and message block is as its rows
+// say; nothing is registered or defined without a row.
+TEST(Interface, RoutinesStructuresKeywordTablesAndMessagesAreTheRows) {
     zok::Host host;
-};
-
-// Each row's routine is registered as the row says, and a function returns its
-// result type; no routine is registered without a row.
-TEST_F(Interface, RoutinesAreTheRowsAndReturnTheirResultTypes) {
-    std::map<std::string, zok::RoutineInfo> registered;
+    host.load_module(ZOK_Load, ZOK_ResetSession);
+    std::set<std::tuple<std::string, bool, int, int, bool>> registered, rows;
     for (const zok::RoutineInfo& r : host.routines())
-        registered[r.name] = r;
+        registered.emplace(r.name, r.is_function, r.min_args, r.max_args, r.keywords);
     for (const RoutineRow& row : routines) {
-        SCOPED_TRACE(row.name);
-        const auto it = registered.find(row.name);
-        ASSERT_NE(it, registered.end()) << "not registered";
-        EXPECT_EQ(it->second.is_function, row.kind == function);
-        EXPECT_EQ(it->second.min_args, row.min_args);
-        EXPECT_EQ(it->second.max_args, row.max_args);
-        EXPECT_EQ(it->second.keywords, row.flags == keywords);
-        registered.erase(it);
+        rows.emplace(row.name, row.kind == function, row.min_args, row.max_args,
+                     row.flags == keywords);
         if (row.kind == procedure)
             continue;
-        const std::string name = row.name;
+        const std::string name = row.name, cls = name.substr(0, name.find("::"));
         const zok::Args args(row.args.begin(), row.args.end());
-        const size_t colons = name.find("::");
-        const Value result =
-            colons == std::string::npos
-                ? host.call_function(name, args)
-                : host.call_method(host.new_object(name.substr(0, colons)), name, args);
-        EXPECT_EQ(result.type(), row.result) << result.to_string();
-        EXPECT_EQ(result.is_array(), row.array);
+        const zok::Value result = cls == name ? host.call_function(name, args)
+                                              : host.call_method(host.new_object(cls), name, args);
+        EXPECT_EQ(std::pair(result.type(), result.is_array()), std::pair(row.result, row.array))
+            << name << " gave " << result.to_string();
     }
-    for (const auto& [name, r] : registered)
-        ADD_FAILURE() << name << " is registered but has no row";
-    EXPECT_EQ(flux::function_table().size(), 33u);
-    EXPECT_EQ(flux::procedure_table().size(), 59u);
-    // The module hands over each table in byte order of name.
-    for (auto table : {flux::function_table(), flux::procedure_table()})
-        EXPECT_TRUE(std::is_sorted(table.begin(), table.end(), [](const auto& a, const auto& b) {
-            return std::strcmp(a.name, b.name) < 0;
-        }));
-}
+    EXPECT_EQ(registered, rows);
+    EXPECT_EQ(flux::function_table().size() + flux::procedure_table().size(), std::size(routines));
 
-TEST_F(Interface, StructuresKeywordTablesAndMessagesAreTheRows) {
-    std::set<std::string> names;
-    for (const StructRow& row : structures) {
-        SCOPED_TRACE(row.name);
-        names.insert(row.name);
-        EXPECT_EQ(host.parent_of(row.name), row.parent);
-        std::vector<TagSpec> expected = host.tag_specs(row.parent);
-        expected.insert(expected.end(), row.tags.begin(), row.tags.end());
-        const std::vector<TagSpec> tags = host.tag_specs(row.name);
-        EXPECT_TRUE(std::ranges::equal(tags, expected, [](const TagSpec& a, const TagSpec& b) {
-            return a.name == b.name && a.type == b.type;
-        })) << "tags differ";
-        EXPECT_EQ(row.definition(), host.find_struct(row.name));
+    EXPECT_EQ(host.struct_names().size(), std::size(structures));
+    for (const auto& [name, parent, own_tags, definition] : structures) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(host.parent_of(name), parent);
+        std::vector<TagSpec> expected = host.tag_specs(parent);
+        expected.insert(expected.end(), own_tags.begin(), own_tags.end());
+        EXPECT_TRUE(std::ranges::equal(host.tag_specs(name), expected,
+                                       [](const TagSpec& a, const TagSpec& b) {
+                                           return a.name == b.name && a.type == b.type;
+                                       }))
+            << "tags differ";
+        EXPECT_EQ(definition(), host.find_struct(name));
     }
-    const std::vector<std::string> defined = host.struct_names();
-    EXPECT_EQ(std::set<std::string>(defined.begin(), defined.end()), names);
-    std::map<std::string, std::pair<int64_t, int64_t>> places; // keyword -> (given, value)
-    for (const KeywordRow& row : keyword_tables) {
-        SCOPED_TRACE(row.init_of);
-        const zok_keyword_entry* e = row.table;
+    for (const auto& [init_of, table, table_keywords] : keyword_tables) {
+        SCOPED_TRACE(init_of);
+        const zok_keyword_entry* e = table;
         EXPECT_STREQ(e->keyword, "");
         EXPECT_EQ(e->type + e->mask + e->flags + e->given + e->value, 0);
-        std::map<int, const zok_keyword_entry*> by_rank;
-        for (const Keyword& k : row.keywords) {
-            ASSERT_NE((++e)->keyword, nullptr) << "the table ends before " << k.name;
-            EXPECT_STREQ(e->keyword, k.name);
-            EXPECT_EQ(e->type, k.type) << k.name;
-            EXPECT_EQ(e->mask, 1) << k.name;
-            EXPECT_EQ(e->flags, k.flags) << k.name;
-            const auto place = places.try_emplace(k.name, e->given, e->value).first;
-            EXPECT_EQ(place->second, std::pair(e->given, e->value)) << k.name << " moved";
-            by_rank[k.rank] = e;
+        for (const auto& [name, type, flags] : table_keywords) {
+            ASSERT_NE((++e)->keyword, nullptr) << "the table ends before " << name;
+            EXPECT_EQ(std::tuple(std::string(e->keyword), e->type, e->mask, e->flags),
+                      std::tuple(name, type, 1, flags));
         }
         EXPECT_EQ((++e)->keyword, nullptr) << "the table goes on after its rows";
-        int64_t end = 0; // of the leading word
-        for (const auto& [rank, k] : by_rank) {
-            EXPECT_GT(k->given, end) << k->keyword;
-            EXPECT_GT(k->value, k->given) << k->keyword;
-            end = k->value;
-        }
     }
-    const auto blocks = host.message_blocks();
-    ASSERT_EQ(blocks.size(), 1u);
-    EXPECT_EQ(blocks.begin()->first, message_block);
-    ASSERT_EQ(blocks.begin()->second.size(), std::size(messages));
-    for (const MessageRow& m : messages) { // code 0 is the first message, -1 the second
-        EXPECT_EQ(blocks.begin()->second[size_t(-m.code)].name, m.name);
-        EXPECT_EQ(blocks.begin()->second[size_t(-m.code)].text, m.text);
-    }
+    std::vector<std::tuple<std::string, int, std::string, std::string>> blocks, message_rows;
+    for (const auto& [block, defs] : host.message_blocks())
+        for (size_t i = 0; i < defs.size(); ++i) // code 0 first, then -1, ...
+            blocks.emplace_back(block, -int(i), defs[i].name, defs[i].text);
+    for (const auto& [code, name, text] : messages)
+        message_rows.emplace_back(message_block, code, name, text);
+    EXPECT_EQ(blocks, message_rows);
 }
-
-} // namespace

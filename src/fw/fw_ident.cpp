@@ -18,15 +18,34 @@
 #include "maps/rb_access.hpp"
 
 namespace flux {
-namespace {
 
 struct IdentRecord {
     uint32_t ident;
     int32_t uses; // acquisitions not yet released; release has no floor
 };
 
+namespace {
+
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
+
+// The record that a reservation of a fixed name (a text of the module's own,
+// told by its address) found or made last: every INIT reserves the generic
+// message's.  Forgotten whenever an entry goes, so it never outlives its record.
+struct FixedName {
+    const char* name = nullptr;
+    IdentRecord* record = nullptr;
+} last_fixed;
+
+// The record whose uses were counted last, by its own identifier: an object
+// releases what its INIT acquired.  It is read only while that identifier is
+// live, and an entry goes with its identifier's heap variable, whose number this
+// host never hands out again; a new host starts the numbers again, so
+// forgetting the indexes forgets it too.
+struct LastCounted {
+    uint32_t ident = 0;
+    IdentRecord* record = nullptr;
+} last_counted;
 
 const zok_string& text_at(RbWord word) {
     return *reinterpret_cast<const zok_string*>(word);
@@ -122,6 +141,7 @@ IdentRecord* make_entry(const zok_string* name) {
 
 // Frees an entry's key, heap variable and record, then the entry itself.
 void drop_entry(RbNode* entry) {
+    last_fixed = {};
     zok_string* key = key_of(entry);
     IdentRecord* record = record_of(entry);
     host_string_release(key, 1);
@@ -135,8 +155,13 @@ void adjust_uses(uint32_t ident, int32_t delta) {
     const zok_string* text = fwident_text(ident);
     if (text == nullptr)
         return;
-    if (IdentRecord* record = find_record(text))
-        record->uses += delta;
+    // The entry of a live identifier is the entry of its text.
+    IdentRecord* record = ident == last_counted.ident ? last_counted.record : find_record(text);
+    if (record == nullptr)
+        return;
+    if (record->ident == ident)
+        last_counted = {ident, record};
+    record->uses += delta;
 }
 
 } // namespace
@@ -219,7 +244,7 @@ int fwident_order(uint32_t a, uint32_t b) {
         raise_module_message(MSG_FWMSG_IDCORRUPT);
         return 0;
     }
-    return text_order(*text_a, *text_b);
+    return text_a == text_b ? 0 : text_order(*text_a, *text_b);
 }
 
 IdentReservation::IdentReservation(const zok_string* name) {
@@ -227,19 +252,29 @@ IdentReservation::IdentReservation(const zok_string* name) {
 }
 
 IdentReservation::IdentReservation(const char* fixed_name) {
+    if (last_fixed.name == fixed_name) {
+        record_ = last_fixed.record;
+        ident_ = record_->ident;
+        return;
+    }
     // A borrowed descriptor: the registry copies the text when it keeps it.
     const zok_string borrowed{static_cast<uint32_t>(std::strlen(fixed_name)), 0, 0,
                               const_cast<char*>(fixed_name)};
-    obtain(&borrowed);
+    last_fixed = {fixed_name, obtain(&borrowed)};
 }
 
-void IdentReservation::obtain(const zok_string* name) {
-    if (IdentRecord* record = find_record(name)) {
-        ident_ = record->ident;
-        return;
+IdentRecord* IdentReservation::obtain(const zok_string* name) {
+    record_ = find_record(name);
+    if (record_ == nullptr) {
+        record_ = make_entry(name);
+        made_ = true;
     }
-    ident_ = make_entry(name)->ident;
-    made_ = true;
+    ident_ = record_->ident;
+    return record_;
+}
+
+void IdentReservation::acquire() {
+    record_->uses += 1;
 }
 
 IdentReservation::~IdentReservation() {
@@ -261,6 +296,8 @@ void fwident_session_reset() {
 void fwident_forget() {
     name_index = nullptr;
     rollover_index = nullptr;
+    last_fixed = {};
+    last_counted = {};
 }
 
 std::vector<FwIdentEntry> fwident_entries() {

@@ -34,6 +34,8 @@ void fwident_collect(bool all);
 // text's entry is made now when it has none (no use counted), and an entry made
 // here goes again if the call fails before it commits, that is before it stores
 // the identifier or calls out.  Once committed, the ordinary rules hold.
+struct IdentRecord;
+
 class IdentReservation {
 public:
     explicit IdentReservation(const zok_string* name);
@@ -43,11 +45,15 @@ public:
     ~IdentReservation();
     uint32_t ident() const { return ident_; }
     void commit() { made_ = false; }
+    // Counts one use, as fwident_acquire(ident()) does, through the entry found
+    // or made here (no entry goes while a reservation is held uncommitted).
+    void acquire();
 
 private:
-    void obtain(const zok_string* name);
+    IdentRecord* obtain(const zok_string* name);
 
     uint32_t ident_ = 0;
+    IdentRecord* record_ = nullptr;
     bool made_ = false;
 };
 // The order of identifiers: by text.  Raises "FWIdent corruption" when either

@@ -50,7 +50,7 @@ uint32_t scope_in(Self self, uint32_t ident) {
     const uint32_t table = fields_of(self).behaviors;
     if (table == 0)
         return 0;
-    return maph_node_value(maph_find(table, ident, fwident_order));
+    return maph_find_value(table, ident, fwident_order);
 }
 
 // Climbs a handler chain, refusing one that loops (MYHANDLER can be pointed at
@@ -377,8 +377,9 @@ MessageInit::MessageInit(Self self, const KeywordFront* keywords, bool may_regis
 void MessageInit::finish(uint32_t& ident_field) {
     // "Generic Message" is the identifier first held, and stays known when the
     // MESSAGESTRING keyword replaces it.
-    ident_field = text_ ? text_->ident() : generic_.ident();
-    fwident_acquire(ident_field);
+    IdentReservation& message = text_ ? *text_ : generic_;
+    ident_field = message.ident();
+    message.acquire();
     generic_.commit();
     if (text_)
         text_->commit();
@@ -434,12 +435,14 @@ void add_behavior(uint32_t handler, uint32_t behavior, uint32_t ident, uint32_t 
         root_scope.emplace(at.handler, ident);
         if (!root_scope->needed())
             refuse_cleaned_up_root(at.handler);
-        reserve(nodes, root_scope->nodes());
+        reserve(nodes, root_scope->nodes() + kEntryNodes);
     }
-    reserve(nodes, kEntryNodes);
     made_default.commit();
     if (root_scope)
         root_scope->commit();
+    // Into a set that exists, the insertion makes both its nodes before it links
+    // either, so it fails without a change by itself; a climb that found a set
+    // made no default handler.
     file_behavior(at.set != 0 ? at.set : find_scope(at.handler, ident), behavior);
 }
 

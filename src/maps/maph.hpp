@@ -58,6 +58,18 @@ uint32_t maph_find(uint32_t map, uint32_t key, Compare compare) {
         map, [key, compare](uint32_t entry_key) { return compare(key, entry_key); }, found);
     return found ? at : 0;
 }
+// The value of the entry with an equal key, or 0 (also for map 0); read through the
+// node the search ends at, with no look-up of its own.
+template <class Compare>
+uint32_t maph_find_value(uint32_t map, uint32_t key, Compare compare) {
+    if (!map)
+        return 0;
+    bool found;
+    const HeapNode at = RbhTree::find(
+        HeapNode{map}, [key, compare](uint32_t entry_key) { return compare(key, entry_key); },
+        RbhAccess::complaints.find_gkey_non_head, found);
+    return found ? RbhAccess::value(RbhAccess::at(at)) : 0;
+}
 // The entry with an equal key if there is one, else a new entry; 0 when no heap variable
 // can be made.  One search either way.
 template <class Compare>

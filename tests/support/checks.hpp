@@ -7,7 +7,6 @@
 #include <zlib.h>
 
 #include <filesystem>
-#include <string>
 
 #include "frame/module.hpp"
 #include "fw/fw_ident.hpp"

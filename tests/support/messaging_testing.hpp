@@ -9,12 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "frame/module.hpp"
-#include "fw/fw_ident.hpp"
 #include "fw/fw_messhndlr.hpp"
-#include "host.hpp"
 #include "support/checks.hpp"
 #include "support/testing.hpp"
 
@@ -44,6 +39,7 @@ struct Refusal {
     std::function<void()> call;
     int32_t code;
     std::string text;
+    std::string block = ""; // the module's own messages come from its block
 };
 
 inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusals) {
@@ -54,6 +50,7 @@ inline void expect_refusals(zok::Host& host, const std::vector<Refusal>& refusal
         if (!refusals[i].text.empty()) {
             EXPECT_EQ(e.text(), refusals[i].text);
         }
+        EXPECT_EQ(e.block(), refusals[i].block);
         EXPECT_EQ(Observable(host).since(before), "");
     }
 }
@@ -113,12 +110,9 @@ protected:
     }
     std::vector<uint32_t> filed(ObjectRef handler, const std::string& text) {
         const Value v = host.call_method(handler, "BEHAVIORS", {text});
+        EXPECT_TRUE(v.is_array() || !v.as_object()) << "a scalar BEHAVIORS result must be null";
         std::vector<uint32_t> ids;
-        if (!v.is_array()) {
-            EXPECT_FALSE(v.as_object()) << "a scalar BEHAVIORS result must be null";
-            return ids;
-        }
-        for (const Value& e : v.elements())
+        for (const Value& e : v.is_array() ? v.elements() : std::vector<Value>{})
             ids.push_back(e.as_object().id);
         return ids;
     }
@@ -127,13 +121,6 @@ protected:
         return host.get_tag(ObjectRef{id}, tag).as_pointer().id;
     }
     ObjectRef default_handler() const { return ObjectRef{flux::default_handler()}; }
-    // The registry's use count of a text; none when the registry does not know it.
-    static std::optional<int32_t> uses(const std::string& text) {
-        for (const flux::FwIdentEntry& e : flux::fwident_entries())
-            if (e.name == text)
-                return e.uses;
-        return std::nullopt;
-    }
 
     // The first broken invariant of the module and of every live handler (the
     // full check: these programs never leave dead names in a table).

@@ -3,12 +3,9 @@
 // that a call raises a given host or module code.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
-#include <string>
-#include <utility>
 
 #include <gtest/gtest.h>
 
