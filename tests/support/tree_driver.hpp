@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "frame/structs.hpp"
@@ -20,15 +20,17 @@
 
 namespace maptest {
 
+using namespace flux;
+
 // Negative, 0 or positive as a is less than, equal to or greater than b.
 template <class T>
 int three_way(T a, T b) {
     return (a > b) - (a < b);
 }
-inline int string_order(flux::RbWord a, flux::RbWord b) {
+inline int string_order(RbWord a, RbWord b) {
     return std::strcmp(reinterpret_cast<const char*>(a), reinterpret_cast<const char*>(b));
 }
-inline int int_order(flux::RbWord a, flux::RbWord b) {
+inline int int_order(RbWord a, RbWord b) {
     return three_way(static_cast<int32_t>(a), static_cast<int32_t>(b));
 }
 // An order unlike the key words' own, to show that the trees follow the caller's.
@@ -37,101 +39,93 @@ int by_residue(Word a, Word b) {
     return three_way(std::pair(a % 13, a), std::pair(b % 13, b));
 }
 
-// A tree of one variant and key kind.  `insert` goes through the kind's low-level insert,
-// which allows equal keys; `paint` colours the node that a path of 'l' and 'r' reaches
-// from the root; `nodes` counts the variant's live nodes.
-struct Rb {
-    enum Kind { key, ikey, gkey } kind = ikey;
-    using Entry = flux::RbNode*;
-    using Word = flux::RbWord;
-    flux::RbNode* head = flux::map_new();
+// A tree of one variant and key kind: Tree<false> is map_rb, whose nodes are blocks of the
+// plain allocator, Tree<true> map_rbh, whose nodes are heap variables; text and signed
+// keys are map_rb's kinds, unsigned ones map_rbh's.  `insert` goes through the kind's
+// low-level insert, which allows equal keys; `paint` colours the node that a path of 'l'
+// and 'r' reaches from the root; `nodes` counts the variant's live nodes.
+template <bool Heap>
+struct Tree {
+    using Entry = std::conditional_t<Heap, uint32_t, RbNode*>;
+    using Word = std::conditional_t<Heap, uint32_t, RbWord>;
+    enum Kind { key, ikey, gkey } kind = Heap ? key : ikey;
 
-    flux::RbCompare order() const {
-        return kind == key ? string_order : kind == ikey ? int_order : by_residue<Word>;
+    // The map_rb entry point, or the map_rbh one.
+    static constexpr auto pick(auto rb, auto rbh) {
+        if constexpr (Heap)
+            return rbh;
+        else
+            return rb;
+    }
+    Entry head = pick(map_new, maph_new)();
+
+    int (*order() const)(Word, Word) {
+        if (kind == gkey)
+            return by_residue<Word>;
+        return pick(kind == key ? string_order : int_order, three_way<Word>);
     }
     Entry find_n(Word k, bool& found) const {
-        const auto text = reinterpret_cast<const char*>(k);
-        return kind == key    ? flux::map_rb_find_key_n(head, text, found)
-               : kind == ikey ? flux::map_rb_find_ikey_n(head, static_cast<int32_t>(k), found)
-                              : flux::map_rb_find_gkey_n(head, k, order(), found);
+        if (kind == gkey)
+            return pick(map_rb_find_gkey_n, map_rbh_find_gkey_n)(head, k, order(), found);
+        if constexpr (Heap)
+            return map_rbh_find_key_n(head, k, found);
+        else
+            return kind == key ? map_rb_find_key_n(head, reinterpret_cast<const char*>(k), found)
+                               : map_rb_find_ikey_n(head, static_cast<int32_t>(k), found);
     }
     Entry insert(Word k, Word v = 0) {
-        const auto text = reinterpret_cast<const char*>(k);
-        return kind == key    ? flux::map_insert_key(head, text, v)
-               : kind == ikey ? flux::map_insert_ikey(head, static_cast<int32_t>(k), v)
-                              : flux::map_insert_gkey(head, k, v, order());
+        if (kind == gkey)
+            return pick(map_insert_gkey, maph_insert_gkey)(head, k, v, order());
+        if constexpr (Heap)
+            return maph_insert_key(head, k, v);
+        else
+            return kind == key ? map_insert_key(head, reinterpret_cast<const char*>(k), v)
+                               : map_insert_ikey(head, static_cast<int32_t>(k), v);
     }
-    Entry put(Word k, Word v = 0) { return flux::map_put(head, k, v, order()); }
-    static Entry insert_after(Entry e, Word k, Word v) { return flux::map_insert_after(e, k, v); }
-    static void remove(Entry e) { flux::map_remove_node(e); }
-    static Word key_of(Entry e) { return flux::map_node_key(e); }
-    static Word value_of(Entry e) { return flux::map_node_value(e); }
-    Entry first() const { return flux::map_first(head); }
-    static Entry next(Entry e) { return flux::map_next(e); }
-    size_t count() const { return flux::map_count(head); }
-    std::string check() const { return flux::map_rb_check(head, order()); }
-    flux::RbKeyText text() const {
-        if (kind == key)
-            return flux::map_rb_string_key_text;
-        return [](Word k) { return std::to_string(static_cast<int32_t>(k)); };
+    Entry put(Word k, Word v = 0) { return pick(map_put, maph_put)(head, k, v, order()); }
+    static Entry insert_after(Entry e, Word k, Word v) {
+        return pick(map_insert_after, maph_insert_after)(e, k, v);
     }
-    std::string outline() const { return flux::map_rb_outline(head, text()); }
+    static void remove(Entry e) { pick(map_remove_node, maph_remove_node)(e); }
+    static Word key_of(Entry e) { return pick(map_node_key, maph_node_key)(e); }
+    static Word value_of(Entry e) { return pick(map_node_value, maph_node_value)(e); }
+    Entry first() const { return pick(map_first, maph_first)(head); }
+    static Entry next(Entry e) { return pick(map_next, maph_next)(e); }
+    size_t count() const { return pick(map_count, maph_count)(head); }
+    std::string check() const { return pick(map_rb_check, map_rbh_check)(head, order()); }
+    std::string outline() const {
+        std::function<std::string(Word)> text = [](Word k) {
+            return std::to_string(static_cast<int32_t>(k));
+        };
+        if (!Heap && kind == key)
+            text = map_rb_string_key_text;
+        return pick(map_rb_outline, map_rbh_outline)(head, text);
+    }
     void paint(const char* path, bool red) {
-        flux::RbNode* n = head->parent;
-        for (const char* c = path; *c; ++c)
-            n = *c == 'l' ? n->left : n->right;
-        n->status = red ? n->status | 1u : n->status & ~1u;
+        if constexpr (Heap) {
+            uint32_t n = map_rbh_node(head)->parent;
+            for (const char* c = path; *c; ++c)
+                n = *c == 'l' ? map_rbh_node(n)->flink : map_rbh_node(n)->blink;
+            map_rbh_node(n)->status[0] = red;
+        } else {
+            RbNode* n = head->parent;
+            for (const char* c = path; *c; ++c)
+                n = *c == 'l' ? n->left : n->right;
+            n->status = red ? n->status | 1u : n->status & ~1u;
+        }
     }
-    void free() { flux::map_free(head); }
-    static size_t nodes() { return zok::Host::current().memory(zok::kPlainLabel).blocks; }
+    void free() { pick(map_free, maph_free)(head); }
+    static size_t nodes() {
+        zok::Host& host = zok::Host::current();
+        return Heap ? host.heap_count() : host.memory(zok::kPlainLabel).blocks;
+    }
 };
-
-struct Rbh {
-    enum Kind { key, gkey } kind = key;
-    using Entry = uint32_t;
-    using Word = uint32_t;
-    uint32_t head = flux::maph_new();
-
-    flux::RbhCompare order() const { return kind == key ? three_way<Word> : by_residue<Word>; }
-    Entry find_n(Word k, bool& found) const {
-        return kind == key ? flux::map_rbh_find_key_n(head, k, found)
-                           : flux::map_rbh_find_gkey_n(head, k, order(), found);
-    }
-    Entry insert(Word k, Word v = 0) {
-        return kind == key ? flux::maph_insert_key(head, k, v)
-                           : flux::maph_insert_gkey(head, k, v, order());
-    }
-    Entry put(Word k, Word v = 0) { return flux::maph_put(head, k, v, order()); }
-    static Entry insert_after(Entry e, Word k, Word v) { return flux::maph_insert_after(e, k, v); }
-    static void remove(Entry e) { flux::maph_remove_node(e); }
-    static Word key_of(Entry e) { return flux::maph_node_key(e); }
-    static Word value_of(Entry e) { return flux::maph_node_value(e); }
-    Entry first() const { return flux::maph_first(head); }
-    static Entry next(Entry e) { return flux::maph_next(e); }
-    size_t count() const { return flux::maph_count(head); }
-    std::string check() const { return flux::map_rbh_check(head, order()); }
-    std::string outline() const { return flux::map_rbh_outline(head); }
-    void paint(const char* path, bool red) {
-        uint32_t n = flux::map_rbh_node(head)->parent;
-        for (const char* c = path; *c; ++c)
-            n = *c == 'l' ? flux::map_rbh_node(n)->flink : flux::map_rbh_node(n)->blink;
-        flux::map_rbh_node(n)->status[0] = red;
-    }
-    void free() { flux::maph_free(head); }
-    static size_t nodes() { return zok::Host::current().heap_count(); }
-};
+using Rb = Tree<false>;
+using Rbh = Tree<true>;
 
 // A tree of n entries holds n leaves, n-1 internal nodes and the head.
 constexpr size_t nodes_for(size_t entries) {
     return entries ? 2 * entries : 1;
-}
-
-template <class Tree>
-Tree tree_of(std::initializer_list<int64_t> keys) {
-    Tree tree;
-    for (int64_t k : keys)
-        tree.insert(static_cast<typename Tree::Word>(k));
-    return tree;
 }
 
 // The fuzz target reads an operation as a number up to walk: its corpus depends on this order.
