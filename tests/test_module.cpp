@@ -7,6 +7,7 @@
 // outlives the object; and the class check names each way a map can be broken.
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -51,10 +52,20 @@ TEST(Load, ARefusedRegistrationAloneFailsTheLoad) {
         for (const std::string& name : absent)
             EXPECT_FALSE(host.has_routine(name)) << name;
     }
-    // Unrefused, the shared library loads whole.
+    // Unrefused, the shared library loads whole, and it exports its two entry
+    // points and nothing else of ours (the linker's own markers may be there).
     zok::Host host;
     host.load_module(ZOK_MODULE_PATH);
     EXPECT_TRUE(host.has_routine("ZOKDSMAP::GETKEYS"));
+    FILE* nm = popen(("nm -D --defined-only -j " + std::string(ZOK_MODULE_PATH)).c_str(), "r");
+    ASSERT_NE(nm, nullptr);
+    std::set<std::string> exported;
+    for (char name[1024]; std::fscanf(nm, "%1023s", name) == 1;)
+        exported.insert(name);
+    ASSERT_EQ(pclose(nm), 0);
+    for (const char* marker : {"_init", "_fini", "__bss_start", "_edata", "_end"})
+        exported.erase(marker);
+    EXPECT_EQ(exported, (std::set<std::string>{"ZOK_Load", "ZOK_ResetSession"}));
 }
 
 class Loaded : public ::testing::Test {
