@@ -115,6 +115,12 @@ TEST_F(SaveFile, EveryDamageAndEveryUnknownClassIsRefusedWithItsOwnErrorAndChang
     refused(good + "x",
             "has trailing bytes: 1 after the " + content_text + " content bytes its header states");
 
+    // A file that cannot be read: missing, or a directory.
+    for (const auto& [at, why] : {std::pair{path + ".none", "No such file or directory"},
+                                  std::pair{file.dir.string(), "Is a directory"}})
+        EXPECT_EQ(expect_error(ZOK_ERR_SAVE_FILE, [&] { host.restore(at); }).text(),
+                  "Save file " + at + " cannot be opened: " + why + "; nothing was restored.");
+
     // Cut short at each byte.
     for (size_t at = 0; at < good.size(); ++at)
         refused(good.substr(0, at),
