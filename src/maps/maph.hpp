@@ -38,24 +38,31 @@ bool maph_is_empty(uint32_t map);
 // before with maph_insert_before, or the map itself to append.  `order` orders the sought
 // key against an entry's key: negative less, 0 equal, positive greater.
 template <class Order>
+HeapNode maph_search_node(uint32_t map, Order order, bool& found) {
+    return RbhTree::find(HeapNode{map}, order, RbhAccess::complaints.find_gkey_non_head, found);
+}
+template <class Order>
 uint32_t maph_search(uint32_t map, Order order, bool& found) {
-    return RbhAccess::id(
-        RbhTree::find(HeapNode{map}, order, RbhAccess::complaints.find_gkey_non_head, found));
+    return RbhAccess::id(maph_search_node(map, order, found));
 }
 // A new entry just before what maph_search returned; 0 when no heap variable can be made.
 inline uint32_t maph_insert_before(uint32_t at, uint32_t key, uint32_t value) {
     return map_rbh_insert_b(at, key, value);
 }
 
-// The entry with an equal key, or 0 (also for map 0).  `compare(key, entry_key)` is
-// negative, 0 or positive as RbhCompare; an inline one is inlined into the search.
+// The order of `key` against an entry's key, for `compare(key, entry_key)` negative, 0 or
+// positive as RbhCompare; an inline one is inlined into the search.
+template <class Compare>
+auto maph_key_order(uint32_t key, Compare compare) {
+    return [key, compare](uint32_t entry_key) { return compare(key, entry_key); };
+}
+// The entry with an equal key, or 0 (also for map 0).
 template <class Compare>
 uint32_t maph_find(uint32_t map, uint32_t key, Compare compare) {
     if (!map)
         return 0;
     bool found;
-    const uint32_t at = maph_search(
-        map, [key, compare](uint32_t entry_key) { return compare(key, entry_key); }, found);
+    const uint32_t at = maph_search(map, maph_key_order(key, compare), found);
     return found ? at : 0;
 }
 // The value of the entry with an equal key, or 0 (also for map 0); read through the
@@ -65,9 +72,7 @@ uint32_t maph_find_value(uint32_t map, uint32_t key, Compare compare) {
     if (!map)
         return 0;
     bool found;
-    const HeapNode at = RbhTree::find(
-        HeapNode{map}, [key, compare](uint32_t entry_key) { return compare(key, entry_key); },
-        RbhAccess::complaints.find_gkey_non_head, found);
+    const HeapNode at = maph_search_node(map, maph_key_order(key, compare), found);
     return found ? RbhAccess::value(RbhAccess::at(at)) : 0;
 }
 // The entry with an equal key if there is one, else a new entry; 0 when no heap variable
@@ -75,8 +80,7 @@ uint32_t maph_find_value(uint32_t map, uint32_t key, Compare compare) {
 template <class Compare>
 uint32_t maph_find_or_insert(uint32_t map, uint32_t key, uint32_t value, Compare compare) {
     bool found;
-    const uint32_t at = maph_search(
-        map, [key, compare](uint32_t entry_key) { return compare(key, entry_key); }, found);
+    const uint32_t at = maph_search(map, maph_key_order(key, compare), found);
     return found ? at : maph_insert_before(at, key, value);
 }
 
