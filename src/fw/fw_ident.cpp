@@ -29,19 +29,16 @@ namespace {
 RbNode* name_index = nullptr;
 RbNode* rollover_index = nullptr;
 
-// The record that a reservation of a fixed name (a text of the module's own,
-// told by its address) found or made last: every INIT reserves the generic
-// message's.  Forgotten whenever an entry goes, so it never outlives its record.
+// Two shortcuts past the search by text, each forgotten whenever an entry goes
+// and with the indexes, so that neither outlives its record.  The record that a
+// reservation of a fixed name (a text of the module's own, told by its address)
+// found or made last: every INIT reserves the generic message's.
 struct FixedName {
     const char* name = nullptr;
     IdentRecord* record = nullptr;
 } last_fixed;
-
 // The record whose uses were counted last, by its own identifier: an object
-// releases what its INIT acquired.  It is read only while that identifier is
-// live, and an entry goes with its identifier's heap variable, whose number this
-// host never hands out again; a new host starts the numbers again, so
-// forgetting the indexes forgets it too.
+// releases what its INIT acquired.
 struct LastCounted {
     uint32_t ident = 0;
     IdentRecord* record = nullptr;
@@ -142,6 +139,7 @@ IdentRecord* make_entry(const zok_string* name) {
 // Frees an entry's key, heap variable and record, then the entry itself.
 void drop_entry(RbNode* entry) {
     last_fixed = {};
+    last_counted = {};
     zok_string* key = key_of(entry);
     IdentRecord* record = record_of(entry);
     host_string_release(key, 1);
